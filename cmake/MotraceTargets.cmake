@@ -1,0 +1,65 @@
+# Helpers that every subsystem's CMakeLists.txt uses, so that a target reads as
+# its name, its sources and what it depends on.
+
+# Warning flags and sanitizers. Linked privately while building; never exported.
+add_library(motrace_build_flags INTERFACE)
+target_compile_options(
+  motrace_build_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor
+                                -Woverloaded-virtual)
+if(MOTRACE_WERROR)
+  target_compile_options(motrace_build_flags INTERFACE -Werror)
+endif()
+
+if(MOTRACE_SANITIZE)
+  # Global: a sanitizer covers every object of the program or none.
+  add_compile_options(-fsanitize=${MOTRACE_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${MOTRACE_SANITIZE})
+  if(MOTRACE_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=all)
+  endif()
+endif()
+
+# Log records print the part of __FILE__ behind its last backslash. Mapping the
+# source roots to end in one makes that part the path below the root.
+add_compile_options(
+  "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/qvxmedia/src/=qvxmedia\\src\\"
+  "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/src/=src\\")
+
+# motrace_add_library(<target> ALIAS <ns::name> SOURCES ... [PUBLIC ...] [PRIVATE ...]
+#                     INCLUDE_DIR <dir> INSTALL_INCLUDE_DIR <dir>)
+# A static library with an alias; INCLUDE_DIR is what users' #include paths start from.
+function(motrace_add_library target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "ALIAS;INCLUDE_DIR;INSTALL_INCLUDE_DIR"
+                        "SOURCES;PUBLIC;PRIVATE")
+  add_library(${target} STATIC ${arg_SOURCES})
+  add_library(${arg_ALIAS} ALIAS ${target})
+  target_compile_features(${target} PUBLIC cxx_std_17)
+  target_include_directories(
+    ${target} PUBLIC $<BUILD_INTERFACE:${arg_INCLUDE_DIR}>
+                     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/${arg_INSTALL_INCLUDE_DIR}>)
+  target_link_libraries(
+    ${target}
+    PUBLIC ${arg_PUBLIC}
+    PRIVATE ${arg_PRIVATE} $<BUILD_INTERFACE:motrace_build_flags>)
+endfunction()
+
+# motrace_add_test(<target> SOURCES ... LIBS ... [TIMEOUT <s>] [LABELS ...])
+# One GoogleTest binary; each of its cases becomes a ctest entry.
+function(motrace_add_test target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LIBS;LABELS")
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 120)
+  endif()
+  add_executable(${target} ${arg_SOURCES})
+  target_link_libraries(${target} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main
+                                          motrace_build_flags)
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
+                       PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+endfunction()
+
+# motrace_add_benchmark(<target> SOURCES ... LIBS ...): one Google Benchmark binary.
+function(motrace_add_benchmark target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBS")
+  add_executable(${target} ${arg_SOURCES})
+  target_link_libraries(${target} PRIVATE ${arg_LIBS} benchmark::benchmark motrace_build_flags)
+endfunction()
