@@ -69,8 +69,7 @@ Bytes PositionSample(const Vec3& position, std::uint16_t reserved) {
   return Vec3Sample(CammType::kPosition, position, reserved);
 }
 
-Bytes MinimalGpsSample(double latitude, double longitude, double altitude,
-                       std::uint16_t reserved) {
+Bytes MinimalGpsSample(double latitude, double longitude, double altitude, std::uint16_t reserved) {
   Bytes sample = CammHeader(static_cast<std::uint16_t>(CammType::kMinimalGps), reserved);
   AppendDouble(sample, latitude);
   AppendDouble(sample, longitude);

@@ -63,10 +63,6 @@ class Mp4Track {
   std::optional<std::uint64_t> media_duration;
   /// The stts box leaves out this many samples at the end, as some cameras do.
   std::size_t samples_without_time = 0;
-  /// The sample size table promises this many samples more than there are (a cut recording).
-  std::size_t promised_samples = 0;
-  /// Chunk offsets of the whole track are moved by this, e.g. to point behind the end of the file.
-  std::uint64_t chunk_offset_shift = 0;
 
   [[nodiscard]] const std::vector<Mp4Sample>& samples() const { return samples_; }
   [[nodiscard]] std::uint32_t timescale() const { return timescale_; }
@@ -102,6 +98,9 @@ struct Mp4Layout {
   /// 64-bit chunk offsets and mdat size even where 32 bits are enough (they are always written
   /// where they are needed).
   bool force_64bit = false;
+  /// Bytes of mdat before the first chunk that belong to no sample. They are a hole of the file, so
+  /// that offsets behind 4 GiB can be tested at no cost. Not used by kFragmented.
+  std::uint64_t leading_gap = 0;
 };
 
 /// Writes the tracks, in that order in the file's track list. Throws std::runtime_error when the
