@@ -49,6 +49,7 @@ CodecContext NewEncoder(const char* name) {
   CodecContext context(avcodec_alloc_context3(codec));
   context->thread_count = 1;
   context->flags = AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_BITEXACT;
+  context->log_level_offset = AV_LOG_INFO - AV_LOG_ERROR;  // errors only
   return context;
 }
 
@@ -177,7 +178,7 @@ EncodedStream EncodeH264(const H264Options& options) {
   av_dict_set(&settings, "preset", "veryfast", 0);
   av_dict_set(&settings, "profile", options.b_frames > 0 ? "main" : "baseline", 0);
   // Plain B-frames where asked for, not where the encoder finds them useful.
-  av_dict_set(&settings, "x264-params", "b-adapt=0:scenecut=0:log-level=none", 0);
+  av_dict_set(&settings, "x264-params", "b-adapt=0:scenecut=0", 0);
   const int opened = avcodec_open2(encoder.get(), nullptr, &settings);
   av_dict_free(&settings);
   Check(opened, "open libx264");
