@@ -144,17 +144,17 @@ Bytes ToLengthPrefixed(const Bytes& annex_b) {
 
 /// A square that wanders over a gradient, so that prediction has something to do.
 void Draw(AVFrame* frame, int number) {
-  for (int y = 0; y < frame->height; ++y) {
+  std::uint8_t* row = frame->data[0];
+  for (int y = 0; y < frame->height; ++y, row += frame->linesize[0]) {
     for (int x = 0; x < frame->width; ++x) {
       const bool square = (x + 2 * number) % frame->width < 12 && (y + number) % frame->height < 12;
-      frame->data[0][y * frame->linesize[0] + x] =
-          static_cast<std::uint8_t>(square ? 230 : 40 + x + y);
+      row[x] = static_cast<std::uint8_t>(square ? 230 : 40 + x + y);
     }
   }
   for (int plane = 1; plane < 3; ++plane) {
-    for (int y = 0; y < frame->height / 2; ++y) {
-      std::fill_n(frame->data[plane] + y * frame->linesize[plane], frame->width / 2,
-                  static_cast<std::uint8_t>(128));
+    std::uint8_t* chroma = frame->data[plane];
+    for (int y = 0; y < frame->height / 2; ++y, chroma += frame->linesize[plane]) {
+      std::fill_n(chroma, frame->width / 2, std::uint8_t{128});
     }
   }
 }

@@ -111,7 +111,7 @@ struct CloseFile {
 Mp4Track::Mp4Track(std::string handler, Bytes sample_entry, std::uint32_t timescale)
     : handler_(std::move(handler)), sample_entry_(std::move(sample_entry)), timescale_(timescale) {}
 
-Mp4Track Mp4Track::Video(Bytes avcc, int width, int height, std::uint32_t timescale) {
+Mp4Track Mp4Track::Video(const Bytes& avcc, int width, int height, std::uint32_t timescale) {
   BoxBuilder entry;
   SampleEntryHeader(entry, "avc1");
   entry.Zeros(16);
@@ -134,8 +134,8 @@ Mp4Track Mp4Track::Video(Bytes avcc, int width, int height, std::uint32_t timesc
   return track;
 }
 
-Mp4Track Mp4Track::Audio(Bytes audio_specific_config, int channels, std::uint32_t sample_rate,
-                         std::uint32_t timescale) {
+Mp4Track Mp4Track::Audio(const Bytes& audio_specific_config, int channels,
+                         std::uint32_t sample_rate, std::uint32_t timescale) {
   // Object type: AAC; stream type: audio; buffer size and bit rates: unknown.
   const Bytes unknown(11, 0);
   const Bytes decoder =

@@ -37,9 +37,9 @@ struct Mp4Sample {
 class Mp4Track {
  public:
   /// H.264; `avcc` is the AVCDecoderConfigurationRecord (libavcodec's extradata in MP4 form).
-  static Mp4Track Video(Bytes avcc, int width, int height, std::uint32_t timescale);
+  static Mp4Track Video(const Bytes& avcc, int width, int height, std::uint32_t timescale);
   /// AAC; `audio_specific_config` goes into the esds box.
-  static Mp4Track Audio(Bytes audio_specific_config, int channels, std::uint32_t sample_rate,
+  static Mp4Track Audio(const Bytes& audio_specific_config, int channels, std::uint32_t sample_rate,
                         std::uint32_t timescale);
   /// Any other track: `handler` and `sample_entry` are four-character codes. Known: "camm" and
   /// "meta" handlers with entry "camm"; "tmcd"/"tmcd" (a timecode entry is written whole); anything

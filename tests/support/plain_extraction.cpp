@@ -70,7 +70,7 @@ std::string ToText(const TextRecord& record) {
   std::string text = "{";
   for (const auto& [key, value] : record) {
     if (text.size() > 1) text += ",";
-    text += "\"" + key + "\":" + value;
+    text.append("\"").append(key).append("\":").append(value);
   }
   return text + "}";
 }

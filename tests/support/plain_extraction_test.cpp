@@ -69,6 +69,7 @@ TEST(PlainExtractionTest, WritesAccelerationThenGyroscopeWithMicroseconds) {
 
 TEST(PlainExtractionTest, DealsExposuresOutOverSixFiles) {
   std::vector<TimedPayload> packets;
+  packets.reserve(8);
   for (int i = 0; i < 8; ++i) packets.push_back({i + 1, 0, ExposureSample(10000000 - i, 7)});
   const PlainExtraction result = ExtractPlainly(packets);
   EXPECT_EQ(Text(result.exposure[0]).substr(0, 32),

@@ -16,8 +16,6 @@
 #include <system_error>
 #include <utility>
 
-extern char** environ;
-
 namespace motrace::testing {
 namespace {
 
@@ -86,12 +84,13 @@ std::vector<std::string> Environment(const std::map<std::string, std::string>& c
     const std::string text = *entry;
     if (changes.count(text.substr(0, text.find('='))) == 0) entries.push_back(text);
   }
-  for (const auto& [name, value] : changes) entries.push_back(name + "=" + value);
+  for (const auto& [name, value] : changes) entries.emplace_back(name).append("=").append(value);
   return entries;
 }
 
 std::vector<char*> Pointers(std::vector<std::string>& strings) {
   std::vector<char*> pointers;
+  pointers.reserve(strings.size() + 1);
   for (std::string& string : strings) pointers.push_back(string.data());
   pointers.push_back(nullptr);
   return pointers;
