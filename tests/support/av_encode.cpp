@@ -1,0 +1,341 @@
+#include "support/av_encode.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/dict.h>
+#include <libavutil/frame.h>
+#include <libavutil/mathematics.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <stdexcept>
+
+namespace motrace::testing {
+namespace {
+
+struct FreeCodecContext {
+  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+};
+struct FreeFrame {
+  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+struct FreePacket {
+  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+struct FreeOutput {
+  void operator()(AVFormatContext* context) const {
+    if (context->pb != nullptr) avio_closep(&context->pb);
+    avformat_free_context(context);
+  }
+};
+using CodecContext = std::unique_ptr<AVCodecContext, FreeCodecContext>;
+using Frame = std::unique_ptr<AVFrame, FreeFrame>;
+using Packet = std::unique_ptr<AVPacket, FreePacket>;
+using Output = std::unique_ptr<AVFormatContext, FreeOutput>;
+
+int Check(int result, const std::string& what) {
+  if (result >= 0) return result;
+  char reason[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(result, reason, sizeof reason);
+  throw std::runtime_error(what + ": " + reason);
+}
+
+CodecContext NewEncoder(const char* name) {
+  const AVCodec* codec = avcodec_find_encoder_by_name(name);
+  if (codec == nullptr) throw std::runtime_error(std::string("no encoder ") + name);
+  CodecContext context(avcodec_alloc_context3(codec));
+  context->thread_count = 1;
+  context->flags = AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_BITEXACT;
+  context->log_level_offset = AV_LOG_INFO - AV_LOG_ERROR;  // errors only
+  return context;
+}
+
+/// Sends one frame (null: the end) and takes what the encoder has ready.
+void Encode(AVCodecContext* encoder, const AVFrame* frame, std::vector<EncodedPacket>& packets) {
+  Check(avcodec_send_frame(encoder, frame), "encode");
+  const Packet packet(av_packet_alloc());
+  for (;;) {
+    const int result = avcodec_receive_packet(encoder, packet.get());
+    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return;
+    Check(result, "encode");
+    packets.push_back({Bytes(packet->data, packet->data + packet->size), packet->pts, packet->dts,
+                       packet->duration, (packet->flags & AV_PKT_FLAG_KEY) != 0});
+    av_packet_unref(packet.get());
+  }
+}
+
+EncodedStream NewStream(const AVCodecContext* encoder) {
+  EncodedStream stream;
+  stream.time_base = encoder->time_base;
+  stream.parameters.reset(avcodec_parameters_alloc());
+  Check(avcodec_parameters_from_context(stream.parameters.get(), encoder), "codec parameters");
+  return stream;
+}
+
+void SetExtradata(AVCodecParameters* parameters, const Bytes& extradata) {
+  av_freep(&parameters->extradata);
+  parameters->extradata =
+      static_cast<std::uint8_t*>(av_mallocz(extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+  std::copy(extradata.begin(), extradata.end(), parameters->extradata);
+  parameters->extradata_size = static_cast<int>(extradata.size());
+}
+
+/// The NAL units of an Annex B byte stream (ITU-T H.264, B.1), without start codes.
+std::vector<Bytes> SplitAnnexB(const Bytes& stream) {
+  std::vector<Bytes> units;
+  std::size_t begin = 0;
+  bool inside = false;
+  std::size_t i = 0;
+  const auto end_unit = [&](std::size_t end) {
+    while (end > begin && stream[end - 1] == 0) --end;  // zeros before a start code
+    if (inside) {
+      units.emplace_back(stream.begin() + static_cast<std::ptrdiff_t>(begin),
+                         stream.begin() + static_cast<std::ptrdiff_t>(end));
+    }
+  };
+  while (i + 3 <= stream.size()) {
+    if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1) {
+      end_unit(i);
+      i += 3;
+      begin = i;
+      inside = true;
+    } else {
+      ++i;
+    }
+  }
+  end_unit(stream.size());
+  return units;
+}
+
+void AppendBigEndian(Bytes& out, std::size_t value, unsigned width) {
+  for (unsigned i = width; i-- > 0;) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+}
+
+/// AVCDecoderConfigurationRecord (ISO/IEC 14496-15, 5.3.3.1) of a Main profile stream.
+Bytes ToAvcc(const Bytes& annex_b_extradata) {
+  constexpr std::uint8_t kSps = 7;
+  constexpr std::uint8_t kPps = 8;
+  Bytes sps;
+  Bytes pps;
+  for (const Bytes& unit : SplitAnnexB(annex_b_extradata)) {
+    if ((unit.at(0) & 0x1F) == kSps) sps = unit;
+    if ((unit.at(0) & 0x1F) == kPps) pps = unit;
+  }
+  Bytes avcc{1, sps.at(1), sps.at(2), sps.at(3), 0xFF /*4-byte lengths*/, 0xE1 /*one SPS*/};
+  AppendBigEndian(avcc, sps.size(), 2);
+  avcc.insert(avcc.end(), sps.begin(), sps.end());
+  avcc.push_back(1);
+  AppendBigEndian(avcc, pps.size(), 2);
+  avcc.insert(avcc.end(), pps.begin(), pps.end());
+  return avcc;
+}
+
+Bytes ToLengthPrefixed(const Bytes& annex_b) {
+  Bytes out;
+  for (const Bytes& unit : SplitAnnexB(annex_b)) {
+    AppendBigEndian(out, unit.size(), 4);
+    out.insert(out.end(), unit.begin(), unit.end());
+  }
+  return out;
+}
+
+/// A square that wanders over a gradient, so that prediction has something to do.
+void Draw(AVFrame* frame, int number) {
+  std::uint8_t* row = frame->data[0];
+  for (int y = 0; y < frame->height; ++y, row += frame->linesize[0]) {
+    for (int x = 0; x < frame->width; ++x) {
+      const bool square = (x + 2 * number) % frame->width < 12 && (y + number) % frame->height < 12;
+      row[x] = static_cast<std::uint8_t>(square ? 230 : 40 + x + y);
+    }
+  }
+  for (int plane = 1; plane < 3; ++plane) {
+    std::uint8_t* chroma = frame->data[plane];
+    for (int y = 0; y < frame->height / 2; ++y, chroma += frame->linesize[plane]) {
+      std::fill_n(chroma, frame->width / 2, std::uint8_t{128});
+    }
+  }
+}
+
+}  // namespace
+
+Bytes EncodedStream::extradata() const {
+  return {parameters->extradata, parameters->extradata + parameters->extradata_size};
+}
+
+EncodedStream EncodeH264(const H264Options& options) {
+  const CodecContext encoder = NewEncoder("libx264");
+  encoder->width = options.width;
+  encoder->height = options.height;
+  encoder->pix_fmt = AV_PIX_FMT_YUV420P;
+  encoder->time_base = {1, options.frames_per_second};
+  encoder->framerate = {options.frames_per_second, 1};
+  encoder->gop_size = options.gop;
+  encoder->max_b_frames = options.b_frames;
+  AVDictionary* settings = nullptr;
+  av_dict_set(&settings, "preset", "veryfast", 0);
+  av_dict_set(&settings, "profile", options.b_frames > 0 ? "main" : "baseline", 0);
+  // Plain B-frames where asked for, not where the encoder finds them useful.
+  av_dict_set(&settings, "x264-params", "b-adapt=0:scenecut=0", 0);
+  const int opened = avcodec_open2(encoder.get(), nullptr, &settings);
+  av_dict_free(&settings);
+  Check(opened, "open libx264");
+
+  EncodedStream stream = NewStream(encoder.get());
+  const Frame frame(av_frame_alloc());
+  frame->format = encoder->pix_fmt;
+  frame->width = options.width;
+  frame->height = options.height;
+  Check(av_frame_get_buffer(frame.get(), 0), "frame");
+  for (int i = 0; i < options.frames; ++i) {
+    Check(av_frame_make_writable(frame.get()), "frame");
+    Draw(frame.get(), i);
+    frame->pts = i;
+    Encode(encoder.get(), frame.get(), stream.packets);
+  }
+  Encode(encoder.get(), nullptr, stream.packets);
+  for (EncodedPacket& packet : stream.packets) {
+    packet.duration = 1;
+    if (!options.annex_b) packet.data = ToLengthPrefixed(packet.data);
+  }
+  if (!options.annex_b) SetExtradata(stream.parameters.get(), ToAvcc(stream.extradata()));
+  return stream;
+}
+
+EncodedStream EncodeAac(const AacOptions& options) {
+  const CodecContext encoder = NewEncoder("aac");
+  encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
+  encoder->sample_rate = options.sample_rate;
+  encoder->time_base = {1, options.sample_rate};
+  encoder->bit_rate = 32000L * options.channels;
+  av_channel_layout_default(&encoder->ch_layout, options.channels);
+  Check(avcodec_open2(encoder.get(), nullptr, nullptr), "open aac");
+
+  EncodedStream stream = NewStream(encoder.get());
+  const Frame frame(av_frame_alloc());
+  frame->format = encoder->sample_fmt;
+  frame->sample_rate = encoder->sample_rate;
+  frame->nb_samples = encoder->frame_size;
+  Check(av_channel_layout_copy(&frame->ch_layout, &encoder->ch_layout), "channel layout");
+  Check(av_frame_get_buffer(frame.get(), 0), "frame");
+  const std::int64_t total = std::int64_t{options.milliseconds} * options.sample_rate / 1000;
+  for (std::int64_t sample = 0; sample < total; sample += encoder->frame_size) {
+    Check(av_frame_make_writable(frame.get()), "frame");
+    for (int channel = 0; channel < options.channels; ++channel) {
+      auto* out = reinterpret_cast<float*>(frame->data[channel]);
+      for (int i = 0; i < frame->nb_samples; ++i) {
+        const double seconds = static_cast<double>(sample + i) / options.sample_rate;
+        out[i] = static_cast<float>(0.2 * std::sin(2 * M_PI * 440 * (channel + 1) * seconds));
+      }
+    }
+    frame->pts = sample;
+    Encode(encoder.get(), frame.get(), stream.packets);
+  }
+  Encode(encoder.get(), nullptr, stream.packets);
+  return stream;
+}
+
+Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale, bool with_edit_list,
+                    std::uint32_t movie_timescale) {
+  const AVCodecParameters& parameters = *stream.parameters;
+  Mp4Track track =
+      parameters.codec_type == AVMEDIA_TYPE_VIDEO
+          ? Mp4Track::Video(stream.extradata(), parameters.width, parameters.height, timescale)
+          : Mp4Track::Audio(stream.extradata(), parameters.ch_layout.nb_channels,
+                            static_cast<std::uint32_t>(parameters.sample_rate), timescale);
+  const AVRational track_base{1, static_cast<int>(timescale)};
+  const auto ticks = [&](std::int64_t time) {
+    return av_rescale_q(time, stream.time_base, track_base);
+  };
+  const std::vector<EncodedPacket>& packets = stream.packets;
+  std::int64_t end = 0;
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    const EncodedPacket& packet = packets[i];
+    const std::int64_t next =
+        i + 1 < packets.size() ? packets[i + 1].dts : packet.dts + packet.duration;
+    track.Add(packet.data, static_cast<std::uint32_t>(ticks(next) - ticks(packet.dts)),
+              static_cast<std::int32_t>(ticks(packet.pts) - ticks(packet.dts)), packet.key);
+    end = std::max(end, packet.pts + packet.duration);
+  }
+  // Decode times count from 0 in the file, so time zero stands at -(first dts).
+  const std::int64_t zero = packets.empty() ? 0 : -ticks(packets.front().dts);
+  if (with_edit_list && zero != 0) {
+    const AVRational movie_base{1, static_cast<int>(movie_timescale)};
+    track.edits.push_back(
+        {static_cast<std::uint64_t>(av_rescale_q(end, stream.time_base, movie_base)), zero, 1});
+  }
+  return track;
+}
+
+void MuxWithLibavformat(const std::filesystem::path& path, const std::string& format,
+                        const EncodedStream* video, const EncodedStream* audio,
+                        const DataStream* data, const std::map<std::string, std::string>& options) {
+  AVFormatContext* allocated = nullptr;
+  Check(avformat_alloc_output_context2(&allocated, nullptr, format.c_str(), path.c_str()),
+        "muxer " + format);
+  const Output output(allocated);
+
+  struct Input {
+    AVRational time_base;
+    const std::vector<EncodedPacket>* packets;
+    AVStream* stream;
+    std::size_t next = 0;
+  };
+  std::vector<Input> inputs;
+  const auto add = [&](AVRational time_base, const std::vector<EncodedPacket>& packets) {
+    AVStream* stream = avformat_new_stream(output.get(), nullptr);
+    stream->time_base = time_base;
+    inputs.push_back({time_base, &packets, stream});
+    return stream;
+  };
+  for (const EncodedStream* encoded : {video, audio}) {
+    if (encoded == nullptr) continue;
+    AVStream* stream = add(encoded->time_base, encoded->packets);
+    Check(avcodec_parameters_copy(stream->codecpar, encoded->parameters.get()), "parameters");
+    stream->codecpar->codec_tag = 0;  // the container's own
+    if (encoded == video) stream->avg_frame_rate = av_inv_q(encoded->time_base);
+  }
+  if (data != nullptr) {
+    AVStream* stream = add(data->time_base, data->packets);
+    stream->codecpar->codec_type = AVMEDIA_TYPE_DATA;
+    stream->codecpar->codec_id = data->codec_id;
+    stream->codecpar->codec_tag = data->codec_tag;
+  }
+
+  output->flags |= AVFMT_FLAG_BITEXACT;
+  AVDictionary* settings = nullptr;
+  for (const auto& [key, value] : options) av_dict_set(&settings, key.c_str(), value.c_str(), 0);
+  int result = avio_open(&output->pb, path.c_str(), AVIO_FLAG_WRITE);
+  if (result >= 0) result = avformat_write_header(output.get(), &settings);
+  av_dict_free(&settings);
+  Check(result, "write " + path.string());
+
+  const Packet packet(av_packet_alloc());
+  for (;;) {
+    Input* earliest = nullptr;
+    for (Input& input : inputs) {
+      if (input.next == input.packets->size()) continue;
+      if (earliest == nullptr ||
+          av_compare_ts((*input.packets)[input.next].dts, input.time_base,
+                        (*earliest->packets)[earliest->next].dts, earliest->time_base) < 0) {
+        earliest = &input;
+      }
+    }
+    if (earliest == nullptr) break;
+    const EncodedPacket& encoded = (*earliest->packets)[earliest->next++];
+    Check(av_new_packet(packet.get(), static_cast<int>(encoded.data.size())), "packet");
+    std::copy(encoded.data.begin(), encoded.data.end(), packet->data);
+    packet->pts = encoded.pts;
+    packet->dts = encoded.dts;
+    packet->duration = encoded.duration;
+    packet->flags = encoded.key ? AV_PKT_FLAG_KEY : 0;
+    packet->stream_index = earliest->stream->index;
+    av_packet_rescale_ts(packet.get(), earliest->time_base, earliest->stream->time_base);
+    Check(av_interleaved_write_frame(output.get(), packet.get()), "write " + path.string());
+  }
+  Check(av_write_trailer(output.get()), "write " + path.string());
+}
+
+}  // namespace motrace::testing

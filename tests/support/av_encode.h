@@ -1,0 +1,89 @@
+#ifndef MOTRACE_TESTS_SUPPORT_AV_ENCODE_H_
+#define MOTRACE_TESTS_SUPPORT_AV_ENCODE_H_
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/rational.h>
+}
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/bytes.h"
+#include "support/mp4_writer.h"
+
+/// Real H.264 and AAC for the tests' files, encoded with libavcodec from a synthetic picture and
+/// tone. One thread, fixed settings: the same options give the same bytes on one machine.
+namespace motrace::testing {
+
+struct EncodedPacket {
+  Bytes data;
+  std::int64_t pts = 0;  ///< stream time base
+  std::int64_t dts = 0;  ///< stream time base; below zero at the start when there are B-frames
+  std::int64_t duration = 0;
+  bool key = true;
+};
+
+struct FreeCodecParameters {
+  void operator()(AVCodecParameters* parameters) const { avcodec_parameters_free(&parameters); }
+};
+
+/// An encoded elementary stream. Move-only.
+struct EncodedStream {
+  AVRational time_base{1, 1000};
+  /// Extradata in MP4 form: avcC for H.264, AudioSpecificConfig for AAC.
+  std::unique_ptr<AVCodecParameters, FreeCodecParameters> parameters;
+  std::vector<EncodedPacket> packets;  ///< decode order
+
+  [[nodiscard]] Bytes extradata() const;
+};
+
+struct H264Options {
+  int width = 64;
+  int height = 48;
+  int frames = 30;
+  int frames_per_second = 30;
+  int b_frames = 2;  ///< 0: decode order is display order
+  int gop = 15;
+  bool annex_b = false;  ///< start codes and Annex B extradata instead of avcC
+};
+/// Time base 1 / frames_per_second.
+EncodedStream EncodeH264(const H264Options& options = {});
+
+struct AacOptions {
+  int sample_rate = 48000;
+  int channels = 2;
+  int milliseconds = 1000;
+};
+/// Time base 1 / sample_rate; the first packet is the encoder's priming, with a pts below zero.
+EncodedStream EncodeAac(const AacOptions& options = {});
+
+/// The stream as a track of the MP4 writer, rescaled to `timescale`. Decode times begin at 0; what
+/// lies before time zero (B-frame delay, AAC priming) is cut by an edit list, as common muxers do,
+/// unless `with_edit_list` is false.
+Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale,
+                    bool with_edit_list = true, std::uint32_t movie_timescale = 1000);
+
+/// A data stream for MuxWithLibavformat.
+struct DataStream {
+  AVRational time_base{1, 1000};
+  AVCodecID codec_id = AV_CODEC_ID_BIN_DATA;
+  std::uint32_t codec_tag = 0;
+  std::vector<EncodedPacket> packets;
+};
+
+/// Writes the streams with one of libavformat's muxers ("mov", "mp4", "matroska", "mpegts", ...);
+/// `options` are the muxer's ("movflags": "frag_keyframe+empty_moov"). Streams that are null or
+/// absent are left out. Throws std::runtime_error with FFmpeg's reason when the muxer refuses.
+void MuxWithLibavformat(const std::filesystem::path& path, const std::string& format,
+                        const EncodedStream* video, const EncodedStream* audio,
+                        const DataStream* data,
+                        const std::map<std::string, std::string>& options = {});
+
+}  // namespace motrace::testing
+
+#endif  // MOTRACE_TESTS_SUPPORT_AV_ENCODE_H_

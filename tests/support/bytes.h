@@ -1,0 +1,23 @@
+#ifndef MOTRACE_TESTS_SUPPORT_BYTES_H_
+#define MOTRACE_TESTS_SUPPORT_BYTES_H_
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+namespace motrace::testing {
+
+/// Raw bytes: a sample's payload, a box, a file.
+using Bytes = std::vector<std::uint8_t>;
+
+/// The parts one after another.
+inline Bytes Concat(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
+}  // namespace motrace::testing
+
+#endif  // MOTRACE_TESTS_SUPPORT_BYTES_H_

@@ -1,0 +1,113 @@
+#ifndef MOTRACE_TESTS_SUPPORT_MP4_WRITER_H_
+#define MOTRACE_TESTS_SUPPORT_MP4_WRITER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/bytes.h"
+
+/// A small writer of ISO base media files (ISO/IEC 14496-12; the sample entries of 14496-14 and
+/// 14496-15) that can also produce the unusual layouts of real cameras, which common muxers refuse
+/// to write. It copies what it is told and checks nothing, so a test can write broken files too.
+namespace motrace::testing {
+
+/// One entry of an edit list.
+struct Mp4Edit {
+  std::uint64_t segment_duration = 0;  ///< movie time scale; 0 is written as it is
+  std::int64_t media_time = 0;         ///< track time scale; -1 = empty edit (a delay)
+  std::int16_t rate = 1;               ///< integer part of the rate; 0 = dwell
+};
+
+/// Where one sample's bytes are and when it is due.
+struct Mp4Sample {
+  std::uint64_t arena_offset = 0;
+  std::uint32_t size = 0;
+  std::uint32_t duration = 0;           ///< decode time to the next sample, track time scale
+  std::int32_t composition_offset = 0;  ///< pts - dts, track time scale; may be negative
+  bool sync = true;
+  bool hole = false;  ///< `size` bytes of the file that are never written (read back as zeros)
+};
+
+/// One track: what its header says, and its samples. All payloads lie in one arena, so that
+/// millions of small samples cost little more than their bytes.
+class Mp4Track {
+ public:
+  /// H.264; `avcc` is the AVCDecoderConfigurationRecord (libavcodec's extradata in MP4 form).
+  static Mp4Track Video(const Bytes& avcc, int width, int height, std::uint32_t timescale);
+  /// AAC; `audio_specific_config` goes into the esds box.
+  static Mp4Track Audio(const Bytes& audio_specific_config, int channels, std::uint32_t sample_rate,
+                        std::uint32_t timescale);
+  /// Any other track: `handler` and `sample_entry` are four-character codes. Known: "camm" and
+  /// "meta" handlers with entry "camm"; "tmcd"/"tmcd" (a timecode entry is written whole); anything
+  /// else gets an entry of 8 bytes behind its header.
+  static Mp4Track Data(const std::string& handler, const std::string& sample_entry,
+                       std::uint32_t timescale);
+  /// A Camera Motion Metadata track: handler "camm", sample entry "camm".
+  static Mp4Track Camm(std::uint32_t timescale) { return Data("camm", "camm", timescale); }
+
+  /// Appends a sample with its bytes.
+  void Add(const Bytes& payload, std::uint32_t duration, std::int32_t composition_offset = 0,
+           bool sync = true);
+  void Add(const std::uint8_t* data, std::size_t size, std::uint32_t duration,
+           std::int32_t composition_offset = 0, bool sync = true);
+  /// Appends a sample whose bytes are a hole of the file: a file of many gigabytes costs no disk.
+  void AddHole(std::uint32_t size, std::uint32_t duration, bool sync = true);
+
+  /// Edit list, written when not empty.
+  std::vector<Mp4Edit> edits;
+  /// What mdhd says instead of the sum of the durations, e.g. 0.
+  std::optional<std::uint64_t> media_duration;
+  /// The stts box leaves out this many samples at the end, as some cameras do.
+  std::size_t samples_without_time = 0;
+
+  [[nodiscard]] const std::vector<Mp4Sample>& samples() const { return samples_; }
+  [[nodiscard]] std::uint32_t timescale() const { return timescale_; }
+  /// Sum of the samples' durations, track time scale.
+  [[nodiscard]] std::uint64_t total_duration() const { return total_duration_; }
+
+ private:
+  friend class Mp4FileWriter;
+  Mp4Track(std::string handler, Bytes sample_entry, std::uint32_t timescale);
+
+  std::string handler_;
+  Bytes sample_entry_;  // the whole box
+  std::uint32_t timescale_;
+  int width_ = 0;
+  int height_ = 0;
+  Bytes arena_;
+  std::vector<Mp4Sample> samples_;
+  std::uint64_t total_duration_ = 0;
+};
+
+enum class Mp4Order {
+  kMoovLast,    ///< ftyp, mdat, moov: what a recorder writes
+  kMoovFirst,   ///< ftyp, moov, mdat: "fast start"
+  kFragmented,  ///< ftyp, moov without samples, then moof + mdat pairs
+};
+
+struct Mp4Layout {
+  Mp4Order order = Mp4Order::kMoovLast;
+  /// Chunks (and fragments) hold this much of each track, in milliseconds, and alternate between
+  /// the tracks; 0 = one track after another, each as a single chunk per track.
+  std::uint32_t interleave_ms = 500;
+  std::uint32_t movie_timescale = 1000;
+  /// 64-bit chunk offsets and mdat size even where 32 bits are enough (they are always written
+  /// where they are needed).
+  bool force_64bit = false;
+  /// Bytes of mdat before the first chunk that belong to no sample. They are a hole of the file, so
+  /// that offsets behind 4 GiB can be tested at no cost. Not used by kFragmented.
+  std::uint64_t leading_gap = 0;
+};
+
+/// Writes the tracks, in that order in the file's track list. Throws std::runtime_error when the
+/// file cannot be written.
+void WriteMp4(const std::filesystem::path& path, const std::vector<Mp4Track>& tracks,
+              const Mp4Layout& layout = {});
+
+}  // namespace motrace::testing
+
+#endif  // MOTRACE_TESTS_SUPPORT_MP4_WRITER_H_

@@ -1,0 +1,225 @@
+#include "support/plain_extraction.h"
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/mathematics.h>
+}
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace motrace::testing {
+namespace {
+
+std::uint64_t ReadLittleEndian(const Bytes& bytes, std::size_t at, std::size_t width) {
+  std::uint64_t value = 0;
+  for (std::size_t i = 0; i < width; ++i) value |= std::uint64_t{bytes.at(at + i)} << (8 * i);
+  return value;
+}
+
+std::int32_t ReadInt32(const Bytes& bytes, std::size_t at) {
+  return static_cast<std::int32_t>(ReadLittleEndian(bytes, at, 4));
+}
+
+double ReadFloat(const Bytes& bytes, std::size_t at) {
+  const auto bits = static_cast<std::uint32_t>(ReadLittleEndian(bytes, at, 4));
+  float value = 0;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+double ReadDouble(const Bytes& bytes, std::size_t at) {
+  const std::uint64_t bits = ReadLittleEndian(bytes, at, 8);
+  double value = 0;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+void WriteInt64(Bytes& out, std::uint64_t value) {
+  for (unsigned i = 0; i < 8; ++i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+}
+
+void WriteDouble(Bytes& out, double value) {
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &value, sizeof bits);
+  WriteInt64(out, bits);
+}
+
+/// Milliseconds to microseconds; overflow wraps.
+std::uint64_t Microseconds(std::int64_t milliseconds) {
+  return static_cast<std::uint64_t>(milliseconds) * 1000U;
+}
+
+struct MotionRecord {
+  std::int64_t pts_ms;
+  double x, y, z;
+};
+
+struct ExposureRecord {
+  std::int64_t pts_ms;
+  std::int32_t nanoseconds;
+};
+
+/// A record as gps.json shows it: std::map keeps the keys in ascending byte order.
+using TextRecord = std::map<std::string, std::string>;
+
+std::string ToText(const TextRecord& record) {
+  std::string text = "{";
+  for (const auto& [key, value] : record) {
+    if (text.size() > 1) text += ",";
+    text.append("\"").append(key).append("\":").append(value);
+  }
+  return text + "}";
+}
+
+struct CloseInput {
+  void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
+};
+struct FreePacket {
+  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+
+}  // namespace
+
+std::string JsonNumber(double value) {
+  if (std::isnan(value) || std::isinf(value)) return "null";
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, "%.15g", value);
+  std::string text = buffer;
+  if (text.find_first_of(".e") == std::string::npos) text += ".0";
+  return text;
+}
+
+std::map<std::string, Bytes> PlainExtraction::Files() const {
+  std::map<std::string, Bytes> files;
+  files["gyro.dat"] = gyro;
+  files["gps.json"] = Bytes(gps_json.begin(), gps_json.end());
+  for (std::size_t k = 0; k < exposure.size(); ++k) {
+    files["exposure_" + std::to_string(k + 1) + ".dat"] = exposure[k];
+  }
+  return files;
+}
+
+PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets) {
+  std::vector<MotionRecord> gyro;
+  std::vector<MotionRecord> acceleration;
+  std::vector<ExposureRecord> exposure;
+  std::vector<std::string> gps;
+
+  for (const TimedPayload& packet : packets) {
+    const Bytes& data = packet.payload;
+    // Keys stay set until the end of the packet: later records of the packet carry them too.
+    TextRecord record;
+    record["pts"] = std::to_string(packet.pts_ms);
+    record["dts"] = std::to_string(packet.dts_ms);
+    std::size_t pos = 0;
+    while (pos + 2 < data.size()) {
+      if (data.size() - pos == 3) break;  // the type is cut in two
+      const std::uint64_t type = ReadLittleEndian(data, pos + 2, 2);
+      pos += 4;
+      const std::size_t remaining = data.size() - pos;
+      if (type == 1 && remaining >= 8) {
+        record["pixel_exposure_time"] = std::to_string(ReadInt32(data, pos));
+        record["rolling_shutter_skew_time"] = std::to_string(ReadInt32(data, pos + 4));
+        exposure.push_back({packet.pts_ms, ReadInt32(data, pos)});
+        pos += 8;
+      } else if ((type == 2 || type == 3) && remaining >= 12) {
+        const MotionRecord motion{packet.pts_ms, ReadFloat(data, pos), ReadFloat(data, pos + 4),
+                                  ReadFloat(data, pos + 8)};
+        record["x"] = JsonNumber(motion.x);
+        record["y"] = JsonNumber(motion.y);
+        record["z"] = JsonNumber(motion.z);
+        (type == 2 ? gyro : acceleration).push_back(motion);
+        pos += 12;
+      } else if (type == 6 && remaining >= 56) {
+        record["time_gps_epoch"] = JsonNumber(ReadDouble(data, pos));
+        record["gps_fix_type"] = std::to_string(ReadInt32(data, pos + 8));
+        record["latitude"] = JsonNumber(ReadDouble(data, pos + 12));
+        record["longitude"] = JsonNumber(ReadDouble(data, pos + 20));
+        record["altitude"] = JsonNumber(ReadFloat(data, pos + 28));
+        record["horizontal_accuracy"] = JsonNumber(ReadFloat(data, pos + 32));
+        record["vertical_accuracy"] = JsonNumber(ReadFloat(data, pos + 36));
+        record["velocity_east"] = JsonNumber(ReadFloat(data, pos + 40));
+        record["velocity_north"] = JsonNumber(ReadFloat(data, pos + 44));
+        record["velocity_up"] = JsonNumber(ReadFloat(data, pos + 48));
+        record["speed_accuracy"] = JsonNumber(ReadFloat(data, pos + 52));
+        gps.push_back(ToText(record));
+        pos += 56;
+      }
+      // Anything else: only its header is skipped.
+    }
+  }
+
+  PlainExtraction result;
+  for (std::size_t i = 0; i < acceleration.size(); ++i) {
+    if (i >= gyro.size()) {
+      result.unpaired_accelerations = acceleration.size() - gyro.size();
+      break;
+    }
+    WriteInt64(result.gyro, Microseconds(acceleration[i].pts_ms));
+    for (const MotionRecord* motion : {&acceleration[i], &gyro[i]}) {
+      WriteDouble(result.gyro, motion->x);
+      WriteDouble(result.gyro, motion->y);
+      WriteDouble(result.gyro, motion->z);
+    }
+  }
+  for (std::size_t i = 0; i < exposure.size(); ++i) {
+    Bytes& file = result.exposure[i % 6];
+    WriteInt64(file, Microseconds(exposure[i].pts_ms));
+    WriteDouble(file, static_cast<double>(exposure[i].nanoseconds) * 1e-9);
+  }
+  if (gps.empty()) {
+    result.gps_json = "null";
+  } else {
+    result.gps_json = "{\"extended_gps_info\":[";
+    for (std::size_t i = 0; i < gps.size(); ++i) {
+      if (i > 0) result.gps_json += ",";
+      result.gps_json += gps[i];
+    }
+    result.gps_json += "]}";
+  }
+  return result;
+}
+
+std::optional<std::vector<TimedPayload>> ReadDataStream(const std::filesystem::path& path) {
+  // 0x40000 alone: side data stays with the packet, every default flag is off.
+  constexpr int kKeepSideDataOnly = 0x40000;
+  AVFormatContext* opened = avformat_alloc_context();
+  opened->flags = kKeepSideDataOnly;
+  if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0) {
+    throw std::runtime_error("libavformat can't open " + path.string());
+  }
+  const std::unique_ptr<AVFormatContext, CloseInput> input(opened);
+  avformat_find_stream_info(input.get(), nullptr);
+  const int data_stream = av_find_best_stream(input.get(), AVMEDIA_TYPE_DATA, -1, -1, nullptr, 0);
+
+  constexpr AVRational kMilliseconds{1, 1000};
+  std::optional<std::int64_t> start_ms;  // where the first packet of any stream stands
+  std::vector<TimedPayload> packets;
+  const std::unique_ptr<AVPacket, FreePacket> packet(av_packet_alloc());
+  while (av_read_frame(input.get(), packet.get()) >= 0) {
+    const AVRational time_base = input->streams[packet->stream_index]->time_base;
+    const std::int64_t position = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+    const bool timed = position != AV_NOPTS_VALUE;
+    if (timed && !start_ms) start_ms = av_rescale_q(position, time_base, kMilliseconds);
+    if (packet->stream_index == data_stream) {
+      std::int64_t offset = 0;
+      if (timed) offset = av_rescale_q(*start_ms, kMilliseconds, time_base);
+      const auto relative_ms = [&](std::int64_t stamp) {
+        const std::uint64_t moved =
+            static_cast<std::uint64_t>(stamp) - static_cast<std::uint64_t>(offset);
+        return av_rescale_q(static_cast<std::int64_t>(moved), time_base, kMilliseconds);
+      };
+      packets.push_back({relative_ms(packet->pts), relative_ms(packet->dts),
+                         Bytes(packet->data, packet->data + packet->size)});
+    }
+    av_packet_unref(packet.get());
+  }
+  if (data_stream < 0) return std::nullopt;
+  return packets;
+}
+
+}  // namespace motrace::testing

@@ -1,0 +1,39 @@
+#ifndef MOTRACE_TESTS_SUPPORT_SUBPROCESS_H_
+#define MOTRACE_TESTS_SUPPORT_SUBPROCESS_H_
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace motrace::testing {
+
+struct ProcessResult {
+  int exit_code = -1;      ///< 0 to 255; -1 when a signal ended the process
+  int signal = 0;          ///< the signal that ended it; 0 = it exited
+  bool timed_out = false;  ///< the time limit passed and the process was killed
+  std::string out;         ///< standard output, whole
+  std::string err;         ///< standard error, whole
+  std::chrono::milliseconds elapsed{0};
+};
+
+struct ProcessOptions {
+  std::filesystem::path working_directory;         ///< empty: the caller's
+  std::map<std::string, std::string> environment;  ///< set besides the caller's
+  std::chrono::seconds time_limit{60};             ///< only bounds a hang
+  /// Standard error is a terminal (a pseudo terminal) instead of a pipe.
+  bool stderr_is_terminal = false;
+  /// Soft limit of the size of a written file in bytes (RLIMIT_FSIZE); 0 = none.
+  std::uint64_t file_size_limit = 0;
+};
+
+/// Runs a program to its end and returns all it printed. arguments[0] is the program's path.
+/// Throws std::runtime_error when it can't be started.
+ProcessResult RunProcess(const std::vector<std::string>& arguments,
+                         const ProcessOptions& options = {});
+
+}  // namespace motrace::testing
+
+#endif  // MOTRACE_TESTS_SUPPORT_SUBPROCESS_H_
