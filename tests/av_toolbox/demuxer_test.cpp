@@ -224,8 +224,7 @@ TEST_F(DemuxerTest, ReadsFromAByteSource) {
     {
       Demuxer demuxer("no such file, and none is needed");
       ASSERT_EQ(demuxer.Open(nullptr, source), 0);
-      EXPECT_EQ(log.Records().front(),
-                DemuxerRecord("INFO", 118, "use custom iosource demux."));
+      EXPECT_EQ(log.Records().front(), DemuxerRecord("INFO", 118, "use custom iosource demux."));
       EXPECT_EQ(ReadAll(demuxer), expected) << "seekable: " << seekable;
       EXPECT_EQ(source.use_count(), 2);
       demuxer.Close();
@@ -329,8 +328,9 @@ TEST_F(DemuxerTest, AvcWithoutItsConfigurationIsReadUnfiltered) {
   ASSERT_NE(demuxer.VideoStream(), nullptr);
   EXPECT_EQ(demuxer.VideoStream()->codecpar->codec_id, AV_CODEC_ID_H264);
   EXPECT_EQ(ReadAll(demuxer).size(), 1U);
-  EXPECT_THAT(log.Records(), Not(Contains(DemuxerRecord(
-                                 "VERBOSE", 148, "check is mp4 format, need filter to annexb"))));
+  EXPECT_THAT(
+      log.Records(),
+      Not(Contains(DemuxerRecord("VERBOSE", 148, "check is mp4 format, need filter to annexb"))));
 }
 
 TEST_F(DemuxerTest, ABrokenConfigurationFailsToOpenAndReadsOnUnconverted) {

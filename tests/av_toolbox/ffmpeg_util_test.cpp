@@ -55,9 +55,8 @@ TEST(FFmpegLogTest, CutsAMessageThatIsTooLong) {
   InitFFmpeg();
   const RecordLog log;
   av_log(nullptr, AV_LOG_ERROR, "%s", std::string(5000, 'a').c_str());
-  EXPECT_THAT(log.Records(),
-              ElementsAre(LoggedRecord{"ERROR", "av_toolbox/ffmpeg_util.cpp:14",
-                                       "FFmpeg:" + std::string(1023, 'a')}));
+  EXPECT_THAT(log.Records(), ElementsAre(LoggedRecord{"ERROR", "av_toolbox/ffmpeg_util.cpp:14",
+                                                      "FFmpeg:" + std::string(1023, 'a')}));
 }
 
 TEST(FFmpegErrorStringTest, IsFFmpegsDescription) {

@@ -31,8 +31,8 @@ std::shared_ptr<AVStream> StreamOf(const EncodedStream& encoded, const Bytes& ex
   std::shared_ptr<AVStream> stream = NewAVStream();
   avcodec_parameters_copy(stream->codecpar, encoded.parameters.get());
   av_freep(static_cast<void*>(&stream->codecpar->extradata));
-  stream->codecpar->extradata = static_cast<uint8_t*>(
-      av_mallocz(extradata.size() + size_t{AV_INPUT_BUFFER_PADDING_SIZE}));
+  stream->codecpar->extradata =
+      static_cast<uint8_t*>(av_mallocz(extradata.size() + size_t{AV_INPUT_BUFFER_PADDING_SIZE}));
   std::copy(extradata.begin(), extradata.end(), stream->codecpar->extradata);
   stream->codecpar->extradata_size = static_cast<int>(extradata.size());
   stream->time_base = {1, 600};
@@ -111,8 +111,8 @@ TEST(AacStreamTest, DescribesTheTrack) {
 }
 
 TEST(AacStreamTest, HasPaddingForExtradataEvenWithoutAny) {
-  const auto stream = NewAACStream(AV_SAMPLE_FMT_FLTP, AV_CH_LAYOUT_STEREO, 2, 48000, nullptr, 0,
-                                   {1, 48000});
+  const auto stream =
+      NewAACStream(AV_SAMPLE_FMT_FLTP, AV_CH_LAYOUT_STEREO, 2, 48000, nullptr, 0, {1, 48000});
   EXPECT_EQ(stream->codecpar->extradata_size, 0);
   ASSERT_NE(stream->codecpar->extradata, nullptr);
   EXPECT_THAT(Bytes(stream->codecpar->extradata, stream->codecpar->extradata + 32),
