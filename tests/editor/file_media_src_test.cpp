@@ -144,7 +144,7 @@ const Report kErrorReport{2, std::nullopt};
 class SourceRun {
  public:
   explicit SourceRun(const std::string& url, bool with_video = true, bool with_audio = true,
-               bool with_data = true)
+                     bool with_data = true)
       : source(std::make_shared<FileMediaSrc>(url)),
         video(std::make_shared<RecordingConsumer>("video", journal)),
         audio(std::make_shared<RecordingConsumer>("audio", journal)),
@@ -243,8 +243,8 @@ class FileMediaSrcTest : public ::testing::Test {
   }
   /// A second of video (B-frames, a key frame every half), 1.024 s of sound, a second of motion.
   std::string WriteCamera() {
-    return Write({ToMp4Track(EncodeH264(), 90000), ToMp4Track(EncodeAac(), 48000),
-                  MotionTrack(50)});
+    return Write(
+        {ToMp4Track(EncodeH264(), 90000), ToMp4Track(EncodeAac(), 48000), MotionTrack(50)});
   }
   [[nodiscard]] std::string PathOf(const std::string& name) const { return directory_ / name; }
 
@@ -380,13 +380,13 @@ TEST_F(FileMediaSrcTest, EstimatesTheEndOfVideoAlone) {
 }
 
 TEST_F(FileMediaSrcTest, RatesThatAreMissingCountAsNoFrame) {
-  // One sample: no frame rate can be known; no extradata: no sample rate in the stream's header.
-  Mp4Track video = Mp4Track::Video(/*avcc=*/{}, 64, 48, 1000);
-  video.Add(Bytes{0, 0, 0, 1, 9}, 0);
-  Mp4Track audio = Mp4Track::Audio({}, 0, /*sample_rate=*/0, 1000);
-  audio.Add(Bytes{1}, 0);
-  audio.Add(Bytes{1}, 0);
-  SourceRun run(Write({video, audio}));
+  H264Options options;
+  options.b_frames = 0;
+  options.frames = 2;
+  AacOptions sound;
+  sound.milliseconds = 20;
+  SourceRun run(Write({ToMp4Track(EncodeH264(options), 90000),
+                       ToMp4Track(EncodeAac(sound), 48000, /*with_edit_list=*/false)}));
   run.video->on_open = [](MediaInfo* info) {
     info->stream->avg_frame_rate = {0, 0};
     return true;
@@ -395,7 +395,7 @@ TEST_F(FileMediaSrcTest, RatesThatAreMissingCountAsNoFrame) {
     info->stream->codecpar->sample_rate = 0;
     return true;
   };
-  EXPECT_EQ(run.ToTheEnd(), Ended(0));
+  EXPECT_EQ(run.ToTheEnd(), Ended(33)) << "where the second picture begins";
 }
 
 TEST_F(FileMediaSrcTest, AReportIsOptional) {
@@ -418,7 +418,7 @@ TEST_F(FileMediaSrcTest, WithoutADecodingTimeThePresentationTimePlacesAPacket) {
   const EncodedStream video = EncodeH264();
   MuxWithLibavformat(PathOf("v.mkv"), "matroska", &video, nullptr, nullptr);
   SourceRun run(PathOf("v.mkv"));
-  EXPECT_EQ(run.ToTheEnd(), Ended(967)) << "933 - 0, plus a frame";
+  EXPECT_EQ(run.ToTheEnd(), Ended(933)) << "the last decodes at 900 ms and lasts 33";
   EXPECT_THAT(run.journal.Entries(), Contains("video notify 1 0"));
   ASSERT_THAT(run.video->stamps, SizeIs(30));
   EXPECT_EQ(run.video->stamps[0], (Stamps{0, AV_NOPTS_VALUE}));
@@ -448,15 +448,12 @@ TEST_F(FileMediaSrcTest, WithoutAnyTimePacketsPassAsTheyAreAndNoStartIsTold) {
   for (const EncodedPacket& packet : video.packets) {
     stream.insert(stream.end(), packet.data.begin(), packet.data.end());
   }
-  for (const bool with_ranges : {false, true}) {
-    SourceRun run("memory");
-    run.source->SetIOSource(std::make_shared<MemorySource>(stream));
-    if (with_ranges) run.source->SetRanges({{0, 10}, {20, 30}});
-    run.source->SetPaced(true);
-    EXPECT_EQ(run.ToTheEnd().state, 0);
-    EXPECT_THAT(run.video->stamps, AllOf(SizeIs(30), Each(Stamps{AV_NOPTS_VALUE, AV_NOPTS_VALUE})));
-    EXPECT_THAT(run.journal.Entries(), Not(Contains(::testing::HasSubstr("notify 1"))));
-  }
+  SourceRun run("memory");
+  run.source->SetIOSource(std::make_shared<MemorySource>(stream));
+  run.source->SetPaced(true);
+  EXPECT_EQ(run.ToTheEnd().state, 0);
+  EXPECT_THAT(run.video->stamps, AllOf(SizeIs(30), Each(Stamps{AV_NOPTS_VALUE, AV_NOPTS_VALUE})));
+  EXPECT_THAT(run.journal.Entries(), Not(Contains(::testing::HasSubstr("notify 1"))));
 }
 
 // ---- ranges
@@ -468,9 +465,8 @@ TEST_F(FileMediaSrcTest, RangesJoinWithoutAJump) {
   SourceRun run(Write({ToMp4Track(EncodeAac(options), 48000, /*with_edit_list=*/false)}));
   run.source->SetRanges({{200, 400}, {1000, 1100}, {500, 600}});
   EXPECT_EQ(run.ToTheEnd().state, 0);
-  const std::vector<Stamps>& stamps = run.audio->stamps;
-  // Each range adds what was read of it. A range begins at the frame at or before its start and
-  // ends with the first packet at or behind its end: 200..400 reads from 192 ms, up to 405.33.
+  // Each range adds what was read of it. It begins with the frame at or before its start, which
+  // counts as zero, and ends with the first one at or behind its end: at 405, 1109 and 619 ms.
   const std::vector<std::string> notes = [&] {
     std::vector<std::string> found;
     for (const std::string& entry : run.journal.Entries()) {
@@ -478,14 +474,529 @@ TEST_F(FileMediaSrcTest, RangesJoinWithoutAJump) {
     }
     return found;
   }();
-  EXPECT_THAT(notes, ElementsAre("audio notify 1 192", "audio notify 2 9840",  // (405 - 200) * 48
-                                 "audio notify 1 981", "audio notify 2 14784",  // + (1103-1000)*48
-                                 "audio notify 1 491", "audio notify 0"));
-  ASSERT_THAT(stamps, Not(IsEmpty()));
-  EXPECT_EQ(stamps.front().dts, 0);
-  for (size_t i = 1; i < stamps.size(); ++i) {
-    const int64_t step = stamps[i].dts - stamps[i - 1].dts;
-    EXPECT_THAT(step, AllOf(Ge(-1024), Le(1100))) << "packet " << i;
+  EXPECT_THAT(notes,
+              ElementsAre("audio notify 1 192", "audio notify 2 9840",   // (405 - 200) * 48
+                          "audio notify 1 981", "audio notify 2 15072",  // + (1109 - 1000) * 48
+                          "audio notify 1 491", "audio notify 0"));
+  // Ten frames, then six from 205 ms (9840), then six from 314 ms (15072), each 1024 apart, up to
+  // the rounding of a range's first position to milliseconds.
+  const std::vector<Stamps>& stamps = run.audio->stamps;
+  ASSERT_THAT(stamps, SizeIs(10 + 6 + 6));
+  for (size_t i = 0; i < stamps.size(); ++i) {
+    const int64_t base = i < 10 ? 0 : i < 16 ? 9840 : 15072;
+    const int64_t first = i < 10 ? 0 : i < 16 ? 10 : 16;
+    EXPECT_NEAR(static_cast<double>(stamps[i].dts),
+                static_cast<double>(base + 1024 * (static_cast<int64_t>(i) - first)), 24)
+        << "packet " << i;
+    EXPECT_EQ(stamps[i].pts, stamps[i].dts);
+  }
+}
+
+TEST_F(FileMediaSrcTest, EveryStreamLearnsItsOwnOffsetWhenReadingJumps) {
+  SourceRun run(WriteCamera());
+  run.source->SetRanges({{0, 200}, {500, 700}});
+  EXPECT_EQ(run.ToTheEnd().state, 0);
+  std::vector<std::string> notes;
+  for (const std::string& entry : run.journal.Entries()) {
+    if (entry.find("notify 2") != std::string::npos) notes.push_back(entry);
+  }
+  // The packet at 200 ms ends the first range: 200 ms in 1/90000, 1/48000 and 1/1000 s.
+  EXPECT_THAT(notes,
+              ElementsAre("video notify 2 18000", "audio notify 2 9600", "data notify 2 200"));
+}
+
+TEST_F(FileMediaSrcTest, ARefusedRangeFailsTheRun) {
+  SourceRun run(WriteCamera());
+  run.source->SetRanges({{0, 200}, {500, 700}});
+  run.audio->on_notify = [](MediaInfo* info, int32_t code) {
+    info->error = 41;
+    return code != MediaMessage::kNewRange;
+  };
+  EXPECT_EQ(run.ToTheEnd(), kErrorReport);
+  EXPECT_EQ(run.source->error_code, 41);
+  EXPECT_THAT(run.journal.Entries(), Not(Contains(::testing::HasSubstr("data notify 2"))));
+  EXPECT_TRUE(run.data->info()->ended);
+}
+
+TEST_F(FileMediaSrcTest, ProgressCountsTheRangesAndEndsThem) {
+  SourceRun run(Write({MotionTrack(50)}));
+  run.source->SetRanges({{0, 200}, {400, 600}});
+  std::vector<double> seen;
+  run.data->on_packet = [&](MediaInfo*) {
+    seen.push_back(run.source->Progress());
+    return true;
+  };
+  EXPECT_EQ(run.ToTheEnd().state, 0);
+  ASSERT_THAT(seen, SizeIs(20));
+  for (size_t i = 0; i < seen.size(); ++i) EXPECT_DOUBLE_EQ(seen[i], static_cast<double>(i) / 20);
+}
+
+TEST_F(FileMediaSrcTest, EmptyAndBackwardRangesEnd) {
+  for (const auto& ranges : std::vector<std::vector<FileMediaSrc::Range>>{
+           {{100, 100}},
+           {{500, 100}},
+           {{0, 0}, {0, 0}},
+           {{INT64_MIN, INT64_MAX}, {INT64_MAX, INT64_MIN}},
+           {{5000, 6000}}}) {
+    SourceRun run(WriteCamera());
+    run.source->SetRanges(ranges);
+    EXPECT_EQ(run.ToTheEnd().state, 0);
+  }
+}
+
+// ---- pacing
+
+TEST_F(FileMediaSrcTest, PacedReadingTakesTheLengthOfWhatItReads) {
+  SourceRun run(Write({MotionTrack(4)}));
+  run.source->SetPaced(true);
+  std::vector<std::chrono::steady_clock::time_point> at;
+  run.data->on_packet = [&](MediaInfo*) {
+    at.push_back(std::chrono::steady_clock::now());
+    return true;
+  };
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(run.ToTheEnd().state, 0);
+  ASSERT_THAT(at, SizeIs(4));
+  for (size_t i = 0; i < at.size(); ++i) {
+    // Never early; how late depends on the machine.
+    EXPECT_GE(at[i] - begin, std::chrono::milliseconds(20 * i)) << "packet " << i;
+  }
+}
+
+TEST_F(FileMediaSrcTest, AnInterruptEndsThePause) {
+  // The second packet is due in an hour.
+  SourceRun run(Write({MotionTrack(3, 3600 * 1000)}));
+  run.source->SetPaced(true);
+  Gate first;
+  run.data->on_packet = [&](MediaInfo*) {
+    first.Open();
+    return true;
+  };
+  ASSERT_TRUE(run.source->Prepare());
+  run.source->Start();
+  first.Wait();
+  run.source->Interrupt();
+  EXPECT_EQ(run.WaitFor(), kCancelledReport);
+  run.Finish();
+  EXPECT_THAT(run.data->stamps, SizeIs(1));
+}
+
+TEST_F(FileMediaSrcTest, CloseAndStopEndThePauseToo) {
+  for (const bool close_first : {true, false}) {
+    SourceRun run(Write({MotionTrack(3, 3600 * 1000)}));
+    run.source->SetPaced(true);
+    Gate first;
+    run.data->on_packet = [&](MediaInfo*) {
+      first.Open();
+      return true;
+    };
+    ASSERT_TRUE(run.source->Prepare());
+    run.source->Start();
+    first.Wait();
+    if (close_first) run.source->Close();
+    run.source->Stop();
+    EXPECT_THAT(run.data->stamps, SizeIs(1));
+    EXPECT_THAT(run.Reports(), IsEmpty());
+  }
+}
+
+// ---- silent audio
+
+TEST_F(FileMediaSrcTest, SilentAudioKeepsUpWithTheVideoWithoutADrift) {
+  H264Options options;
+  options.frames = 90;
+  SourceRun run(Write({ToMp4Track(EncodeH264(options), 90000)}));
+  run.source->SetAddSilentAudio(true);
+  run.audio->on_open = [](MediaInfo* info) {
+    EXPECT_EQ(info->params->codec_id, AV_CODEC_ID_AAC);
+    EXPECT_EQ(info->params->sample_rate, 48000);
+    EXPECT_EQ(info->params->ch_layout.nb_channels, 2);
+    EXPECT_EQ(info->params->format, AV_SAMPLE_FMT_FLTP);
+    EXPECT_EQ(info->stream->time_base.den, 48000);
+    return true;
+  };
+  run.audio->on_packet = [&](MediaInfo*) {
+    const int64_t video_ms = av_rescale_q(run.video->stamps.back().dts, {1, 90000}, {1, 1000});
+    EXPECT_LE(run.audio->stamps.back().dts, video_ms * 48);
+    return true;
+  };
+  const Report report = run.ToTheEnd();
+  // The last picture decodes at 89 / 30 s: 2967 ms, one frame before the end.
+  EXPECT_EQ(report, Ended(3000));
+  ASSERT_THAT(run.audio->stamps, SizeIs(2967 * 48000 / 1024000 + 1));
+  for (size_t i = 0; i < run.audio->stamps.size(); ++i) {
+    const int64_t ms = static_cast<int64_t>(i) * 1024000 / 48000;  // 0, 21, 42, 64, ...
+    EXPECT_EQ(run.audio->stamps[i], (Stamps{ms * 48, ms * 48}));
+    EXPECT_EQ(run.audio->packets[i]->size, 0);
+    EXPECT_EQ(run.audio->packets[i]->flags, AV_PKT_FLAG_KEY);
+    EXPECT_EQ(run.audio->packets[i]->stream_index, run.audio->info()->stream->index);
+  }
+  EXPECT_EQ(run.audio->info()->stream->index, 1) << "no other stream's";
+}
+
+TEST_F(FileMediaSrcTest, SilentAudioIsNotAddedToAFileWithSoundOrWithoutVideo) {
+  {
+    SourceRun run(WriteCamera());
+    run.source->SetAddSilentAudio(true);
+    run.ToTheEnd();
+    for (const auto& packet : run.audio->packets) EXPECT_GT(packet->size, 0);
+  }
+  {
+    SourceRun run(Write({MotionTrack(5)}));
+    run.source->SetAddSilentAudio(true);
+    EXPECT_EQ(run.ToTheEnd().state, 0);
+    EXPECT_THAT(run.audio->packets, IsEmpty());
+    EXPECT_THAT(run.journal.Entries(), IsSupersetOf({"audio open", "audio close"}));
+  }
+}
+
+TEST_F(FileMediaSrcTest, ARefusedSilentFrameFailsTheRun) {
+  SourceRun run(Write({ToMp4Track(EncodeH264(), 90000)}));
+  run.source->SetAddSilentAudio(true);
+  run.audio->on_packet = [&](MediaInfo* info) {
+    info->error = 51;
+    return run.audio->packets.size() < 3;
+  };
+  EXPECT_EQ(run.ToTheEnd(), kErrorReport);
+  EXPECT_EQ(run.source->error_code, 51);
+  EXPECT_THAT(run.audio->packets, SizeIs(3)) << "nothing comes after the refusal";
+}
+
+// ---- failures
+
+TEST_F(FileMediaSrcTest, AnInputThatCannotBeOpenedFailsAtOnce) {
+  const RecordLog log;
+  SourceRun run(PathOf("missing.mp4"));
+  EXPECT_FALSE(run.source->Prepare());
+  EXPECT_EQ(run.source->error_code, 1);
+  EXPECT_EQ(run.source->open_result(), AVERROR(ENOENT));
+  EXPECT_THAT(run.Reports(), IsEmpty()) << "nothing is reported before the start";
+  run.source->Start();
+  EXPECT_EQ(run.WaitFor(), kErrorReport);
+  run.Finish();
+  EXPECT_THAT(run.journal.Entries(), IsEmpty());
+  EXPECT_THAT(run.Reports(), SizeIs(1));
+  EXPECT_THAT(log.Records(), Contains(SourceRecord("VERBOSE", 306, "file media src to start.")));
+}
+
+TEST_F(FileMediaSrcTest, AConsumerThatRefusesToOpenFailsTheRunAndNothingIsRead) {
+  SourceRun run(WriteCamera());
+  run.data->on_open = [](MediaInfo* info) {
+    info->error = 61;
+    return false;
+  };
+  EXPECT_FALSE(run.source->Prepare());
+  EXPECT_EQ(run.source->error_code, 61);
+  const std::vector<std::string> prepared{"video open", "audio open", "data open", "video close",
+                                          "audio close"};
+  EXPECT_THAT(run.journal.Entries(), ElementsAreArray(prepared));
+  run.source->Start();
+  EXPECT_EQ(run.WaitFor(), kErrorReport);
+  run.Finish();
+  // Those that were closed while preparing are not closed again.
+  std::vector<std::string> all = prepared;
+  all.emplace_back("data close");
+  EXPECT_THAT(run.journal.Entries(), ElementsAreArray(all));
+}
+
+TEST_F(FileMediaSrcTest, AReadErrorIsReportedWithCodeOne) {
+  Mp4Track track = Mp4Track::Camm(1000);
+  for (int i = 0; i < 100; ++i) track.Add(Bytes(2000, 1), 10);
+  const std::string path = PathOf("input.mp4");
+  Mp4Layout layout;
+  layout.order = Mp4Order::kMoovFirst;
+  WriteMp4(path, {track}, layout);
+  const auto bytes = std::make_shared<MemorySource>(ReadFile(path));
+  bytes->FailFrom(100000, AVERROR(EIO));
+  SourceRun run("memory");
+  run.source->SetIOSource(bytes);
+  EXPECT_EQ(run.ToTheEnd(), kErrorReport);
+  EXPECT_EQ(run.source->error_code, 1);
+  EXPECT_EQ(run.source->read_result(), AVERROR(EIO));
+  EXPECT_THAT(run.data->stamps, SizeIs(AllOf(Ge(30U), Le(60U))));
+  EXPECT_THAT(run.journal.Entries(), Not(Contains("data notify 0"))) << "no end after an error";
+  EXPECT_EQ(run.journal.Entries().back(), "data close");
+}
+
+TEST_F(FileMediaSrcTest, ARefusedPacketFailsTheRun) {
+  SourceRun run(WriteCamera());
+  run.audio->on_packet = [&](MediaInfo* info) {
+    info->error = 71;
+    return run.audio->packets.size() < 5;
+  };
+  EXPECT_EQ(run.ToTheEnd(), kErrorReport);
+  EXPECT_EQ(run.source->error_code, 71);
+  EXPECT_THAT(run.audio->packets, SizeIs(5));
+  EXPECT_THAT(run.Reports(), SizeIs(1));
+  for (const auto& consumer : {run.video, run.audio, run.data}) {
+    EXPECT_TRUE(consumer->info()->ended);
+  }
+}
+
+TEST_F(FileMediaSrcTest, AConsumerThatThrowsFailsTheRun) {
+  const RecordLog log;
+  SourceRun run(WriteCamera());
+  run.data->on_packet = [](MediaInfo* info) -> bool {
+    info->error = 81;
+    throw std::runtime_error("out of luck");
+  };
+  EXPECT_EQ(run.ToTheEnd(), kErrorReport);
+  EXPECT_EQ(run.source->error_code, 81);
+  EXPECT_THAT(run.data->packets, SizeIs(1));
+  EXPECT_EQ(run.journal.Entries().back(), "data close");
+  const auto records = log.Records();
+  EXPECT_TRUE(std::any_of(records.begin(), records.end(), [](const LoggedRecord& record) {
+    return record.level == "ERROR" && record.text == "consumer failed: out of luck";
+  }));
+}
+
+TEST_F(FileMediaSrcTest, AConsumerThatThrowsElsewhereFailsTheRunToo) {
+  for (const int32_t code : {MediaMessage::kStart, MediaMessage::kNewRange, MediaMessage::kEnd}) {
+    SourceRun run(WriteCamera());
+    if (code == MediaMessage::kNewRange) run.source->SetRanges({{0, 100}, {500, 600}});
+    run.video->on_notify = [code](MediaInfo* info, int32_t told) -> bool {
+      info->error = 82;
+      if (told == code) throw std::runtime_error("out of luck");
+      return true;
+    };
+    EXPECT_EQ(run.ToTheEnd(), kErrorReport) << "notification " << code;
+    EXPECT_EQ(run.source->error_code, 82);
+  }
+  SourceRun run(WriteCamera());
+  run.audio->on_close = [](MediaInfo* info) -> bool {
+    info->error = 83;
+    throw std::bad_alloc();
+  };
+  run.ToTheEnd();
+  EXPECT_THAT(run.Reports(), SizeIs(2));
+  EXPECT_EQ(run.WaitFor(2), kErrorReport);
+  EXPECT_EQ(run.source->error_code, 83);
+  EXPECT_EQ(run.journal.Entries().back(), "data close") << "the others are closed all the same";
+}
+
+TEST_F(FileMediaSrcTest, ARefusedEndFailsTheRun) {
+  SourceRun run(WriteCamera());
+  run.audio->on_notify = [](MediaInfo* info, int32_t code) {
+    info->error = 91;
+    return code != MediaMessage::kEnd;
+  };
+  EXPECT_EQ(run.ToTheEnd(), kErrorReport);
+  EXPECT_EQ(run.source->error_code, 91);
+  EXPECT_THAT(run.journal.Entries(), Not(Contains("data notify 0")));
+  EXPECT_THAT(run.Reports(), SizeIs(1));
+}
+
+TEST_F(FileMediaSrcTest, ARefusedStartChangesNothing) {
+  SourceRun run(WriteCamera());
+  run.video->on_notify = [](MediaInfo*, int32_t code) { return code != MediaMessage::kStart; };
+  EXPECT_EQ(run.ToTheEnd().state, 0);
+}
+
+TEST_F(FileMediaSrcTest, AConsumerThatFailsToCloseIsReported) {
+  SourceRun run(WriteCamera());
+  run.video->on_close = [](MediaInfo* info) {
+    info->error = 101;
+    return false;
+  };
+  run.ToTheEnd();
+  ASSERT_THAT(run.Reports(), SizeIs(2));
+  EXPECT_EQ(run.WaitFor(2), kErrorReport);
+  EXPECT_EQ(run.source->error_code, 101);
+  EXPECT_EQ(run.journal.Entries().back(), "data close") << "the others are closed all the same";
+}
+
+// ---- interrupts, and the end of reading
+
+TEST_F(FileMediaSrcTest, AnInterruptWhileReadingEndsIt) {
+  SourceRun run(WriteCamera());
+  Gate third;
+  Gate interrupted;
+  run.data->on_packet = [&](MediaInfo* info) {
+    if (run.data->packets.size() == 3) {
+      third.Open();
+      interrupted.Wait();
+      // The data record is marked only at the end of the input.
+      EXPECT_FALSE(info->ended);
+      EXPECT_TRUE(run.video->info()->ended);
+      EXPECT_TRUE(run.audio->info()->ended);
+    }
+    return true;
+  };
+  ASSERT_TRUE(run.source->Prepare());
+  run.source->Start();
+  third.Wait();
+  run.source->Interrupt();
+  interrupted.Open();
+  EXPECT_EQ(run.WaitFor(), kCancelledReport);
+  run.Finish();
+  EXPECT_THAT(run.data->packets, SizeIs(3)) << "no packet after the interrupt";
+  EXPECT_THAT(run.Reports(), SizeIs(1));
+  const auto entries = run.journal.Entries();
+  EXPECT_THAT(entries, IsSupersetOf({"video interrupt", "audio interrupt", "data interrupt"}));
+  EXPECT_THAT(entries, Not(Contains("data notify 0")));
+  EXPECT_THAT(std::vector<std::string>(entries.end() - 3, entries.end()),
+              ElementsAre("video close", "audio close", "data close"));
+}
+
+TEST_F(FileMediaSrcTest, EveryInterruptIsReported) {
+  SourceRun run(WriteCamera());
+  ASSERT_TRUE(run.source->Prepare());
+  run.source->Start();
+  run.source->Interrupt();
+  run.source->Interrupt();
+  EXPECT_EQ(run.WaitFor(2), kCancelledReport);
+}
+
+TEST_F(FileMediaSrcTest, AnInterruptBeforeTheStartIsNotReported) {
+  SourceRun run(WriteCamera());
+  ASSERT_TRUE(run.source->Prepare());
+  run.source->Interrupt();
+  EXPECT_THAT(run.journal.Entries(), Contains("data interrupt"));
+  EXPECT_THAT(run.Reports(), IsEmpty()) << "there is no thread yet to report on";
+  run.source->Start();
+  run.Finish();
+  EXPECT_THAT(run.data->packets, IsEmpty());
+}
+
+TEST_F(FileMediaSrcTest, AnInterruptWhileAConsumerOpensIsForgottenByNobody) {
+  SourceRun run(WriteCamera());
+  run.data->on_open = [&](MediaInfo*) {
+    run.source->Interrupt();
+    return true;
+  };
+  ASSERT_TRUE(run.source->Prepare());
+  run.source->Start();
+  run.Finish();
+  EXPECT_THAT(run.data->packets, IsEmpty());
+}
+
+TEST_F(FileMediaSrcTest, AnInterruptWhileTheEndIsToldIsReportedAfterIt) {
+  SourceRun run(WriteCamera());
+  Gate at_end;
+  Gate interrupted;
+  run.data->on_notify = [&](MediaInfo*, int32_t code) {
+    if (code == MediaMessage::kEnd) {
+      at_end.Open();
+      interrupted.Wait();
+    }
+    return true;
+  };
+  ASSERT_TRUE(run.source->Prepare());
+  run.source->Start();
+  at_end.Wait();
+  run.source->Interrupt();
+  interrupted.Open();
+  EXPECT_EQ(run.WaitFor(2), kCancelledReport);
+  EXPECT_EQ(run.Reports()[0].state, 0);
+}
+
+TEST_F(FileMediaSrcTest, NothingComesAfterClose) {
+  SourceRun run(WriteCamera());
+  Gate third;
+  run.data->on_packet = [&](MediaInfo*) {
+    if (run.data->packets.size() == 3) third.Open();
+    return true;
+  };
+  ASSERT_TRUE(run.source->Prepare());
+  run.source->Start();
+  third.Wait();
+  run.source->Close();
+  const auto entries = run.journal.Entries();
+  EXPECT_THAT(std::vector<std::string>(entries.end() - 3, entries.end()),
+              ElementsAre("video close", "audio close", "data close"));
+  run.source->Interrupt();
+  EXPECT_EQ(run.WaitFor(), kCancelledReport) << "the thread still answers";
+  run.source->Stop();
+  EXPECT_THAT(run.journal.Entries(), Contains("data interrupt"));
+  EXPECT_EQ(CountOf(run.journal.Entries(), "data packet"), CountOf(entries, "data packet"));
+}
+
+TEST_F(FileMediaSrcTest, EventsThatComeTooLateDoNothing) {
+  SourceRun run(WriteCamera());
+  ASSERT_TRUE(run.source->Prepare());
+  run.source->Start();
+  EXPECT_EQ(run.WaitFor().state, 0);
+  run.source->Close();
+  const auto closed = run.journal.Entries();
+  for (const int32_t what : {0, 1, 2, 5, 6, 99}) {
+    run.source->HandleEvent(std::make_shared<Event>(what));
+  }
+  EXPECT_EQ(run.journal.Entries(), closed);
+  EXPECT_THAT(run.Reports(), SizeIs(1));
+}
+
+TEST_F(FileMediaSrcTest, CloseAndStopTellWhatTheyDoOnce) {
+  const RecordLog log;
+  const std::string path = WriteCamera();
+  {
+    SourceRun run(path);
+    ASSERT_TRUE(run.source->Prepare());
+    run.source->Start();
+    EXPECT_EQ(run.WaitFor().state, 0);
+    run.source->Close();
+    run.source->Close();
+    run.source->Stop();
+    run.source->Stop();
+    EXPECT_EQ(run.source->demuxer(), nullptr);
+  }
+  std::vector<LoggedRecord> records = log.Records();
+  records.erase(std::remove_if(records.begin(), records.end(),
+                               [](const LoggedRecord& record) {
+                                 return record.site.find("file_media_src") == std::string::npos;
+                               }),
+                records.end());
+  ASSERT_THAT(records, SizeIs(9));
+  EXPECT_THAT(std::vector<LoggedRecord>(records.begin(), records.end() - 1),
+              ElementsAre(SourceRecord("VERBOSE", 306, "file media src to start."),
+                          SourceRecord("VERBOSE", 73, path + " on end."),
+                          SourceRecord("INFO", 112, "estimate audio frame duration:21"),
+                          SourceRecord("INFO", 117, "estimate video frame duration:33"),
+                          SourceRecord("VERBOSE", 557, "perform close"),
+                          SourceRecord("VERBOSE", 294, "file_media_src:" + path + " closed."),
+                          SourceRecord("VERBOSE", 285, "want to close twice."),
+                          SourceRecord("VERBOSE", 300, "file_media_src:" + path + " released.")));
+  EXPECT_EQ(records.back().text, "~FileMediaSrc:");
+}
+
+TEST_F(FileMediaSrcTest, NeverStartedItClosesAndStopsWithoutWaiting) {
+  for (const bool prepared : {true, false}) {
+    SourceRun run(WriteCamera());
+    if (prepared) {
+      EXPECT_TRUE(run.source->Prepare());
+    }
+    run.source->Close();
+    run.source->Stop();
+    run.source->Close();
+    run.source->Start();  // too late: nothing happens
+    EXPECT_THAT(run.Reports(), IsEmpty());
+  }
+}
+
+TEST_F(FileMediaSrcTest, StartedWithoutPreparingItFails) {
+  SourceRun run(WriteCamera());
+  run.source->Start();
+  EXPECT_EQ(run.WaitFor(), kErrorReport);
+}
+
+TEST_F(FileMediaSrcTest, InterruptsAtAnyMomentEndInOneCleanWay) {
+  const std::string path = WriteCamera();
+  for (int round = 0; round < 60; ++round) {
+    SourceRun run(path);
+    ASSERT_TRUE(run.source->Prepare());
+    std::thread owner([&] {
+      run.source->Start();
+      // Spread over the whole run, by work and not by time.
+      for (int i = 0; i < round * 40; ++i) run.journal.Add("wait");
+      run.source->Interrupt();
+      run.source->Close();
+      run.source->Stop();
+    });
+    owner.join();
+    std::vector<std::string> entries = run.journal.Entries();
+    entries.erase(std::remove(entries.begin(), entries.end(), "wait"), entries.end());
+    ASSERT_GE(entries.size(), 3U);
+    EXPECT_THAT(std::vector<std::string>(entries.end() - 3, entries.end()),
+                ElementsAre("video close", "audio close", "data close"));
   }
 }
 }  // namespace
