@@ -106,11 +106,11 @@ void FileMediaSrc::Interrupt() {
 }
 
 void FileMediaSrc::Close() {
-  if (dispatcher_ == nullptr) return;  // never started, or stopped: no thread to close on
   if (closed_) {
     LUM_LOG_AT(kVerbose, site::kSrcCloseTwice) << "want to close twice.";
     return;
   }
+  if (dispatcher_ == nullptr) return;  // never started, or stopped: no thread to close on
   EndReading();
   PostAndWait(MakeEvent(kSrcEventClose, shared_from_this(), dispatcher_));
   LUM_LOG_AT(kVerbose, site::kSrcClosed) << "file_media_src:" << url_ << " closed.";
