@@ -1,0 +1,35 @@
+#include "av_toolbox/ffmpeg_util.h"
+
+#include <array>
+#include <cstdio>
+#include <mutex>
+
+#include "av_toolbox/ffmpeg_compat.h"
+#include "av_toolbox/log_sites.h"
+
+namespace lum {
+
+void InitFFmpeg() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    LUM_LOG_AT(kInfo, site::kFFmpegInit) << "ffmpeg init";
+    compat::RegisterAll();
+    avformat_network_init();
+    av_log_set_callback(FFmpegLogCallback);
+  });
+}
+
+void FFmpegLogCallback(void* /*context*/, int level, const char* format, va_list arguments) {
+  if (level > AV_LOG_ERROR) return;
+  std::array<char, 1024> text{};
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  LUM_LOG_AT(kError, site::kFFmpegMessage) << "FFmpeg:" << text.data();
+}
+
+std::string FFmpegErrorString(int code) {
+  std::array<char, 64> text{};
+  av_strerror(code, text.data(), text.size());
+  return text.data();
+}
+
+}  // namespace lum

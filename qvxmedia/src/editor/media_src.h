@@ -1,0 +1,112 @@
+// The contract between a media source, which reads a container and produces packets, and the
+// consumers attached to it.
+#ifndef QVXMEDIA_EDITOR_MEDIA_SRC_H_
+#define QVXMEDIA_EDITOR_MEDIA_SRC_H_
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "av_toolbox/packet_util.h"
+#include "base/any.h"
+
+namespace lum {
+
+/// What a source tells a consumer about its stream. Owned by the source, one per stream kind,
+/// passed by pointer to every consumer call, so that one consumer can serve several streams.
+struct MediaInfo {
+  int32_t source_id = -1;                     ///< The source's `index`.
+  AVStream* stream = nullptr;                 ///< In the open file, or the synthetic audio stream.
+  std::shared_ptr<AVCodecParameters> params;  ///< Private copy of the stream's parameters.
+  int32_t reserved_code = -1;                 ///< Not written by the source.
+  /// The stream has reached its end, or the source is being interrupted. Any thread may read it.
+  std::atomic<bool> ended{false};
+  int32_t error = -1;  ///< A consumer may leave an error code here before it returns false.
+};
+
+/// What `MediaSource::Notify` carries.
+struct MediaMessage {
+  enum Code : int32_t {
+    kEnd = 0,       ///< The input has ended; no value.
+    kStart = 1,     ///< Before the first packet: int64, start position in milliseconds.
+    kNewRange = 2,  ///< Reading jumps: int64, the stream's accumulated offset, in its time base.
+  };
+
+  int32_t code;
+  any value;
+};
+
+/// A consumer of one or more streams' packets (`T` is how a packet is held).
+///
+/// Calls come in this order: `Open` once a stream, then `Filter` for each of its packets, in file
+/// order, interleaved with `Notify`, then `Close` once.
+///
+/// Threads: `Open` runs on the thread that prepares the source; `Notify`, `Filter` and `Close` on
+/// the source's event thread; `Interrupt` on the thread that interrupts the source, at any time, so
+/// it is not serialised with `Filter`.
+/// Ownership: shared by whoever attached it and the source. A packet is never modified after it was
+/// passed on; a consumer may keep the shared pointer. `MediaInfo` lives as long as the source.
+template <typename T>
+class MediaSource {
+ public:
+  MediaSource() = default;
+  virtual ~MediaSource() = default;
+  MediaSource(const MediaSource&) = delete;
+  MediaSource& operator=(const MediaSource&) = delete;
+
+  /// @return false to abort the preparation.
+  virtual bool Open(MediaInfo* info) = 0;
+  /// @return false to refuse: for `kNewRange` and `kEnd` the run then fails with `info->error`.
+  virtual bool Notify(MediaInfo* info, const MediaMessage& message) = 0;
+  /// @return false to fail the run with `info->error`.
+  virtual bool Filter(MediaInfo* info, const T& packet) = 0;
+  /// @return false to fail the run with `info->error`.
+  virtual bool Close(MediaInfo* info) = 0;
+  virtual void Interrupt(MediaInfo* info) = 0;
+};
+
+using PacketConsumer = MediaSource<std::shared_ptr<QVXPacket>>;
+
+/// Reads an input and passes its packets on.
+///
+/// Threads: `Prepare`, `Start`, `Interrupt`, `Close` and `Stop` belong to the owner, one call at a
+/// time; `Progress` may be called from any thread. Reports come on the source's event thread.
+/// Ownership: shared. The owner's callback must stay valid until `Stop` has returned.
+class MediaSrc {
+ public:
+  enum class MediaSrcState : int32_t {
+    kEnded = 0,     ///< Payload: int64, the media's estimated end time in milliseconds.
+    kCanceled = 1,  ///< Payload: nullptr.
+    kError = 2,     ///< Payload: nullptr; the code is in `error_code`.
+  };
+  using StateCallback = std::function<void(MediaSrcState, const any&)>;
+
+  MediaSrc() = default;
+  virtual ~MediaSrc() = default;
+  MediaSrc(const MediaSrc&) = delete;
+  MediaSrc& operator=(const MediaSrc&) = delete;
+
+  /// Fraction of the input already read, by time: about 0 to 1.
+  [[nodiscard]] virtual double Progress() const = 0;
+  /// Opens the input and the consumers.
+  virtual bool Prepare() = 0;
+  /// Starts reading on the source's own thread.
+  virtual void Start() = 0;
+  /// Makes the source stop reading, tells the consumers, and has it report `kCanceled`.
+  virtual void Interrupt() = 0;
+  /// Closes the consumers on the event thread; waits for it. Not from the event thread.
+  virtual void Close() = 0;
+  /// Ends the event thread and frees the input. Not from the event thread.
+  virtual void Stop() = 0;
+
+  StateCallback state_callback;  ///< Set by the owner before `Start`; empty: nobody is told.
+  uint32_t index = 0;            ///< Position in the owner; set by it before `Prepare`.
+  /// Code of the last failure: 1 for a read error, else the `error` of the record whose consumer
+  /// failed. Read after a `kError` report.
+  std::atomic<int32_t> error_code{0};
+};
+
+}  // namespace lum
+
+#endif  // QVXMEDIA_EDITOR_MEDIA_SRC_H_

@@ -1,0 +1,190 @@
+#include "camm_processed_filter.h"
+
+#include <algorithm>
+#include <boost/filesystem/path.hpp>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "av_toolbox/time_util.h"
+
+namespace {
+
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
+#error "CAMM samples and the output files are little-endian; this host is not."
+#endif
+
+enum CammType : uint16_t {
+  kCammExposure = 1,
+  kCammGyro = 2,
+  kCammAcceleration = 3,
+  kCammGps = 6,
+};
+
+// Bytes: two reserved, two of type.
+constexpr int kHeaderSize = 4;
+constexpr int kExposureSize = 8;
+constexpr int kVector3Size = 12;
+constexpr int kGpsSize = 56;
+
+constexpr size_t kExposureFiles = 6;
+
+// Reads fields one after the other, byte-wise: they are not aligned.
+class FieldReader {
+ public:
+  explicit FieldReader(const uint8_t* at) : at_(at) {}
+
+  template <typename T>
+  T Next() {
+    T value;
+    std::memcpy(&value, at_, sizeof(T));
+    at_ += sizeof(T);
+    return value;
+  }
+
+ private:
+  const uint8_t* at_;
+};
+
+int64_t MicrosecondsOf(int64_t milliseconds) { return lum::WrappingMul(milliseconds, 1000); }
+
+}  // namespace
+
+CammProcessedFilter::CammProcessedFilter(std::string save_dir) : save_dir_(std::move(save_dir)) {}
+
+std::string CammProcessedFilter::PathOf(const char* name) const {
+  return (boost::filesystem::path(save_dir_) / name).string();
+}
+
+bool CammProcessedFilter::OpenOutput(OutputFile& file, const char* name) {
+  if (file.Open(PathOf(name))) return true;
+  problems_.push_back({file.path(), /*created=*/false, file.error()});
+  return false;
+}
+
+void CammProcessedFilter::CloseOutput(OutputFile& file) {
+  if (!file.Close()) problems_.push_back({file.path(), /*created=*/true, file.error()});
+}
+
+bool CammProcessedFilter::Open(lum::MediaInfo* /*info*/) {
+  const bool gps_open = OpenOutput(gps_file_, "gps.json");
+  const bool gyro_open = OpenOutput(gyro_file_, "gyro.dat");
+  return gps_open && gyro_open;
+}
+
+bool CammProcessedFilter::Notify(lum::MediaInfo* /*info*/, const lum::MediaMessage& /*message*/) {
+  return true;
+}
+
+void CammProcessedFilter::Interrupt(lum::MediaInfo* /*info*/) {}
+
+bool CammProcessedFilter::Filter(lum::MediaInfo* info,
+                                 const std::shared_ptr<lum::QVXPacket>& packet) {
+  ++packet_count_;
+  if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) ++corrupt_packet_count_;
+
+  // One record serves the whole packet: a GPS sample carries what motion and exposure samples
+  // before it in the same packet have set.
+  const AVRational time_base = info->stream->time_base;
+  GpsRecord record{};
+  record.pts_ms = lum::Rescale(packet->pts, time_base, lum::kMilliseconds);
+  record.dts_ms = lum::Rescale(packet->dts, time_base, lum::kMilliseconds);
+
+  const int size = packet->size;
+  int pos = 0;
+  // Samples of other types, and those whose payload is cut, are left behind by their header alone:
+  // what follows it is read as headers again until one fits. A header needs all of its bytes.
+  while (size - pos >= kHeaderSize) {
+    FieldReader fields(packet->data + pos);
+    fields.Next<uint16_t>();  // reserved
+    const auto type = fields.Next<uint16_t>();
+    pos += kHeaderSize;
+    const int remaining = size - pos;
+
+    if (type == kCammExposure && remaining >= kExposureSize) {
+      record.pixel_exposure_time = fields.Next<int32_t>();
+      record.rolling_shutter_skew_time = fields.Next<int32_t>();
+      record.has_exposure = true;
+      exposures_.push_back({record.pts_ms, record.pixel_exposure_time});
+      pos += kExposureSize;
+    } else if ((type == kCammGyro || type == kCammAcceleration) && remaining >= kVector3Size) {
+      record.x = fields.Next<float>();
+      record.y = fields.Next<float>();
+      record.z = fields.Next<float>();
+      record.has_motion = true;
+      const Vector3 value{record.x, record.y, record.z};
+      if (type == kCammGyro) {
+        gyro_.push_back(value);
+      } else {
+        accelerate_.push_back({record.pts_ms, value});
+      }
+      pos += kVector3Size;
+    } else if (type == kCammGps && remaining >= kGpsSize) {
+      record.time_gps_epoch = fields.Next<double>();
+      record.gps_fix_type = fields.Next<int32_t>();
+      record.latitude = fields.Next<double>();
+      record.longitude = fields.Next<double>();
+      record.altitude = fields.Next<float>();
+      record.horizontal_accuracy = fields.Next<float>();
+      record.vertical_accuracy = fields.Next<float>();
+      record.velocity_east = fields.Next<float>();
+      record.velocity_north = fields.Next<float>();
+      record.velocity_up = fields.Next<float>();
+      record.speed_accuracy = fields.Next<float>();
+      gps_.push_back(record);
+      pos += kGpsSize;
+    }
+  }
+  return true;
+}
+
+bool CammProcessedFilter::Close(lum::MediaInfo* /*info*/) {
+  WriteGps();
+  WriteExposures();
+  WriteMotion();
+  return true;
+}
+
+void CammProcessedFilter::WriteGps() {
+  if (!gps_file_.is_open()) return;
+  const std::string text = GpsJson(gps_);
+  gps_file_.Write(text.data(), text.size());
+  CloseOutput(gps_file_);
+}
+
+// Exposures are dealt out in turn over the files.
+void CammProcessedFilter::WriteExposures() {
+  for (size_t k = 0; k < kExposureFiles; ++k) {
+    std::array<char, 1024> name{};
+    std::snprintf(name.data(), name.size(), "exposure_%d.dat", static_cast<int>(k + 1));
+    if (!OpenOutput(exposure_file_, name.data())) continue;
+    for (size_t i = k; i < exposures_.size(); i += kExposureFiles) {
+      struct {
+        int64_t time_us;
+        double exposure_s;
+      } const out{MicrosecondsOf(exposures_[i].pts_ms), exposures_[i].pixel_exposure_time * 1e-9};
+      static_assert(sizeof(out) == 16);
+      exposure_file_.Write(&out, sizeof(out));
+    }
+    CloseOutput(exposure_file_);
+  }
+}
+
+// The j-th accelerometer sample goes with the j-th gyroscope sample, whatever their packets, and
+// gives the time stamp. Accelerometer values come first.
+void CammProcessedFilter::WriteMotion() {
+  if (!gyro_file_.is_open()) return;
+  const size_t pairs = std::min(accelerate_.size(), gyro_.size());
+  for (size_t j = 0; j < pairs; ++j) {
+    const Vector3& accelerate = accelerate_[j].value;
+    const Vector3& gyro = gyro_[j];
+    struct {
+      int64_t time_us;
+      std::array<double, 6> values;
+    } const out{MicrosecondsOf(accelerate_[j].pts_ms),
+                {accelerate[0], accelerate[1], accelerate[2], gyro[0], gyro[1], gyro[2]}};
+    static_assert(sizeof(out) == 56);
+    gyro_file_.Write(&out, sizeof(out));
+  }
+  CloseOutput(gyro_file_);
+}

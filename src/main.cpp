@@ -1,0 +1,53 @@
+// motrace source_path save_dir: extracts a video file's camera motion metadata.
+
+#include <csignal>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "av_toolbox/ffmpeg_util.h"
+#include "camm_processed_filter.h"
+#include "editor/file_media_src.h"
+#include "editor/media_pipe.h"
+#include "extraction_report.h"
+#include "log_sites.h"
+#include "utils/progress_line.h"
+#include "utils/vela_util.h"
+
+namespace {
+
+bool ParseMotion(std::string source_path, std::string save_dir) {
+  lum::InitFFmpeg();
+  const auto source = std::make_shared<lum::FileMediaSrc>(source_path);
+  const auto filter = std::make_shared<CammProcessedFilter>(std::move(save_dir));
+  source->SetDataConsumer(filter);
+  const auto pipe = std::make_shared<lum::MediaPipe>();
+  pipe->AddSrc(source);
+  pipe->Prepare();  // a source that failed to prepare reports it when it is started
+  std::cout << "Start to parse motion metadata..." << std::endl;
+
+  int32_t result = 0;
+  {
+    const ProgressLine progress([&source] { return source->Progress(); });
+    result = lum::vela::RunPipe(pipe, 1, 1.0F, -1);
+  }
+  for (const std::string& line : ExtractionProblems(source_path, *source, *filter, result == 0)) {
+    std::cerr << "motrace: " << line << '\n';
+  }
+  pipe->Release();
+  return result == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 3) {
+    LUM_LOG_AT(kError, lum::site::kUsage) << "usage: motrace source_path save_dir";
+    return -1;
+  }
+  // A log that nobody reads any more, or a file size limit, must not cost the extraction.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  ParseMotion(argv[1], argv[2]);
+  return 0;
+}
