@@ -75,12 +75,14 @@ Mp4Track GroupedMotionTrack(std::uint32_t timescale, int instants, int hertz,
 }
 
 Bytes RandomPayload(std::mt19937& random) {
-  const auto below = [&random](std::uint32_t limit) { return random() % limit; };
+  const auto below = [&random](std::uint32_t limit) {
+    return static_cast<std::uint32_t>(random() % limit);
+  };
   Bytes payload;
   const std::uint32_t pieces = below(6);
   for (std::uint32_t i = 0; i < pieces; ++i) {
-    Bytes piece = CammHeader(static_cast<std::uint16_t>(below(9)),
-                             static_cast<std::uint16_t>(below(3)));
+    Bytes piece =
+        CammHeader(static_cast<std::uint16_t>(below(9)), static_cast<std::uint16_t>(below(3)));
     // Whole payloads are 8, 12 or 56 bytes; a byte more or less is as likely as an exact fit.
     constexpr std::size_t kSizes[] = {0, 3, 7, 8, 9, 11, 12, 13, 24, 55, 56, 57};
     const std::size_t size = kSizes[below(12)];

@@ -53,7 +53,8 @@ std::vector<std::string> Texts(const std::vector<OutputLine>& lines) {
       faults << "\n  missing: " << name;
     } else if (found->second != content) {
       const Bytes& got = found->second;
-      const auto first = std::mismatch(content.begin(), content.end(), got.begin(), got.end()).first;
+      const auto first =
+          std::mismatch(content.begin(), content.end(), got.begin(), got.end()).first;
       faults << "\n  differs: " << name << " at byte " << first - content.begin() << " (expected "
              << content.size() << " bytes, got " << got.size() << ")";
     }

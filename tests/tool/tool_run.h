@@ -49,9 +49,9 @@ std::vector<std::string> Texts(const std::vector<OutputLine>& lines);
 
 /// Extracts `input` into a new directory and compares the eight files with the plain extraction of
 /// what libavformat reads from the file. The exit code must be 0, and standard error must match.
-void ExpectPlainExtraction(const std::filesystem::path& input,
-                           const ::testing::Matcher<const std::string&>& standard_error =
-                               ::testing::IsEmpty());
+void ExpectPlainExtraction(
+    const std::filesystem::path& input,
+    const ::testing::Matcher<const std::string&>& standard_error = ::testing::IsEmpty());
 
 }  // namespace motrace::testing
 
