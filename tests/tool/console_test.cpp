@@ -19,10 +19,8 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::Contains;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::Field;
-using ::testing::IsEmpty;
 using ::testing::Matcher;
 using ::testing::MatchesRegex;
 using ::testing::Not;

@@ -32,7 +32,6 @@ using ::testing::AllOf;
 using ::testing::AnyOf;
 using ::testing::Contains;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::Not;
 
 /// One line that holds all the words.
@@ -57,6 +56,8 @@ class MessageTest : public ::testing::Test {
   ~MessageTest() override {
     if (HasFailure()) dir_.Keep();
   }
+  MessageTest(const MessageTest&) = delete;
+  MessageTest& operator=(const MessageTest&) = delete;
 
   [[nodiscard]] fs::path input() const { return dir_ / "input.mp4"; }
   [[nodiscard]] fs::path out() const { return dir_ / "out"; }
