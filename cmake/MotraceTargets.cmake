@@ -53,7 +53,7 @@ function(motrace_add_test target)
   add_executable(${target} ${arg_SOURCES})
   target_link_libraries(${target} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main
                                           motrace_build_flags)
-  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES
                        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
 endfunction()
 
