@@ -17,6 +17,7 @@
 
 namespace {
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): it owns both for the length of the run
 bool ParseMotion(std::string source_path, std::string save_dir) {
   lum::InitFFmpeg();
   const auto source = std::make_shared<lum::FileMediaSrc>(source_path);
