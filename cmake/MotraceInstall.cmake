@@ -28,8 +28,10 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
            OUTPUT_VARIABLE QVXMEDIA_PC_TO_PREFIX)
 configure_file(cmake/qvxmedia.pc.in qvxmedia.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qvxmedia.pc DESTINATION ${pkgconfig_dir} COMPONENT dev)
-file(GLOB examples CONFIGURE_DEPENDS examples/*.cpp)
-install(FILES docs/library.md ${examples}
+install(FILES docs/library.md
+              examples/counting_consumer.h examples/custom_byte_source.cpp
+              examples/custom_consumer.cpp examples/pacing.cpp examples/ranges.cpp
+              examples/run_source.h examples/silent_audio.cpp
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev/examples COMPONENT dev)
 
 # --- packages
@@ -74,6 +76,7 @@ set(MOTRACE_MAINTAINER "motrace maintainers <maintainers@motrace.invalid>"
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME motrace)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own, below
 set(CPACK_PACKAGE_CONTACT ${MOTRACE_MAINTAINER})
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
