@@ -1,6 +1,5 @@
 #include "camm_processed_filter.h"
 
-#include <algorithm>
 #include <boost/filesystem/path.hpp>
 #include <cstdio>
 #include <cstring>
@@ -46,6 +45,41 @@ class FieldReader {
   const uint8_t* at_;
 };
 
+// A record of exposure_%d.dat.
+struct ExposureOut {
+  int64_t time_us;
+  double exposure_s;
+};
+static_assert(sizeof(ExposureOut) == 16);
+
+// A record of gyro.dat: accelerometer x, y, z, gyroscope x, y, z.
+struct MotionOut {
+  int64_t time_us;
+  std::array<double, 6> values;
+};
+static_assert(sizeof(MotionOut) == 56);
+
+// Hands records to a file many at a time: a call for each would cost more than the record.
+template <typename Record>
+class RecordWriter {
+ public:
+  explicit RecordWriter(OutputFile& file) : file_(file) {}
+
+  void Add(const Record& record) {
+    batch_[count_++] = record;
+    if (count_ == batch_.size()) Flush();
+  }
+  void Flush() {
+    file_.Write(batch_.data(), count_ * sizeof(Record));
+    count_ = 0;
+  }
+
+ private:
+  OutputFile& file_;
+  std::array<Record, 1024> batch_;
+  size_t count_ = 0;
+};
+
 int64_t MicrosecondsOf(int64_t milliseconds) { return lum::WrappingMul(milliseconds, 1000); }
 
 }  // namespace
@@ -88,7 +122,9 @@ bool CammProcessedFilter::Filter(lum::MediaInfo* info,
   const AVRational time_base = info->stream->time_base;
   GpsRecord record{};
   record.pts_ms = lum::Rescale(packet->pts, time_base, lum::kMilliseconds);
-  record.dts_ms = lum::Rescale(packet->dts, time_base, lum::kMilliseconds);
+  record.dts_ms = packet->dts == packet->pts
+                      ? record.pts_ms
+                      : lum::Rescale(packet->dts, time_base, lum::kMilliseconds);
 
   const int size = packet->size;
   int pos = 0;
@@ -158,14 +194,11 @@ void CammProcessedFilter::WriteExposures() {
     std::array<char, 1024> name{};
     std::snprintf(name.data(), name.size(), "exposure_%d.dat", static_cast<int>(k + 1));
     if (!OpenOutput(exposure_file_, name.data())) continue;
+    RecordWriter<ExposureOut> out(exposure_file_);
     for (size_t i = k; i < exposures_.size(); i += kExposureFiles) {
-      struct {
-        int64_t time_us;
-        double exposure_s;
-      } const out{MicrosecondsOf(exposures_[i].pts_ms), exposures_[i].pixel_exposure_time * 1e-9};
-      static_assert(sizeof(out) == 16);
-      exposure_file_.Write(&out, sizeof(out));
+      out.Add({MicrosecondsOf(exposures_[i].pts_ms), exposures_[i].pixel_exposure_time * 1e-9});
     }
+    out.Flush();
     CloseOutput(exposure_file_);
   }
 }
@@ -174,17 +207,14 @@ void CammProcessedFilter::WriteExposures() {
 // gives the time stamp. Accelerometer values come first.
 void CammProcessedFilter::WriteMotion() {
   if (!gyro_file_.is_open()) return;
-  const size_t pairs = std::min(accelerate_.size(), gyro_.size());
-  for (size_t j = 0; j < pairs; ++j) {
-    const Vector3& accelerate = accelerate_[j].value;
-    const Vector3& gyro = gyro_[j];
-    struct {
-      int64_t time_us;
-      std::array<double, 6> values;
-    } const out{MicrosecondsOf(accelerate_[j].pts_ms),
-                {accelerate[0], accelerate[1], accelerate[2], gyro[0], gyro[1], gyro[2]}};
-    static_assert(sizeof(out) == 56);
-    gyro_file_.Write(&out, sizeof(out));
+  RecordWriter<MotionOut> out(gyro_file_);
+  auto gyro = gyro_.cbegin();
+  for (const AccelerateRecord& accelerate : accelerate_) {
+    if (gyro == gyro_.cend()) break;
+    const Vector3& a = accelerate.value;
+    const Vector3& g = *gyro++;
+    out.Add({MicrosecondsOf(accelerate.pts_ms), {a[0], a[1], a[2], g[0], g[1], g[2]}});
   }
+  out.Flush();
   CloseOutput(gyro_file_);
 }

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr size_t kBufferSize = size_t{256} * 1024;
+constexpr size_t kBufferSize = size_t{64} * 1024;
 constexpr mode_t kMode = 0666;  // the process's umask narrows it
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "av_toolbox/demuxer.h"
 
+#include <atomic>
 #include <utility>
 
 #include "av_toolbox/ffmpeg_util.h"
@@ -18,6 +19,17 @@ int ReadFromSource(void* source, uint8_t* buffer, int size) {
 
 int64_t SeekInSource(void* source, int64_t offset, int whence) {
   return static_cast<IOSource*>(source)->Seek(offset, whence);
+}
+
+// Empties a packet that nobody else holds, or makes a new one.
+void ReuseOrRenew(std::shared_ptr<QVXPacket>& packet) {
+  if (packet.use_count() == 1) {
+    // Pairs with the release of whoever held it last, maybe on another thread.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    av_packet_unref(packet.get());
+  } else {
+    packet = NewPacket();
+  }
 }
 
 bool IsAvcInMp4Form(const AVStream* stream) {
@@ -102,9 +114,10 @@ int Demuxer::InsertAnnexBFilter() {
 }
 
 int Demuxer::ReadPacket(std::shared_ptr<QVXPacket>& out) {
+  std::shared_ptr<QVXPacket> packet = std::move(out);
   out.reset();
   if (format_ctx_ == nullptr) return AVERROR(EINVAL);
-  std::shared_ptr<QVXPacket> packet = NewPacket();
+  ReuseOrRenew(packet);
   const int ret = av_read_frame(format_ctx_, packet.get());
   if (ret == 0) out = std::move(packet);
   return ret;
@@ -118,7 +131,9 @@ int Demuxer::NextPacket(std::shared_ptr<QVXPacket>& out) {
     eof_ = true;
     LUM_LOG_AT(kVerbose, site::kDemuxReadEof) << "ReadPacket eof.";
   } else {
-    if (out->stream_index != video_index_) return 0;
+    // A discarded video stream's packets may still come out of the probe's buffer: nobody wants
+    // them, and a broken one must not end the reading.
+    if (out->stream_index != video_index_ || VideoStream()->discard == AVDISCARD_ALL) return 0;
     const int sent = bsf_->SendPacket(out);
     if (sent != 0) {
       LUM_LOG_AT(kWarning, site::kDemuxSendFailed)
@@ -126,7 +141,7 @@ int Demuxer::NextPacket(std::shared_ptr<QVXPacket>& out) {
     }
   }
 
-  out = NewPacket();  // the one sent belongs to the filter now
+  ReuseOrRenew(out);  // what was sent belongs to the filter now
   const int received = bsf_->ReceivePacket(out);
   if (received == 0) return 0;
   if (received == AVERROR_EOF) {

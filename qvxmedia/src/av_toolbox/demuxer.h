@@ -59,7 +59,8 @@ class Demuxer {
   int Open(const Options* options, const std::shared_ptr<IOSource>& io_source);
 
   /// Reads the next packet as it is stored.
-  /// @param[out] out the packet, null on failure.
+  /// @param[in,out] out the packet, null on failure. The packet object that is passed in is used
+  ///   again when nobody else holds it.
   /// @return 0, `AVERROR_EOF` at the end, or another negative FFmpeg error.
   int ReadPacket(std::shared_ptr<QVXPacket>& out);
 

@@ -91,6 +91,7 @@ void FileMediaSrc::Start() {
   dispatcher_ = std::make_shared<EventDispatcher>();
   dispatcher_->SetName(url_);
   dispatcher_->Run();
+  read_event_ = MakeEvent(kSrcEventRead, shared_from_this(), dispatcher_);
   PostToSelf(kSrcEventStart);
 }
 
@@ -105,11 +106,11 @@ void FileMediaSrc::Interrupt() {
 }
 
 void FileMediaSrc::Close() {
-  if (dispatcher_ == nullptr) return;  // never started, or stopped: no thread to close on
   if (closed_) {
     LUM_LOG_AT(kVerbose, site::kSrcCloseTwice) << "want to close twice.";
     return;
   }
+  if (dispatcher_ == nullptr) return;  // never started, or stopped: no thread to close on
   EndReading();
   PostAndWait(MakeEvent(kSrcEventClose, shared_from_this(), dispatcher_));
   LUM_LOG_AT(kVerbose, site::kSrcClosed) << "file_media_src:" << url_ << " closed.";
@@ -124,6 +125,7 @@ void FileMediaSrc::Stop() {
     dispatcher_->Release();
     dispatcher_.reset();
   }
+  packet_.reset();
   demuxer_.reset();
   LUM_LOG_AT(kVerbose, site::kSrcReleased) << "file_media_src:" << url_ << " released.";
 }
@@ -139,6 +141,9 @@ void FileMediaSrc::EndReading() {
 void FileMediaSrc::PostToSelf(SrcEvent what) {
   if (dispatcher_ != nullptr) MakeEvent(what, shared_from_this(), dispatcher_)->Post();
 }
+
+// Reading is one event a packet; the event itself serves again and again.
+void FileMediaSrc::PostRead() { read_event_->Post(); }
 
 void FileMediaSrc::Report(MediaSrcState state, const any& value) {
   if (state_callback) state_callback(state, value);
@@ -195,7 +200,7 @@ void FileMediaSrc::PerformStart() {
     const int64_t video_ms = demuxer_->VideoDurationMs();
     const int64_t audio_ms = synthetic_audio_ ? video_ms : demuxer_->AudioDurationMs();
     length_ = std::max(video_ms, audio_ms);
-    PostToSelf(kSrcEventRead);
+    PostRead();
   } else {
     for (const Range& range : ranges_) {
       length_ = WrappingAdd(length_, WrappingSub(range.end_ms, range.start_ms));
@@ -210,19 +215,19 @@ void FileMediaSrc::PerformSeek() {
   if (ReadingIsOver()) return;
   const int64_t start = Rescale(ranges_[range_index_].start_ms, kMilliseconds, kMicroseconds);
   demuxer_->Seek(-1, start, AVSEEK_FLAG_BACKWARD);
-  PostToSelf(kSrcEventRead);
+  PostRead();
 }
 
 void FileMediaSrc::PerformRead() {
   if (ReadingIsOver()) return;
-  std::shared_ptr<QVXPacket> packet;
-  const int read = demuxer_->NextPacket(packet);
+  const int read = demuxer_->NextPacket(packet_);
   if (read == AVERROR_EOF) return FinishReading(kSrcEventEnd);
   if (read != 0) {
     read_result_ = read;
     return Fail(kReadErrorCode);
   }
 
+  const std::shared_ptr<QVXPacket>& packet = packet_;
   Track* const track = TrackOf(*packet);
   const AVStream* const stream = demuxer_->GetStream(static_cast<unsigned>(packet->stream_index));
   if (stream != nullptr && PlacingTimestamp(*packet) != AV_NOPTS_VALUE) {
@@ -242,14 +247,15 @@ void FileMediaSrc::PerformRead() {
       const int64_t shift = WrappingSub(0, track->start_offset);
       packet->pts = Shifted(packet->pts, shift);
       packet->dts = Shifted(packet->dts, shift);
-      const int64_t due_ms = Rescale(PlacingTimestamp(*packet), time_base, kMilliseconds);
-      if (paced_ && !WaitUntilDue(due_ms)) return;
+      if (paced_ && !WaitUntilDue(Rescale(PlacingTimestamp(*packet), time_base, kMilliseconds))) {
+        return;
+      }
     }
     if (UpdateProgress(position_ms) == RangeStep::kStop) return;
   }
   if (track != nullptr && !Deliver(*track, packet)) return;
   SkipUnusedStreams();
-  PostToSelf(kSrcEventRead);
+  PostRead();
 }
 
 FileMediaSrc::Track* FileMediaSrc::TrackOf(const QVXPacket& packet) {
@@ -276,11 +282,14 @@ bool FileMediaSrc::WaitUntilDue(int64_t due_ms) {
 }
 
 FileMediaSrc::RangeStep FileMediaSrc::UpdateProgress(int64_t position_ms) {
-  const auto fraction = [this](int64_t elapsed_ms) {
-    return length_ > 0 ? static_cast<double>(elapsed_ms) / static_cast<double>(length_) : 0.0;
+  const auto show = [this](int64_t elapsed_ms) {
+    const double fraction =
+        length_ > 0 ? static_cast<double>(elapsed_ms) / static_cast<double>(length_) : 0.0;
+    progress_.store(fraction, std::memory_order_relaxed);  // nothing else hangs on it
+    return fraction;
   };
   if (ranges_.empty()) {
-    progress_ = fraction(position_ms);
+    show(position_ms);
     return RangeStep::kDeliver;
   }
 
@@ -289,9 +298,9 @@ FileMediaSrc::RangeStep FileMediaSrc::UpdateProgress(int64_t position_ms) {
   for (size_t i = 0; i < range_index_; ++i) {
     elapsed_ms = WrappingAdd(elapsed_ms, WrappingSub(ranges_[i].end_ms, ranges_[i].start_ms));
   }
-  progress_ = fraction(elapsed_ms);
+  const double progress = show(elapsed_ms);
   if (position_ms < range.end_ms) {
-    if (progress_ < 1.0) return RangeStep::kDeliver;
+    if (progress < 1.0) return RangeStep::kDeliver;
     FinishReading(kSrcEventEnd);
     return RangeStep::kStop;
   }

@@ -73,7 +73,9 @@ class FileMediaSrc : public MediaSrc,
   /// container can skip them, their bytes are not read).
   void SetReadAllStreams(bool read_all) { read_all_streams_ = read_all; }
 
-  [[nodiscard]] double Progress() const override { return progress_; }
+  [[nodiscard]] double Progress() const override {
+    return progress_.load(std::memory_order_relaxed);
+  }
   bool Prepare() override;
   void Start() override;
   void Interrupt() override;
@@ -128,6 +130,7 @@ class FileMediaSrc : public MediaSrc,
 
   void EndReading();
   void PostToSelf(SrcEvent what);
+  void PostRead();
   void Report(MediaSrcState state, const any& value);
   void FinishReading(SrcEvent outcome);
   void Fail(int32_t code);
@@ -159,7 +162,10 @@ class FileMediaSrc : public MediaSrc,
   std::shared_ptr<AVStream> synthetic_audio_;
   std::shared_ptr<EventDispatcher> dispatcher_;
 
+  std::shared_ptr<Event> read_event_;
+
   // Event thread only.
+  std::shared_ptr<QVXPacket> packet_;  // the last one read, used again unless a consumer keeps it
   size_t range_index_ = 0;
   int64_t start_position_ = kUnset;  // milliseconds
   int64_t length_ = 0;               // milliseconds to read

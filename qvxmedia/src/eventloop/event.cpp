@@ -25,10 +25,12 @@ void Event::Post() { PostWithDelay(0); }
 
 void Event::PostWithDelay(int32_t delay_ms) {
   delay_ms_ = delay_ms;
-  due_ns_ =
-      std::chrono::steady_clock::now().time_since_epoch().count() + int64_t{delay_ms} * 1'000'000;
+  if (delay_ms > 0) {  // nobody looks at the due time otherwise
+    due_ns_ =
+        std::chrono::steady_clock::now().time_since_epoch().count() + int64_t{delay_ms} * 1'000'000;
+  }
   if (const auto dispatcher = dispatcher_.lock()) {
-    dispatcher->Register(shared_from_this());
+    dispatcher->Enqueue(shared_from_this());
     return;
   }
   LUM_LOG_AT(kInfo, site::kEventNoDispatcher) << "weak dispatcher is invalid now";

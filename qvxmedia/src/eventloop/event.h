@@ -80,7 +80,7 @@ class Event : public std::enable_shared_from_this<Event> {
   void* timer_record_ = nullptr;  // set by the dispatcher while a delay timer holds the event
   int32_t what_;
   int32_t delay_ms_ = 0;
-  int64_t due_ns_ = 0;  // monotonic clock
+  int64_t due_ns_ = 0;  // monotonic clock; of the last post with a delay
   std::weak_ptr<EventHandler> handler_;
   std::weak_ptr<EventDispatcher> dispatcher_;
   std::unordered_map<std::string, any> data_;

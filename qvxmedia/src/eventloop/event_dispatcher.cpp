@@ -58,12 +58,15 @@ void EventDispatcher::Run() {
   });
 }
 
-void EventDispatcher::Register(const std::shared_ptr<Event>& event) {
+void EventDispatcher::Register(const std::shared_ptr<Event>& event) { Enqueue(event); }
+
+void EventDispatcher::Enqueue(std::shared_ptr<Event> event) {
   if (running_) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (notify_event_ != nullptr) {  // null when Stop and Release came in between
-      queue_.push_back(event);
-      event_active(notify_event_, EV_READ, 0);
+      queue_.push_back(std::move(event));
+      // A pass that drains the queue takes this one too: only an idle loop needs to be woken.
+      if (!draining_) event_active(notify_event_, EV_READ, 0);
       return;
     }
   }
@@ -90,10 +93,11 @@ void EventDispatcher::Stop() {
 
 void EventDispatcher::Release() {
   if (loop_.joinable()) loop_.join();
-  std::list<std::shared_ptr<Event>> dropped;  // destroyed unlocked: events own foreign values
+  std::deque<std::shared_ptr<Event>> dropped;  // destroyed unlocked: events own foreign values
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     dropped.swap(queue_);
+    draining_ = false;
     for (const auto& [record, timer] : timer_events_) {
       record->event->timer_record_ = nullptr;
       event_free(timer);
@@ -121,7 +125,8 @@ void EventDispatcher::Drain() {
     std::shared_ptr<Event> event;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
-      if (queue_.empty()) return;
+      draining_ = !queue_.empty();
+      if (!draining_) return;
       event = std::move(queue_.front());
       queue_.pop_front();
       if (event->delay_ms_ > 0) {

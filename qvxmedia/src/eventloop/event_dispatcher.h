@@ -3,7 +3,7 @@
 #define QVXMEDIA_EVENTLOOP_EVENT_DISPATCHER_H_
 
 #include <atomic>
-#include <list>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -44,7 +44,8 @@ class EventDispatcher {
   /// Starts the loop and its thread.
   void Run();
 
-  /// Queues `event`. Refused with an ERROR record unless running. Called by `Event::Post`.
+  /// Queues `event`. Refused with an ERROR record unless running. `Event::Post` comes to the
+  /// same.
   void Register(const std::shared_ptr<Event>& event);
 
   /// Asks the loop to end after the handler that runs now; does not wait. Later calls do nothing.
@@ -55,18 +56,21 @@ class EventDispatcher {
   void Release();
 
  private:
+  friend class Event;
   struct TimerRecord;
   struct QuitRecord;
 
   static void OnNotify(int descriptor, short flags, void* dispatcher);
   static void OnTimerEvent(int descriptor, short flags, void* record);
   static void OnQuitEvent(int descriptor, short flags, void* record);
+  void Enqueue(std::shared_ptr<Event> event);
   void Drain();
   void AddTimer(const std::shared_ptr<Event>& event);
   void DispatchEvent(const std::shared_ptr<Event>& event);
 
   std::mutex mutex_;
-  std::list<std::shared_ptr<Event>> queue_;                // guarded by mutex_
+  std::deque<std::shared_ptr<Event>> queue_;  // guarded by mutex_
+  bool draining_ = false;  // guarded by mutex_: a pass over the queue is under way
   std::unordered_map<TimerRecord*, event*> timer_events_;  // guarded by mutex_
   event_base* event_base_ = nullptr;
   event* notify_event_ =

@@ -1,0 +1,197 @@
+#!/usr/bin/env python3
+"""Measures the extraction against the least that reading the same stream costs.
+
+    bench/extraction/run.py [--runs N] [--dir SCRATCH] [--markdown]
+
+Builds nothing: needs build/release with its benchmarks. The inputs are sparse files made on the
+spot (some 0.5 GB of disk in all while it runs). Every row alternates the two commands that it
+compares; ratios are taken pair by pair, and the table shows their median with the quartiles.
+"""
+
+import argparse
+import datetime
+import os
+import pathlib
+import platform
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+BIN = ROOT / "build" / "release" / "bin"
+
+
+class Run:
+    """One finished process: wall seconds, peak memory in KiB, bytes it read through system calls."""
+
+    def __init__(self, command, output=None):
+        with open(output or os.devnull, "wb") as log:
+            start = time.monotonic()
+            process = subprocess.Popen([str(c) for c in command], stdout=log,
+                                       stderr=subprocess.DEVNULL)
+            # Left unreaped for a moment: the kernel's account of what it read goes with it.
+            os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOWAIT)
+            self.seconds = time.monotonic() - start
+            io = pathlib.Path(f"/proc/{process.pid}/io").read_text()
+            self.read = int(io.split("rchar:")[1].split()[0])
+            _, status, usage = os.wait4(process.pid, 0)
+            process.returncode = os.waitstatus_to_exitcode(status)
+            self.peak_kib = usage.ru_maxrss
+        if process.returncode != 0:
+            sys.exit(f"{command[0]} failed with {process.returncode}")
+
+
+def alternate(runs, first, second):
+    """The two functions in turn; the first round is a warm-up and not counted."""
+    pairs = [(first(), second()) for _ in range(runs + 1)]
+    return pairs[1:]
+
+
+def show_ratio(values):
+    low, middle, high = statistics.quantiles(values, n=4)
+    return f"{middle:.2f} ({low:.2f} to {high:.2f})"
+
+
+class Bench:
+    def __init__(self, scratch, runs):
+        self.scratch = pathlib.Path(scratch)
+        self.runs = runs
+        self.out = self.scratch / "out"
+        self.out.mkdir()
+        self.log = self.scratch / "log"
+        self.rows = []
+
+    def make(self, name, seconds, *flags):
+        path = self.scratch / f"{name}.mp4"
+        subprocess.run([BIN / "bench_make_input", path, str(seconds), *flags], check=True)
+        return path
+
+    def motrace(self, path):
+        return lambda: Run([BIN / "motrace", path, self.out], self.log)
+
+    def bare(self, path):
+        return lambda: Run([BIN / "bench_bare_loop", path])
+
+    def all_streams(self, path):
+        return lambda: Run([BIN / "bench_extract_all_streams", path, self.out], self.log)
+
+    def row(self, figure, value, goal):
+        self.rows.append((figure, value, goal))
+        print(f"{figure}: {value} (goal: {goal})", file=sys.stderr, flush=True)
+
+    def versus_bare(self, label, path, goal="at most 1.5"):
+        pairs = alternate(self.runs, self.motrace(path), self.bare(path))
+        self.row(f"{label}: wall time, ratio to the bare loop",
+                 show_ratio([a.seconds / b.seconds for a, b in pairs]), goal)
+        return pairs
+
+    def stream_facts(self, path):
+        out = subprocess.run([BIN / "bench_bare_loop", path], check=True, capture_output=True)
+        packets, payload = map(int, out.stdout.split())
+        return packets, payload
+
+    def main_file(self, label, path, motion_samples):
+        pairs = self.versus_bare(label, path)
+        packets, payload = self.stream_facts(path)
+        size = path.stat().st_size
+        # What lies behind the media data box is moov.
+        needed = payload + moov_size(path)
+        read = statistics.median(a.read for a, _ in pairs)
+        self.row(f"{label}: bytes read, ratio to moov and samples",
+                 f"{read / needed:.2f} ({100 * read / size:.2f} % of the file)",
+                 "at most 3, under 2 %")
+        extra = statistics.median((a.peak_kib - b.peak_kib) * 1024 for a, b in pairs)
+        self.row(f"{label}: peak memory beyond the bare loop's, bytes a motion sample",
+                 f"{extra / motion_samples:.1f}", "at most 48")
+        seconds = statistics.median(a.seconds for a, _ in pairs)
+        return packets / seconds
+
+    def other_container(self, label, path):
+        pairs = self.versus_bare(label, path, "stated only")
+        read = statistics.median(a.read for a, _ in pairs)
+        self.row(f"{label}: bytes read, part of the file",
+                 f"{100 * read / path.stat().st_size:.1f} %", "stated only")
+        path.unlink()
+
+    def run(self):
+        main = self.make("600", 600)
+        paired = self.make("600p", 600, "--paired")
+        rate = self.main_file("10 min, a sample a packet", main, 1_200_000)
+        self.main_file("10 min, two samples a packet", paired, 1_200_000)
+
+        pairs = alternate(max(self.runs // 2, 3), self.all_streams(main), self.motrace(main))
+        self.row("10 min: wall time with every stream read, ratio to ours",
+                 show_ratio([a.seconds / b.seconds for a, b in pairs]), "at least 10")
+
+        short = self.make("1", 1)
+
+        def hundred(run):
+            def repeat():
+                total = [run() for _ in range(100)]
+                total[0].seconds = sum(r.seconds for r in total)
+                return total[0]
+            return repeat
+
+        pairs = alternate(self.runs, hundred(self.motrace(short)), hundred(self.bare(short)))
+        self.row("a hundred runs over one second, ratio to the bare loop",
+                 show_ratio([a.seconds / b.seconds for a, b in pairs]), "at most 2")
+
+        # Without an index of samples the container itself is the index.
+        fragmented = self.make("600f", 600, "--fragmented")
+        self.other_container("10 min, fragmented MP4", fragmented)
+        self.other_container("10 s, MPEG-TS", self.make("10t", 10, "--mpegts"))
+
+        times = []
+        for seconds in (10, 60, 600, 3600):
+            path = main if seconds == 600 else self.make(str(seconds), seconds)
+            took = statistics.median(self.motrace(path)().seconds for _ in range(self.runs))
+            times.append((seconds, took))
+            if seconds != 600:
+                path.unlink()
+        per_second = [1e6 * took / seconds for seconds, took in times]
+        self.row("microseconds a second of video at 10 s, 1 min, 10 min, 60 min",
+                 ", ".join(f"{v:.0f}" for v in per_second), "linear")
+        self.row("10 min: packets a second", f"{rate / 1e6:.2f} million", "")
+
+
+def moov_size(path):
+    """Size of the movie box: the file's boxes are walked."""
+    with open(path, "rb") as file:
+        while header := file.read(8):
+            size, kind = int.from_bytes(header[:4], "big"), header[4:]
+            head = 8
+            if size == 1:
+                size, head = int.from_bytes(file.read(8), "big"), 16
+            if kind == b"moov":
+                return size
+            file.seek(size - head, os.SEEK_CUR)
+    sys.exit(f"{path} has no moov box")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--runs", type=int, default=7, help="counted pairs a row, at least 5")
+    parser.add_argument("--dir", default=None, help="where the inputs are made")
+    args = parser.parse_args()
+    if args.runs < 5:
+        parser.error("at least 5 runs: a median of fewer says little on a busy machine")
+
+    scratch = tempfile.mkdtemp(prefix="motrace-bench-", dir=args.dir)
+    try:
+        bench = Bench(scratch, args.runs)
+        bench.run()
+    finally:
+        shutil.rmtree(scratch)
+
+    print(f"{datetime.date.today()}, {os.cpu_count()} cores, {platform.machine()}, "
+          f"`bench/extraction/run.py --runs {args.runs}`\n")
+    print("| Figure | Median (quartiles) | Goal |\n|---|---|---|")
+    for row in bench.rows:
+        print("| " + " | ".join(row) + " |")
+
+
+if __name__ == "__main__":
+    main()
