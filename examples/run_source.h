@@ -10,6 +10,7 @@
 #include "base/log_message.h"
 #include "editor/media_pipe.h"
 
+// [run]
 /// Runs one source until it ended or failed, and blocks meanwhile.
 /// @return 0 when it ended, 1 when it was cancelled, else the error code.
 inline int RunSource(const std::shared_ptr<lum::MediaSrc>& source) {
@@ -27,5 +28,6 @@ inline int RunSource(const std::shared_ptr<lum::MediaSrc>& source) {
   pipe->Release();  // before the last reference goes
   return result;
 }
+// [run]
 
 #endif  // QVXMEDIA_EXAMPLES_RUN_SOURCE_H_

@@ -20,7 +20,7 @@ bin=$root/build/release/bin
   # A tree that was configured for everything stays so; a new one is configured for the tool alone.
   [ -f build/release/build.ninja ] ||
     cmake --preset release -DMOTRACE_BUILD_TESTS=OFF -DMOTRACE_BUILD_BENCH=OFF \
-      -DMOTRACE_BUILD_IMAGE_ENGINES=OFF
+      -DMOTRACE_BUILD_IMAGE_ENGINES=OFF >/dev/null
   cmake --build --preset release --target motrace make_sample
 ) >&2
 
@@ -30,16 +30,5 @@ if [ $# -eq 0 ]; then
   mkdir -p out
   "$bin/make_sample" "$1"
 fi
-video=$1 dir=$2
-mkdir -p "$dir"
-
-# The log goes to a file; what went wrong comes on standard error.
-log=$root/build/extract.log
-problems=$root/build/extract.problems
-"$bin/motrace" "$video" "$dir" >"$log" 2>"$problems"
-cat "$problems" >&2
-if [ -s "$problems" ] || ! grep -q 'pipe run over\.\.\.$' "$log"; then
-  echo "not complete; the log is in $log" >&2
-  exit 1
-fi
-"$root/scripts/show.sh" "$dir"
+MOTRACE=$bin/motrace "$root/scripts/extract_one.sh" "$1" "$2"
+"$root/scripts/show.sh" "$2"

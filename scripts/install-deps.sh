@@ -40,4 +40,4 @@ fi
 echo "installing: ${missing[*]}" >&2
 "${sudo[@]}" apt-get update -qq >&2
 "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
-  apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
