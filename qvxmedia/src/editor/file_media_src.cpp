@@ -14,7 +14,7 @@ namespace lum {
 namespace {
 
 constexpr int32_t kReadErrorCode = 1;
-constexpr int64_t kAacFrameMillis = 1024 * 1000;  // milliseconds a frame, times the sample rate
+constexpr int64_t kAacFrameMillis = int64_t{1024} * 1000;  // milliseconds a frame, times the sample rate
 constexpr int kSilentAudioRate = 48000;
 constexpr int kSilentAudioChannels = 2;
 
