@@ -11,6 +11,9 @@ if(MOTRACE_WERROR)
 endif()
 
 if(MOTRACE_SANITIZE)
+  # Instrumented code trips GCC's flow analysis, also inside the standard library's headers.
+  target_compile_options(motrace_build_flags
+                         INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   # Global: a sanitizer covers every object of the program or none.
   add_compile_options(-fsanitize=${MOTRACE_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${MOTRACE_SANITIZE})
@@ -26,11 +29,14 @@ add_compile_options(
   "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/src/=src\\")
 
 # motrace_add_library(<target> ALIAS <ns::name> SOURCES ... [PUBLIC ...] [PRIVATE ...]
-#                     INCLUDE_DIR <dir> INSTALL_INCLUDE_DIR <dir>)
+#                     INCLUDE_DIR <dir> [INSTALL_INCLUDE_DIR <dir>]
+#                     [EXPORT <set> PUBLIC_HEADERS ...])
 # A static library with an alias; INCLUDE_DIR is what users' #include paths start from.
+# EXPORT installs it, with its public headers below INSTALL_INCLUDE_DIR, as part of the export set:
+# outside it has the name that the alias gives it inside.
 function(motrace_add_library target)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "ALIAS;INCLUDE_DIR;INSTALL_INCLUDE_DIR"
-                        "SOURCES;PUBLIC;PRIVATE")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "ALIAS;INCLUDE_DIR;INSTALL_INCLUDE_DIR;EXPORT"
+                        "SOURCES;PUBLIC;PRIVATE;PUBLIC_HEADERS")
   add_library(${target} STATIC ${arg_SOURCES})
   add_library(${arg_ALIAS} ALIAS ${target})
   target_compile_features(${target} PUBLIC cxx_std_17)
@@ -41,6 +47,21 @@ function(motrace_add_library target)
     ${target}
     PUBLIC ${arg_PUBLIC}
     PRIVATE ${arg_PRIVATE} $<BUILD_INTERFACE:motrace_build_flags>)
+  if(NOT arg_EXPORT OR NOT MOTRACE_INSTALL)
+    return()
+  endif()
+  string(REGEX REPLACE ".*::" "" export_name ${arg_ALIAS})
+  set_target_properties(${target} PROPERTIES EXPORT_NAME ${export_name})
+  install(TARGETS ${target} EXPORT ${arg_EXPORT}
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+  foreach(header IN LISTS arg_PUBLIC_HEADERS)
+    cmake_path(ABSOLUTE_PATH header BASE_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
+    cmake_path(RELATIVE_PATH header BASE_DIRECTORY ${arg_INCLUDE_DIR} OUTPUT_VARIABLE relative)
+    cmake_path(GET relative PARENT_PATH folder)
+    install(FILES ${header}
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${arg_INSTALL_INCLUDE_DIR}/${folder}
+            COMPONENT dev)
+  endforeach()
 endfunction()
 
 # motrace_add_test(<target> SOURCES ... LIBS ... [TIMEOUT <s>] [LABELS ...])
@@ -53,7 +74,7 @@ function(motrace_add_test target)
   add_executable(${target} ${arg_SOURCES})
   target_link_libraries(${target} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main
                                           motrace_build_flags)
-  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES
                        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
 endfunction()
 

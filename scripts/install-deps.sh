@@ -1,15 +1,28 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages that building and testing need, and only those that are missing.
+# Installs the Debian 12 packages that are needed, and only those that are missing:
+#   scripts/install-deps.sh tool    what building the tool and its library needs
+#   scripts/install-deps.sh         that, and what the image libraries, tests and benchmarks need
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config python3
+  build-essential cmake ninja-build pkg-config
   libavformat-dev libavcodec-dev libavutil-dev
-  libevent-dev nlohmann-json3-dev libboost-filesystem-dev
-  libopencv-core-dev libopencv-imgproc-dev
-  ocl-icd-opencl-dev pocl-opencl-icd
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libevent-dev libboost-filesystem-dev
 )
+case "${1:-all}" in
+  tool) ;;
+  all)
+    packages+=(
+      libopencv-core-dev libopencv-imgproc-dev ocl-icd-opencl-dev pocl-opencl-icd
+      libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+      python3 python3-numpy man-db
+    )
+    ;;
+  *)
+    echo "usage: scripts/install-deps.sh [tool]" >&2
+    exit 2
+    ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do
@@ -27,4 +40,4 @@ fi
 echo "installing: ${missing[*]}" >&2
 "${sudo[@]}" apt-get update -qq >&2
 "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
-  apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,7 +1,5 @@
 // motrace source_path save_dir: extracts a video file's camera motion metadata.
 
-#include <malloc.h>
-
 #include <csignal>
 #include <iostream>
 #include <memory>
@@ -13,11 +11,13 @@
 #include "editor/media_pipe.h"
 #include "extraction_report.h"
 #include "log_sites.h"
+#include "utils/allocator.h"
 #include "utils/progress_line.h"
 #include "utils/vela_util.h"
 
 namespace {
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): it owns both for the length of the run
 bool ParseMotion(std::string source_path, std::string save_dir) {
   lum::InitFFmpeg();
   const auto source = std::make_shared<lum::FileMediaSrc>(source_path);
@@ -50,11 +50,7 @@ int main(int argc, char** argv) {
   // A log that nobody reads any more, or a file size limit, must not cost the extraction.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-#ifdef M_MXFAST
-  // Every packet's buffer is a short-lived allocation of FFmpeg's at the heap's top. glibc's fast
-  // bins make each second free of one consolidate the heap: without them a run takes a fifth less.
-  mallopt(M_MXFAST, 0);
-#endif
+  TuneAllocatorForPackets();
   ParseMotion(argv[1], argv[2]);
   return 0;
 }

@@ -1,17 +1,22 @@
-// make_input OUT.mp4 SECONDS [--paired]: a camera file for the extraction benchmark.
+// make_input OUT.mp4 SECONDS [--paired] [--fragmented|--mpegts]: a camera file
+// for the extraction benchmark.
 //
 // 60 Mbit/s H.264 at 60 frames a second and one motion track: 1 kHz gyroscope and accelerometer,
 // 60 Hz exposure, 10 Hz GPS, every sample a packet of its own (with --paired the two motion samples
-// of an instant share one), a chunk a second. The first second holds real frames, so that probing
-// finds what it looks for; behind it the pictures are holes of a sparse file, which cost no disk
-// and read back as zeros.
+// of an instant share one), a chunk a second, or with --fragmented a fragment. The first second
+// holds real frames, so that probing finds what it looks for; behind it the pictures are holes of a
+// sparse file, which cost no disk and read back as zeros. With --mpegts it is a transport stream:
+// every byte is stored.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <utility>
+#include <vector>
 
 #include "support/av_encode.h"
 #include "support/camm_samples.h"
@@ -25,6 +30,8 @@ using motrace::testing::Mp4Track;
 constexpr uint32_t kTicksPerSecond = 60000;  // divides by every rate below
 constexpr uint32_t kFramesPerSecond = 60;
 constexpr uint32_t kFrameBytes = 60'000'000 / 8 / kFramesPerSecond;
+constexpr int kWidth = 640;
+constexpr int kHeight = 320;
 constexpr uint32_t kMotionRate = 1000;
 constexpr uint32_t kGpsRate = 10;
 
@@ -43,16 +50,19 @@ Bytes Padded(const Bytes& frame) {
   return padded;
 }
 
-Mp4Track VideoTrack(uint32_t seconds) {
+motrace::testing::EncodedStream EncodedSecond() {
   motrace::testing::H264Options options;
-  options.width = 640;
-  options.height = 320;
+  options.width = kWidth;
+  options.height = kHeight;
   options.frames = kFramesPerSecond;
   options.frames_per_second = kFramesPerSecond;
   options.b_frames = 0;
-  const auto encoded = motrace::testing::EncodeH264(options);
-  Mp4Track track =
-      Mp4Track::Video(encoded.extradata(), options.width, options.height, kTicksPerSecond);
+  return motrace::testing::EncodeH264(options);
+}
+
+Mp4Track VideoTrack(uint32_t seconds) {
+  const auto encoded = EncodedSecond();
+  Mp4Track track = Mp4Track::Video(encoded.extradata(), kWidth, kHeight, kTicksPerSecond);
   constexpr uint32_t kFrameTicks = kTicksPerSecond / kFramesPerSecond;
   for (const auto& packet : encoded.packets) {
     track.Add(Padded(packet.data), kFrameTicks, 0, packet.key);
@@ -63,8 +73,9 @@ Mp4Track VideoTrack(uint32_t seconds) {
   return track;
 }
 
-Mp4Track MotionTrack(uint32_t seconds, bool paired) {
-  Mp4Track track = Mp4Track::Camm(kTicksPerSecond);
+// Calls add(payload, ticks to the next sample) for every sample of the motion track.
+template <typename Add>
+void ForEachMotionSample(uint32_t seconds, bool paired, Add add) {
   constexpr uint32_t kStep = kTicksPerSecond / kMotionRate;
   for (uint32_t i = 0; i < seconds * kMotionRate; ++i) {
     const double t = static_cast<double>(i) / kMotionRate;
@@ -75,36 +86,79 @@ Mp4Track MotionTrack(uint32_t seconds, bool paired) {
       fix.time_gps_epoch = 1.4e9 + t;
       fix.latitude = 48.0 + t * 1e-5;
       fix.longitude = 11.0 + t * 1e-5;
-      track.Add(motrace::testing::GpsSample(fix), 0);
+      add(motrace::testing::GpsSample(fix), 0);
     }
     if (i * kFramesPerSecond / kMotionRate != (i + 1) * kFramesPerSecond / kMotionRate) {
-      track.Add(motrace::testing::ExposureSample(8'000'000, 16'000'000), 0);
+      add(motrace::testing::ExposureSample(8'000'000, 16'000'000), 0);
     }
     const Bytes gyro = motrace::testing::GyroSample({wave(0.7), wave(0.5), wave(1.1)});
     const Bytes accel = motrace::testing::AccelSample({wave(1.8), wave(2.8), 9.81F});
     if (paired) {
-      track.Add(motrace::testing::Concat({gyro, accel}), kStep);
+      add(motrace::testing::Concat({gyro, accel}), kStep);
     } else {
-      track.Add(gyro, 0);
-      track.Add(accel, kStep);
+      add(gyro, 0);
+      add(accel, kStep);
     }
   }
+}
+
+Mp4Track MotionTrack(uint32_t seconds, bool paired) {
+  Mp4Track track = Mp4Track::Camm(kTicksPerSecond);
+  ForEachMotionSample(seconds, paired, [&track](const Bytes& payload, uint32_t duration) {
+    track.Add(payload, duration);
+  });
   return track;
+}
+
+// The same second of pictures again and again, and the motion track as private data.
+void WriteTransportStream(const char* path, uint32_t seconds, bool paired) {
+  motrace::testing::EncodedStream video = EncodedSecond();
+  const std::vector<motrace::testing::EncodedPacket> one_second = std::move(video.packets);
+  video.packets.clear();
+  for (uint32_t second = 0; second < seconds; ++second) {
+    for (auto packet : one_second) {
+      packet.data = Padded(packet.data);
+      packet.pts += int64_t{second} * kFramesPerSecond;
+      packet.dts += int64_t{second} * kFramesPerSecond;
+      video.packets.push_back(std::move(packet));
+    }
+  }
+  motrace::testing::DataStream data;
+  data.time_base = {1, static_cast<int>(kTicksPerSecond)};
+  int64_t time = 0;
+  ForEachMotionSample(seconds, paired, [&](const Bytes& payload, uint32_t duration) {
+    motrace::testing::EncodedPacket packet;
+    packet.data = payload;
+    packet.pts = packet.dts = time;
+    time += duration;
+    data.packets.push_back(std::move(packet));
+  });
+  motrace::testing::MuxWithLibavformat(path, "mpegts", &video, nullptr, &data);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bool paired = argc == 4 && std::strcmp(argv[3], "--paired") == 0;
+  const auto has_flag = [&](const char* flag) {
+    return std::any_of(argv + 1, argv + argc, [&](const char* a) { return !std::strcmp(a, flag); });
+  };
+  const bool paired = has_flag("--paired");
+  const bool fragmented = has_flag("--fragmented");
+  const bool transport = has_flag("--mpegts");
   const long seconds = argc >= 3 ? std::strtol(argv[2], nullptr, 10) : 0;
-  if ((argc != 3 && !paired) || seconds < 1) {
-    std::fprintf(stderr, "usage: make_input OUT.mp4 SECONDS [--paired]\n");
+  if (argc != 3 + paired + fragmented + transport || seconds < 1) {
+    std::fprintf(stderr, "usage: make_input OUT.mp4 SECONDS [--paired] [--fragmented|--mpegts]\n");
     return 2;
   }
   try {
     motrace::testing::Mp4Layout layout;
     layout.interleave_ms = 1000;
+    if (fragmented) layout.order = motrace::testing::Mp4Order::kFragmented;
     const auto length = static_cast<uint32_t>(seconds);
+    if (transport) {
+      WriteTransportStream(argv[1], length, paired);
+      return 0;
+    }
     motrace::testing::WriteMp4(argv[1], {VideoTrack(length), MotionTrack(length, paired)}, layout);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "make_input: %s\n", e.what());

@@ -1,12 +1,14 @@
-// make_sample OUT.mp4: writes a small camera video to try the tool on. Four seconds of H.264 with
-// B-frames, AAC sound, and a Camera Motion Metadata track as a hand-held 360 degree camera would
-// record it: gyroscope and accelerometer at 200 Hz, exposure at 30 Hz, GPS at 10 Hz, and once a
-// second the types that the tool leaves out (angle-axis, position, minimal GPS, magnetic field).
+// make_sample OUT.mp4 [without-audio]: writes a small camera video to try the tool on. Four seconds
+// of H.264 with B-frames, AAC sound, and a Camera Motion Metadata track as a hand-held 360 degree
+// camera would record it: gyroscope and accelerometer at 200 Hz, exposure at 30 Hz, GPS at 10 Hz,
+// and once a second the types that the tool leaves out (angle-axis, position, minimal GPS, magnetic
+// field).
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <vector>
 
@@ -107,8 +109,9 @@ Mp4Track MotionTrack() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fputs("usage: make_sample OUT.mp4\n", stderr);
+  const bool with_audio = argc == 2;
+  if (!with_audio && (argc != 3 || std::strcmp(argv[2], "without-audio") != 0)) {
+    std::fputs("usage: make_sample OUT.mp4 [without-audio]\n", stderr);
     return 2;
   }
   try {
@@ -118,8 +121,10 @@ int main(int argc, char** argv) {
     video.frames = kSeconds * video.frames_per_second;
     AacOptions audio;
     audio.milliseconds = kSeconds * 1000;
-    WriteMp4(argv[1], {ToMp4Track(EncodeH264(video), kTicksPerSecond),
-                       ToMp4Track(EncodeAac(audio), 48000), MotionTrack()});
+    std::vector<Mp4Track> tracks{ToMp4Track(EncodeH264(video), kTicksPerSecond)};
+    if (with_audio) tracks.push_back(ToMp4Track(EncodeAac(audio), 48000));
+    tracks.push_back(MotionTrack());
+    WriteMp4(argv[1], tracks);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_sample: %s\n", error.what());
     return 1;

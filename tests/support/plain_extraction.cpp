@@ -209,6 +209,8 @@ std::optional<std::vector<TimedPayload>> ReadDataStream(const std::filesystem::p
       std::int64_t offset = 0;
       if (timed) offset = av_rescale_q(*start_ms, kMilliseconds, time_base);
       const auto relative_ms = [&](std::int64_t stamp) {
+        // A missing stamp is not moved; it becomes a number all the same.
+        if (stamp == AV_NOPTS_VALUE) return av_rescale_q(stamp, time_base, kMilliseconds);
         const std::uint64_t moved =
             static_cast<std::uint64_t>(stamp) - static_cast<std::uint64_t>(offset);
         return av_rescale_q(static_cast<std::int64_t>(moved), time_base, kMilliseconds);

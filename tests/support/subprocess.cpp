@@ -165,7 +165,10 @@ ProcessResult RunProcess(const std::vector<std::string>& arguments, const Proces
     const int timeout_ms = result.timed_out ? -1 : static_cast<int>(left.count()) + 1;
     if (poll(waits.data(), waits.size(), timeout_ms) < 0 && errno != EINTR) Fail("poll");
     if (waits[0].revents != 0 && !Drain(waits[0].fd, result.out)) waits[0].fd = -1;
-    if (waits[1].revents != 0 && !Drain(waits[1].fd, result.err)) waits[1].fd = -1;
+    if (waits[1].revents != 0) {
+      if (!Drain(waits[1].fd, result.err)) waits[1].fd = -1;
+      if (options.on_stderr) options.on_stderr(result.err);
+    }
     if (waits[2].revents != 0) {
       waits[2].fd = -1;
       result.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);

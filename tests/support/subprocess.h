@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -25,6 +26,8 @@ struct ProcessOptions {
   std::chrono::seconds time_limit{60};             ///< only bounds a hang
   /// Standard error is a terminal (a pseudo terminal) instead of a pipe.
   bool stderr_is_terminal = false;
+  /// Called with what standard error has brought so far, each time that more has come.
+  std::function<void(const std::string&)> on_stderr;
   /// Soft limit of the size of a written file in bytes (RLIMIT_FSIZE); 0 = none.
   std::uint64_t file_size_limit = 0;
 };

@@ -131,7 +131,9 @@ int Demuxer::NextPacket(std::shared_ptr<QVXPacket>& out) {
     eof_ = true;
     LUM_LOG_AT(kVerbose, site::kDemuxReadEof) << "ReadPacket eof.";
   } else {
-    if (out->stream_index != video_index_) return 0;
+    // A discarded video stream's packets may still come out of the probe's buffer: nobody wants
+    // them, and a broken one must not end the reading.
+    if (out->stream_index != video_index_ || VideoStream()->discard == AVDISCARD_ALL) return 0;
     const int sent = bsf_->SendPacket(out);
     if (sent != 0) {
       LUM_LOG_AT(kWarning, site::kDemuxSendFailed)

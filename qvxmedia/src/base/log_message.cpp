@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <locale>
 
 namespace lum {
 namespace {
@@ -31,6 +32,7 @@ LogConfig& GetLogConfig() {
 }
 
 LogSink::~LogSink() {
+  const std::lock_guard<std::mutex> lock(mutex);  // a thread may still log while the process exits
   if (file != nullptr) std::fclose(file);
   file = nullptr;
 }
@@ -55,6 +57,8 @@ LogMessage::LogMessage(const std::string& condition, const std::string& file,
 }
 
 void LogMessage::AppendHeader() {
+  imbue(std::locale::classic());  // numbers are plain, whatever the program's locale
+
   const int64_t now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                              std::chrono::system_clock::now().time_since_epoch())
                              .count();

@@ -14,7 +14,7 @@ namespace lum {
 namespace {
 
 constexpr int32_t kReadErrorCode = 1;
-constexpr int64_t kAacFrameMillis = 1024 * 1000;  // milliseconds a frame, times the sample rate
+constexpr int64_t kAacFrameMillis = int64_t{1024} * 1000;  // milliseconds a frame, times the sample rate
 constexpr int kSilentAudioRate = 48000;
 constexpr int kSilentAudioChannels = 2;
 
@@ -106,11 +106,11 @@ void FileMediaSrc::Interrupt() {
 }
 
 void FileMediaSrc::Close() {
-  if (dispatcher_ == nullptr) return;  // never started, or stopped: no thread to close on
   if (closed_) {
     LUM_LOG_AT(kVerbose, site::kSrcCloseTwice) << "want to close twice.";
     return;
   }
+  if (dispatcher_ == nullptr) return;  // never started, or stopped: no thread to close on
   EndReading();
   PostAndWait(MakeEvent(kSrcEventClose, shared_from_this(), dispatcher_));
   LUM_LOG_AT(kVerbose, site::kSrcClosed) << "file_media_src:" << url_ << " closed.";

@@ -47,6 +47,8 @@ class FileMediaSrc : public MediaSrc,
   /// @param url file to read; also the name of the event thread's dispatcher.
   explicit FileMediaSrc(std::string url);
   ~FileMediaSrc() override;
+  FileMediaSrc(const FileMediaSrc&) = delete;
+  FileMediaSrc& operator=(const FileMediaSrc&) = delete;
 
   // All setters: before Prepare.
 
@@ -142,8 +144,8 @@ class FileMediaSrc : public MediaSrc,
   enum class RangeStep : uint8_t { kDeliver, kStop };
   RangeStep UpdateProgress(int64_t position_ms);
   RangeStep NextRange(int64_t position_ms);
-  bool Deliver(Track& track, const std::shared_ptr<QVXPacket>& packet);
-  bool PassOn(Track& track, const std::shared_ptr<QVXPacket>& packet);
+  bool Deliver(Track& target, const std::shared_ptr<QVXPacket>& packet);
+  bool PassOn(Track& target, const std::shared_ptr<QVXPacket>& packet);
   bool AddSilentAudio(int64_t until_ms);
   int64_t EstimateEndMs();
 

@@ -146,6 +146,8 @@ void EventDispatcher::AddTimer(const std::shared_ptr<Event>& event) {
   timeout.tv_sec = remaining_us / 1'000'000;
   timeout.tv_usec = remaining_us % 1'000'000;
 
+  // A time-out counts from the base's cached time, which is that of the turn's begin.
+  event_base_update_cache_time(event_base_);
   auto* record = new TimerRecord{this, event};
   struct event* timer = event_new(event_base_, kNoDescriptor, 0, &OnTimerEvent, record);
   event_add(timer, &timeout);

@@ -1,0 +1,126 @@
+# What `cmake --install` puts where, and the Debian packages that `cpack` makes of it.
+# Components: tool (package motrace) and dev (package libqvxmedia-dev).
+include(CMakePackageConfigHelpers)
+
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia)
+set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# --- tool
+install(TARGETS motrace RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+install(FILES docs/motrace.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+install(FILES README.md docs/formats.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace
+        COMPONENT tool)
+
+# --- library
+install(TARGETS qvxmedia EXPORT qvxmedia)
+install(EXPORT qvxmedia NAMESPACE qvxmedia:: FILE qvxmediaTargets.cmake DESTINATION ${config_dir}
+        COMPONENT dev)
+configure_package_config_file(cmake/qvxmediaConfig.cmake.in qvxmediaConfig.cmake
+                              INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(qvxmediaConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/qvxmediaConfig.cmake
+              ${PROJECT_BINARY_DIR}/qvxmediaConfigVersion.cmake
+        DESTINATION ${config_dir} COMPONENT dev)
+
+# The path from the .pc file to the prefix, so that the tree can be moved.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
+           BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${pkgconfig_dir}
+           OUTPUT_VARIABLE QVXMEDIA_PC_TO_PREFIX)
+configure_file(cmake/qvxmedia.pc.in qvxmedia.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qvxmedia.pc DESTINATION ${pkgconfig_dir} COMPONENT dev)
+install(FILES docs/library.md
+              examples/counting_consumer.h examples/custom_byte_source.cpp
+              examples/custom_consumer.cpp examples/pacing.cpp examples/ranges.cpp
+              examples/run_source.h examples/silent_audio.cpp
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev/examples COMPONENT dev)
+
+# --- packages
+find_program(MOTRACE_DPKG_QUERY dpkg-query)
+if(NOT MOTRACE_DPKG_QUERY)
+  return()
+endif()
+
+# motrace_debian_dev_dependency(<variable> <module> [SAME_MAJOR])
+# Appends the -dev package that holds a pkg-config module, not older than the one built with.
+# SAME_MAJOR: nor of a later major version, for libraries that change their ABI with it.
+function(motrace_debian_dev_dependency variable module)
+  cmake_parse_arguments(PARSE_ARGV 2 arg "SAME_MAJOR" "" "")
+  pkg_get_variable(folder ${module} pcfiledir)
+  execute_process(COMMAND ${MOTRACE_DPKG_QUERY} --search ${folder}/${module}.pc
+                  OUTPUT_VARIABLE owner ERROR_QUIET)
+  if(NOT owner MATCHES "^([^:]+)[^ ]*: ")
+    return()  # not from a package
+  endif()
+  set(package ${CMAKE_MATCH_1})
+  execute_process(COMMAND ${MOTRACE_DPKG_QUERY} --show --showformat=\${Version} ${package}
+                  OUTPUT_VARIABLE version)
+  if(NOT version MATCHES "^([0-9]+:)?([0-9]+)(\\.[0-9]+)?")
+    return()
+  endif()
+  set(dependencies ${${variable}} "${package} (>= ${CMAKE_MATCH_0})")
+  if(arg_SAME_MAJOR)
+    math(EXPR next "${CMAKE_MATCH_2} + 1")
+    list(APPEND dependencies "${package} (<< ${CMAKE_MATCH_1}${next}~)")
+  endif()
+  set(${variable} ${dependencies} PARENT_SCOPE)
+endfunction()
+
+foreach(module libavformat libavcodec libavutil)
+  motrace_debian_dev_dependency(dev_dependencies ${module} SAME_MAJOR)
+endforeach()
+motrace_debian_dev_dependency(dev_dependencies libevent_core)
+list(JOIN dev_dependencies ", " dev_dependencies)
+
+set(MOTRACE_MAINTAINER "motrace maintainers <maintainers@motrace.invalid>"
+    CACHE STRING "Name and address that the packages carry")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME motrace)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own, below
+set(CPACK_PACKAGE_CONTACT ${MOTRACE_MAINTAINER})
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_COMPONENTS_ALL tool dev)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
+                                                GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/finish_debian_tree.cmake)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_TOOL_PACKAGE_NAME motrace)
+set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOL_DESCRIPTION
+    "extract camera motion metadata (CAMM) from video files
+motrace reads the camera motion metadata track of a video file and writes its
+gyroscope, accelerometer, exposure and GPS samples as plain data files.")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libqvxmedia-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS ${dev_dependencies})
+set(CPACK_DEBIAN_DEV_DESCRIPTION
+    "media pipeline library (development files)
+qvxmedia demultiplexes media files on threads of its own and hands each
+stream's packets to the consumer attached to it.
+
+This package holds the static libraries, the headers, and the files for CMake
+and pkg-config.")
+
+# Documents that Debian expects in every package.
+string(TIMESTAMP MOTRACE_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
+foreach(pair "tool:motrace" "dev:libqvxmedia-dev")
+  string(REGEX MATCH "^([^:]+):(.+)$" _ ${pair})
+  set(component ${CMAKE_MATCH_1})
+  set(package ${CMAKE_MATCH_2})
+  set(documents ${PROJECT_BINARY_DIR}/packaging/${package})
+  configure_file(packaging/changelog.Debian.in ${documents}/changelog.Debian @ONLY)
+  install(FILES ${documents}/changelog.Debian packaging/copyright
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component}
+          EXCLUDE_FROM_ALL)
+  install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
+          COMPONENT ${component} RENAME changelog)
+endforeach()
+
+include(CPack)

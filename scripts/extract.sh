@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Extracts a video's camera motion metadata and lists what came out:
+#   scripts/extract.sh             makes a small sample video and extracts it into out/
+#   scripts/extract.sh VIDEO DIR   extracts VIDEO into DIR, which is made if need be
+# First installs the Debian packages that are missing and builds the tool. Fails when the extraction
+# was not complete.
+set -euo pipefail
+usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
+case "$#:${1:-}" in
+  *:-h | *:--help) usage; exit 0 ;;
+  0:* | 2:*) ;;
+  *) usage >&2; exit 2 ;;
+esac
+root=$(cd "$(dirname "$0")/.." && pwd)
+bin=$root/build/release/bin
+
+"$root/scripts/install-deps.sh" tool
+(
+  cd "$root"
+  # A tree that was configured for everything stays so; a new one is configured for the tool alone.
+  [ -f build/release/build.ninja ] ||
+    cmake --preset release -DMOTRACE_BUILD_TESTS=OFF -DMOTRACE_BUILD_BENCH=OFF \
+      -DMOTRACE_BUILD_IMAGE_ENGINES=OFF >/dev/null
+  cmake --build --preset release --target motrace make_sample
+) >&2
+
+if [ $# -eq 0 ]; then
+  cd "$root"
+  set -- out/sample.mp4 out
+  mkdir -p out
+  "$bin/make_sample" "$1"
+fi
+MOTRACE=$bin/motrace "$root/scripts/extract_one.sh" "$1" "$2"
+"$root/scripts/show.sh" "$2"

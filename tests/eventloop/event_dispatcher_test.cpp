@@ -1,0 +1,343 @@
+#include "eventloop/event_dispatcher.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "eventloop/loop_testing.h"
+#include "support/log_capture.h"
+
+namespace lum {
+namespace {
+
+using ::motrace::testing::Arrives;
+using ::motrace::testing::FunctionHandler;
+using ::motrace::testing::Gate;
+using ::motrace::testing::LogCapture;
+using ::motrace::testing::PassTime;
+using ::motrace::testing::TestLoop;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+TEST(EventDispatcher, HandlesEventsOfOneThreadInOrderOnAThreadOfItsOwn) {
+  std::vector<int> seen;  // loop thread only, until Flush
+  std::thread::id handled_on;
+  TestLoop loop([&](const Event& event) {
+    seen.push_back(event.what());
+    handled_on = std::this_thread::get_id();
+  });
+  loop.Post(3);
+  loop.PostDelayed(1, 0);
+  loop.PostDelayed(2, -50);  // a negative delay is none
+  loop.Post(INT32_MIN);
+  ASSERT_TRUE(loop.Flush());
+  EXPECT_THAT(seen, ElementsAre(3, 1, 2, INT32_MIN));
+  EXPECT_NE(handled_on, std::this_thread::get_id());
+}
+
+TEST(EventDispatcher, EventsPostedByAHandlerComeAfterThoseQueued) {
+  std::vector<int> seen;
+  TestLoop loop([&](const Event& event) {
+    seen.push_back(event.what());
+    if (event.what() < 10) loop.Post(event.what() + 10);
+  });
+  {
+    const Gate gate(loop);
+    loop.Post(1);
+    loop.Post(2);
+  }
+  ASSERT_TRUE(loop.Flush());  // queued behind 1 and 2, at the latest behind 11 and 12's turn
+  ASSERT_TRUE(loop.Flush());
+  EXPECT_THAT(seen, ElementsAre(1, 2, 11, 12));
+}
+
+TEST(EventDispatcher, APostedEventRunsAsOftenAsItWasPosted) {
+  int handled = 0;
+  TestLoop loop([&handled](const Event&) { ++handled; });
+  const auto event = MakeEvent(1, loop.handler, loop.dispatcher);
+  {
+    const Gate gate(loop);
+    event->Post();
+    event->Post();
+  }
+  ASSERT_TRUE(loop.Flush());
+  EXPECT_EQ(handled, 2);
+}
+
+TEST(EventDispatcher, DelayedEventsComeInTheOrderTheyAreDue) {
+  std::vector<int> seen;
+  std::promise<void> last;
+  TestLoop loop([&](const Event& event) {
+    seen.push_back(event.what());
+    if (event.what() == 30) last.set_value();
+  });
+  {
+    const Gate gate(loop);
+    for (const int delay : {30, 10, 20}) loop.PostDelayed(delay, delay);
+    loop.Post(0);
+  }
+  ASSERT_TRUE(Arrives(last.get_future()));
+  EXPECT_THAT(seen, ElementsAre(0, 10, 20, 30));
+}
+
+// Were it measured from the moment when the loop takes the event, `late` would be due first.
+TEST(EventDispatcher, TheDelayCountsFromTheCall) {
+  std::vector<std::string> seen;
+  std::promise<void> both;
+  const auto note = [&](const char* name) {
+    seen.emplace_back(name);
+    if (seen.size() == 2) both.set_value();
+  };
+  TestLoop loop;
+  {
+    const Gate gate(loop);
+    loop.Run([&] { note("early"); }, 100);
+    loop.Run([&] { loop.Run([&] { note("late"); }, 60); });
+    PassTime(milliseconds(100));
+  }
+  ASSERT_TRUE(Arrives(both.get_future()));
+  EXPECT_THAT(seen, ElementsAre("early", "late"));
+}
+
+TEST(EventDispatcher, ADelayedEventAlreadyDueWaitsForTheNextTurn) {
+  std::vector<int> seen;
+  std::promise<void> late;
+  TestLoop loop([&](const Event& event) {
+    seen.push_back(event.what());
+    if (event.what() == 1) late.set_value();
+  });
+  {
+    const Gate gate(loop);
+    loop.PostDelayed(1, 1);
+    loop.Post(2);
+    PassTime(milliseconds(2));
+  }
+  ASSERT_TRUE(Arrives(late.get_future()));
+  EXPECT_THAT(seen, ElementsAre(2, 1));
+}
+
+// The loop's own idea of the time stands still while a handler runs.
+TEST(EventDispatcher, NoEventComesBeforeItsDelayHasPassed) {
+  constexpr milliseconds kDelay(20);
+  TestLoop loop;
+  std::promise<steady_clock::duration> waited;
+  loop.Run([&] {
+    PassTime(2 * kDelay);
+    loop.PostDelayed(1, 1);  // makes the loop look at its timers early
+    const auto posted = steady_clock::now();
+    loop.Run([&waited, posted] { waited.set_value(steady_clock::now() - posted); },
+             static_cast<int32_t>(kDelay.count()));
+  });
+  std::future<steady_clock::duration> result = waited.get_future();
+  ASSERT_TRUE(Arrives(result));
+  EXPECT_GE(result.get(), kDelay - milliseconds(1));  // time-outs are whole microseconds
+}
+
+TEST(EventDispatcher, AHandlerThatIsGoneDropsItsEvent) {
+  TestLoop loop;
+  const LogCapture log;
+  auto gone = std::make_shared<FunctionHandler>();
+  {
+    const Gate gate(loop);
+    MakeEvent(1, gone, loop.dispatcher)->Post();
+    gone.reset();
+  }
+  ASSERT_TRUE(loop.Flush());
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("VERBOSE eventloop/event_dispatcher.cpp:92 invalid handler session "));
+}
+
+TEST(EventDispatcher, RefusesEventsUnlessItRuns) {
+  const auto handler = std::make_shared<FunctionHandler>([](const Event&) { FAIL(); });
+  const auto dispatcher = std::make_shared<EventDispatcher>();
+  const LogCapture log;
+  const auto refused = [](const std::string& name, int what) {
+    return "ERROR eventloop/event_dispatcher.cpp:165 try to regsiter when not runnig:" + name +
+           " what:" + std::to_string(what);
+  };
+  MakeEvent(1, handler, dispatcher)->Post();
+  dispatcher->SetName("named");
+  MakeEvent(-2, handler, dispatcher)->PostWithDelay(5);
+  EXPECT_THAT(log.Lines(), ElementsAre(refused("", 1), refused("named", -2)));
+
+  dispatcher->Run();
+  dispatcher->Stop();
+  MakeEvent(3, handler, dispatcher)->Post();
+  EXPECT_THAT(log.Lines(), Contains(refused("named", 3)));
+  dispatcher->Release();
+  MakeEvent(4, handler, dispatcher)->Post();
+  EXPECT_THAT(log.Lines(), Contains(refused("named", 4)));
+}
+
+TEST(EventDispatcher, StopLetsTheHandlerFinishAndReleaseDropsTheRest) {
+  std::vector<int> seen;
+  TestLoop loop([&seen](const Event& event) { seen.push_back(event.what()); });
+  const auto value = std::make_shared<int>(0);
+  {
+    const Gate gate(loop);
+    for (const int delay : {0, 0, 1, 100'000}) {
+      MakeEvent(1, loop.handler, loop.dispatcher)->SetData("value", value)->PostWithDelay(delay);
+    }
+    EXPECT_EQ(value.use_count(), 5);
+    loop.dispatcher->Stop();
+  }
+  loop.dispatcher->Release();
+  EXPECT_THAT(seen, IsEmpty());
+  EXPECT_EQ(value.use_count(), 1) << "dropped events are destroyed";
+}
+
+TEST(EventDispatcher, TimersPendingAtReleaseAreDropped) {
+  TestLoop loop([](const Event&) { FAIL(); });
+  const auto value = std::make_shared<int>(0);
+  const auto twice = MakeEvent(1, loop.handler, loop.dispatcher)->SetData("value", value);
+  twice->PostWithDelay(100'000);
+  twice->PostWithDelay(200'000);
+  MakeEvent(2, loop.handler, loop.dispatcher)->SetData("value", value)->PostWithDelay(INT32_MAX);
+  ASSERT_TRUE(loop.Flush());  // the loop has taken them all
+  loop.End();
+  EXPECT_EQ(value.use_count(), 2);
+}
+
+// A dropped event's values may do anything, such as post.
+TEST(EventDispatcher, DroppedValuesMayUseTheDispatcher) {
+  TestLoop loop;
+  const LogCapture log;
+  {
+    const Gate gate(loop);
+    const std::shared_ptr<int> posts(new int(0), [&loop](const int* value) {
+      loop.Post(9);
+      delete value;
+    });
+    MakeEvent(1, loop.handler, loop.dispatcher)->SetData("value", posts)->Post();
+    loop.dispatcher->Stop();
+  }
+  loop.dispatcher->Release();
+  EXPECT_THAT(log.Lines(), Contains("ERROR eventloop/event_dispatcher.cpp:165 try to regsiter "
+                                    "when not runnig:test what:9"));
+}
+
+TEST(EventDispatcher, RecordsTheEndOfALoopStoppedByAnotherThread) {
+  TestLoop loop;
+  ASSERT_TRUE(loop.Flush());
+  const LogCapture log;
+  loop.dispatcher->Stop();
+  loop.dispatcher->Stop();  // does nothing
+  loop.dispatcher->Release();
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("VERBOSE eventloop/event_dispatcher.cpp:127 test want to stop.",
+                          "VERBOSE eventloop/event_dispatcher.cpp:81 [test]event_base_loopbreak: 0",
+                          "VERBOSE eventloop/event_dispatcher.cpp:118 [test] thread exit ...",
+                          "VERBOSE eventloop/event_dispatcher.cpp:160 [test] dispatcher release"));
+}
+
+TEST(EventDispatcher, RecordsTheEndOfALoopStoppedByItsHandler) {
+  TestLoop loop([](const Event&) { FAIL() << "queued behind the stop"; });
+  const LogCapture log;
+  {
+    const Gate gate(loop);
+    loop.Run([&loop] {
+      loop.dispatcher->Stop();
+      loop.dispatcher->Stop();
+    });
+    loop.Post(1);
+  }
+  loop.dispatcher->Release();
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("VERBOSE eventloop/event_dispatcher.cpp:127 test want to stop.",
+                          "VERBOSE eventloop/event_dispatcher.cpp:130 [test] event break event:0",
+                          "VERBOSE eventloop/event_dispatcher.cpp:118 [test] thread exit ...",
+                          "VERBOSE eventloop/event_dispatcher.cpp:160 [test] dispatcher release"));
+}
+
+TEST(EventDispatcher, StopBeforeTheLoopHasStartedIsNotLost) {
+  for (int i = 0; i < 300; ++i) {
+    EventDispatcher dispatcher;
+    dispatcher.Run();
+    dispatcher.Stop();
+    dispatcher.Release();
+  }
+}
+
+TEST(EventDispatcher, ThatNeverRanCanBeStoppedAndReleased) {
+  const LogCapture log;
+  {
+    EventDispatcher dispatcher;
+    dispatcher.Stop();
+    dispatcher.Release();
+    dispatcher.Release();
+  }
+  EXPECT_THAT(log.Lines(), Not(Contains(::testing::HasSubstr("want to stop"))));
+}
+
+TEST(EventDispatcher, ManyProducersLoseNothingAndKeepTheirOrders) {
+  constexpr int kProducers = 4;
+  constexpr int kEvents = 2000;
+  std::vector<std::vector<int>> seen(kProducers);
+  TestLoop loop([&seen](const Event& event) {
+    int producer = -1;
+    event.GetDataCopy("producer", &producer);
+    seen.at(static_cast<size_t>(producer)).push_back(event.what());
+  });
+  std::vector<std::thread> producers;
+  for (int p = 0; p < kProducers; ++p) {
+    producers.emplace_back([&loop, p] {
+      for (int i = 0; i < kEvents; ++i) {
+        MakeEvent(i, loop.handler, loop.dispatcher)->SetData("producer", p)->Post();
+      }
+    });
+  }
+  for (std::thread& producer : producers) producer.join();
+  ASSERT_TRUE(loop.Flush());
+  for (const std::vector<int>& events : seen) {
+    EXPECT_EQ(events.size(), static_cast<size_t>(kEvents));
+    EXPECT_TRUE(std::is_sorted(events.begin(), events.end()));
+  }
+}
+
+// Thread support is switched on by the first dispatcher of a process, so it needs one of its own.
+TEST(EventDispatcherDeathTest, TheFirstOfTheProcessRecordsThreadSupport) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        const LogCapture log;
+        { const EventDispatcher first; }
+        { const EventDispatcher second; }
+        for (const std::string& line : log.Lines()) std::fprintf(stderr, "<%s>", line.c_str());
+        std::_Exit(0);
+      },
+      ::testing::ExitedWithCode(0),
+      "^<VERBOSE eventloop/event_dispatcher.cpp:100 libevent use phreads:0>$");
+}
+
+// Breaking the loop is part of a VERBOSE record. The loop that goes on cannot be ended any more, so
+// it takes its process with it.
+TEST(EventDispatcherDeathTest, WithoutVerboseRecordsStopDoesNotBreakTheLoop) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        std::promise<void> still_turning;
+        TestLoop loop([&still_turning](const Event&) { still_turning.set_value(); });
+        loop.PostDelayed(1, 300);
+        if (!loop.Flush()) std::_Exit(2);
+        GetLogConfig().min_level = kInfo;
+        loop.dispatcher->Stop();
+        std::_Exit(Arrives(still_turning.get_future()) ? 0 : 3);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace lum
