@@ -945,7 +945,7 @@ TEST_F(FileMediaSrcTest, CloseAndStopTellWhatTheyDoOnce) {
                                  return record.site.find("file_media_src") == std::string::npos;
                                }),
                 records.end());
-  ASSERT_THAT(records, SizeIs(9));
+  ASSERT_THAT(records, SizeIs(10));
   EXPECT_THAT(std::vector<LoggedRecord>(records.begin(), records.end() - 1),
               ElementsAre(SourceRecord("VERBOSE", 306, "file media src to start."),
                           SourceRecord("VERBOSE", 73, path + " on end."),
@@ -954,7 +954,8 @@ TEST_F(FileMediaSrcTest, CloseAndStopTellWhatTheyDoOnce) {
                           SourceRecord("VERBOSE", 557, "perform close"),
                           SourceRecord("VERBOSE", 294, "file_media_src:" + path + " closed."),
                           SourceRecord("VERBOSE", 285, "want to close twice."),
-                          SourceRecord("VERBOSE", 300, "file_media_src:" + path + " released.")));
+                          SourceRecord("VERBOSE", 300, "file_media_src:" + path + " released."),
+                          SourceRecord("VERBOSE", 285, "want to close twice.")));
   EXPECT_EQ(records.back().text, "~FileMediaSrc:");
 }
 
