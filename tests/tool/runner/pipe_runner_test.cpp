@@ -166,7 +166,7 @@ TEST(RunPipe, TheTimeLimitCancelsAtEachPollThatFollowsIt) {
   EXPECT_EQ(rig.Run(/*timeout_seconds=*/1), 1);
   const auto lasted = steady_clock::now() - start;
   EXPECT_THAT(lasted / std::chrono::milliseconds(1), AllOf(Ge(2000), Lt(30'000)));
-  EXPECT_EQ(rig.src->interrupts, 3);
+  EXPECT_GE(rig.src->interrupts, 3);
 }
 
 TEST(RunPipe, ARunWithinItsTimeLimitIsNotCanceled) {
