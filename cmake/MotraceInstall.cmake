@@ -8,8 +8,10 @@ set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # --- tool
 install(TARGETS motrace RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 install(FILES docs/motrace.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES README.md docs/formats.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace
-        COMPONENT tool)
+install(FILES README.md docs/formats.md docs/logging.md
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace COMPONENT tool)
+install(PROGRAMS scripts/extract_array.sbatch scripts/extract_one.sh
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace/examples COMPONENT tool)
 
 # --- library
 install(TARGETS qvxmedia EXPORT qvxmedia)
@@ -28,8 +30,9 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
            OUTPUT_VARIABLE QVXMEDIA_PC_TO_PREFIX)
 configure_file(cmake/qvxmedia.pc.in qvxmedia.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qvxmedia.pc DESTINATION ${pkgconfig_dir} COMPONENT dev)
-install(FILES docs/library.md
-              examples/counting_consumer.h examples/custom_byte_source.cpp
+install(FILES docs/library.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev
+        COMPONENT dev)
+install(FILES examples/counting_consumer.h examples/custom_byte_source.cpp
               examples/custom_consumer.cpp examples/pacing.cpp examples/ranges.cpp
               examples/run_source.h examples/silent_audio.cpp
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev/examples COMPONENT dev)
