@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Measures the extraction against the least that reading the same stream costs.
 
-    bench/extraction/run.py [--runs N] [--dir SCRATCH] [--markdown]
+    bench/extraction/run.py [--runs N] [--dir SCRATCH] [--update]
 
 Builds nothing: needs build/release with its benchmarks. The inputs are sparse files made on the
 spot (some 0.5 GB of disk in all while it runs). Every row alternates the two commands that it
-compares; ratios are taken pair by pair, and the table shows their median with the quartiles.
+compares; ratios are taken pair by pair, and the table shows their median with the quartiles. With
+--update the tables in README.md (a short one) and docs/performance.md are written anew.
 """
 
 import argparse
@@ -79,6 +80,7 @@ class Bench:
         return lambda: Run([BIN / "bench_extract_all_streams", path, self.out], self.log)
 
     def row(self, figure, value, goal):
+        """One line of the table; the README shows those with a goal."""
         self.rows.append((figure, value, goal))
         print(f"{figure}: {value} (goal: {goal})", file=sys.stderr, flush=True)
 
@@ -136,7 +138,7 @@ class Bench:
             return repeat
 
         pairs = alternate(self.runs, hundred(self.motrace(short)), hundred(self.bare(short)))
-        self.row("a hundred runs over one second, ratio to the bare loop",
+        self.row("a hundred runs over one second of video: wall time, ratio to the bare loop",
                  show_ratio([a.seconds / b.seconds for a, b in pairs]), "at most 2")
 
         # Without an index of samples the container itself is the index.
@@ -154,7 +156,7 @@ class Bench:
         per_second = [1e6 * took / seconds for seconds, took in times]
         self.row("microseconds a second of video at 10 s, 1 min, 10 min, 60 min",
                  ", ".join(f"{v:.0f}" for v in per_second), "linear")
-        self.row("10 min: packets a second", f"{rate / 1e6:.2f} million", "")
+        self.row("10 min: packets a second", f"{rate / 1e6:.2f} million", "stated only")
 
 
 def moov_size(path):
@@ -174,6 +176,7 @@ def moov_size(path):
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--runs", type=int, default=7, help="counted pairs a row, at least 5")
+    parser.add_argument("--update", action="store_true", help="write the tables anew")
     parser.add_argument("--dir", default=None, help="where the inputs are made")
     args = parser.parse_args()
     if args.runs < 5:
@@ -186,11 +189,27 @@ def main():
     finally:
         shutil.rmtree(scratch)
 
-    print(f"{datetime.date.today()}, {os.cpu_count()} cores, {platform.machine()}, "
-          f"`bench/extraction/run.py --runs {args.runs}`\n")
-    print("| Figure | Median (quartiles) | Goal |\n|---|---|---|")
-    for row in bench.rows:
-        print("| " + " | ".join(row) + " |")
+    stamp = (f"Measured {datetime.date.today()} on {os.cpu_count()} {platform.machine()} cores by "
+             f"`bench/extraction/run.py --runs {args.runs}`.\n\n")
+    full = stamp + table(bench.rows)
+    print(full)
+    if args.update:
+        replace_table(ROOT / "docs" / "performance.md", full)
+        replace_table(ROOT / "README.md",
+                      stamp + table([row for row in bench.rows if row[2] != "stated only"]))
+
+
+def table(rows):
+    lines = ["| Figure | Median (quartiles) | Goal |", "|---|---|---|"]
+    return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows])
+
+
+def replace_table(path, text):
+    """Replaces what stands between the two marks."""
+    start, end = "<!-- extraction table: begin -->\n", "\n<!-- extraction table: end -->"
+    page = path.read_text()
+    head, rest = page.split(start)
+    path.write_text(head + start + text + end + rest.split(end)[1])
 
 
 if __name__ == "__main__":

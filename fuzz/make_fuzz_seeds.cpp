@@ -1,0 +1,158 @@
+// make_fuzz_seeds DIR: writes the seeds of the fuzz targets' corpora, DIR/<target>/<seed>.
+
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "support/av_encode.h"
+#include "support/camm_samples.h"
+#include "support/mp4_writer.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace motrace::testing;  // NOLINT(google-build-using-namespace): one short program
+namespace fs = std::filesystem;
+
+const Vec3 kVector{0.5F, -1.25F, 9.75F};
+
+GpsFix Fix() {
+  GpsFix fix;
+  fix.time_gps_epoch = 1400000000.25;
+  fix.latitude = 48.137;
+  fix.longitude = 11.575;
+  fix.altitude = 519.5F;
+  return fix;
+}
+
+// One of each type.
+std::vector<Bytes> EveryType() {
+  return {AngleAxisSample(kVector), ExposureSample(10000000, 16000000),
+          GyroSample(kVector),      AccelSample(kVector),
+          PositionSample(kVector),  MinimalGpsSample(48.137, 11.575, 519.5),
+          GpsSample(Fix()),         MagneticFieldSample(kVector)};
+}
+
+// A packet of the decoder's target: length, time, difference, payload.
+Bytes DecoderPacket(const Bytes& payload, uint8_t time, uint8_t difference) {
+  Bytes packet;
+  AppendU16(packet, static_cast<std::uint16_t>(payload.size()));
+  packet.push_back(time);
+  packet.push_back(difference);
+  return Concat({packet, payload});
+}
+
+void WriteDecoderSeeds(const fs::path& directory) {
+  fs::create_directories(directory);
+  std::uint8_t number = 0;
+  Bytes all{1};
+  Bytes together;
+  for (const Bytes& sample : EveryType()) {
+    WriteFile(directory / ("type_" + std::to_string(number)),
+              Concat({{number}, DecoderPacket(sample, 100, 0)}));
+    all = Concat({all, DecoderPacket(sample, static_cast<std::uint8_t>(101 + number), 1)});
+    together = Concat({together, sample});
+    ++number;
+  }
+  WriteFile(directory / "every_type", all);
+  WriteFile(directory / "one_packet", Concat({{0}, DecoderPacket(together, 255, 0)}));
+  WriteFile(directory / "carried_keys",
+            Concat({{2},
+                    DecoderPacket(Concat({ExposureSample(-1, 2), GyroSample(kVector),
+                                          GpsSample(Fix()), AccelSample({}), GpsSample(Fix())}),
+                                  254, 3)}));
+  Bytes pairs{3};
+  for (int i = 0; i < 14; ++i) {
+    pairs = Concat({pairs, DecoderPacket(Concat({GyroSample(kVector), AccelSample(kVector),
+                                                 ExposureSample(i, i)}),
+                                         static_cast<std::uint8_t>(i), 0)});
+  }
+  WriteFile(directory / "pairs", pairs);
+}
+
+Mp4Track Motion(std::uint32_t timescale, std::uint32_t duration) {
+  Mp4Track track = Mp4Track::Camm(timescale);
+  for (int i = 0; i < 3; ++i) {
+    for (const Bytes& sample : EveryType()) track.Add(sample, duration);
+  }
+  return track;
+}
+
+void WriteContainerSeeds(const fs::path& directory) {
+  fs::create_directories(directory);
+  H264Options video_options;
+  video_options.frames = 8;
+  video_options.gop = 4;
+  const EncodedStream video = EncodeH264(video_options);
+  AacOptions audio_options;
+  audio_options.milliseconds = 100;
+  audio_options.channels = 1;
+  const EncodedStream audio = EncodeAac(audio_options);
+
+  Mp4Layout first;
+  first.order = Mp4Order::kMoovFirst;
+  Mp4Layout fragmented;
+  fragmented.order = Mp4Order::kFragmented;
+  fragmented.interleave_ms = 100;
+  Mp4Track strange = Motion(1000000000, 10000000);
+  strange.media_duration = 0;
+  strange.samples_without_time = 2;
+  Mp4Track edited = Motion(1000, 10);
+  edited.edits = {{50, -1, 1}, {100, 40, 1}, {60, 0, 1}};
+  const auto camera = [&](Mp4Track motion) {
+    return std::vector<Mp4Track>{ToMp4Track(video, 90000), ToMp4Track(audio, 48000),
+                                 std::move(motion)};
+  };
+
+  WriteMp4(directory / "camera", camera(Motion(1000, 10)));
+  WriteMp4(directory / "camera_moov_first", camera(Motion(90000, 900)), first);
+  WriteMp4(directory / "camera_fragmented", camera(Motion(1000, 10)), fragmented);
+  WriteMp4(directory / "motion", {Motion(1000, 10)});
+  WriteMp4(directory / "motion_first", {Motion(48000, 480), ToMp4Track(video, 90000)}, first);
+  WriteMp4(directory / "nanoseconds", camera(std::move(strange)));
+  WriteMp4(directory / "edit_list", {edited}, first);
+  WriteMp4(directory / "no_motion", {ToMp4Track(video, 90000)});
+  WriteMp4(directory / "timecode_too", {Mp4Track::Data("tmcd", "tmcd", 30000), Motion(1000, 10)});
+  MuxWithLibavformat(directory / "matroska", "matroska", &video, nullptr, nullptr);
+  H264Options annex_b = video_options;
+  annex_b.annex_b = true;
+  annex_b.frames = 3;
+  const EncodedStream broadcast = EncodeH264(annex_b);
+  MuxWithLibavformat(directory / "transport_stream", "mpegts", &broadcast, nullptr, nullptr);
+
+  // The last byte chooses how the target reads: one seed for each option.
+  for (const int option : {1, 2, 4, 8, 8 + 16, 8 + 32, 2 + 8, 4 + 8, 1 + 2 + 4 + 8}) {
+    const char* const base = option % 2 == 1 ? "camera_moov_first" : "camera";
+    Bytes container = ReadFile(directory / (option % 4 == 0 ? "motion_first" : base));
+    container.push_back(static_cast<std::uint8_t>(option));
+    WriteFile(directory / ("option_" + std::to_string(option)), container);
+  }
+  for (const char* plain :
+       {"camera", "camera_moov_first", "camera_fragmented", "motion", "motion_first", "nanoseconds",
+        "edit_list", "no_motion", "timecode_too", "matroska", "transport_stream"}) {
+    Bytes container = ReadFile(directory / plain);
+    container.push_back(0);
+    WriteFile(directory / plain, container);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fputs("usage: make_fuzz_seeds DIR\n", stderr);
+    return 2;
+  }
+  try {
+    WriteDecoderSeeds(fs::path(argv[1]) / "camm_filter");
+    WriteContainerSeeds(fs::path(argv[1]) / "extraction");
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "make_fuzz_seeds: %s\n", error.what());
+    return 1;
+  }
+  return 0;
+}
