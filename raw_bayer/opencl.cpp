@@ -33,9 +33,18 @@ cv::ocl::OpenCLExecutionContext FindContext() {
     for (int i = 0; i < platform.deviceNumber(); ++i) {
       cv::ocl::Device device;
       platform.getDevice(device, i);
-      const cv::ocl::Context context = cv::ocl::Context::fromDevice(device);
-      if (device.available() && device.compilerAvailable() && !context.empty()) {
-        return cv::ocl::OpenCLExecutionContext::create(context, device);
+      if (!device.available() || !device.compilerAvailable()) {
+        continue;
+      }
+      // By name, as OpenCV 4.6 rejects the contexts that its Context::fromDevice makes.
+      const int type = device.type();
+      const char* const type_name = (type & cv::ocl::Device::TYPE_GPU) != 0   ? "GPU"
+                                    : (type & cv::ocl::Device::TYPE_CPU) != 0 ? "CPU"
+                                                                              : "ACCELERATOR";
+      const cv::ocl::Context context =
+          cv::ocl::Context::create(platform.name() + ":" + type_name + ":");
+      if (!context.empty()) {
+        return cv::ocl::OpenCLExecutionContext::create(context, context.device(0));
       }
     }
   }

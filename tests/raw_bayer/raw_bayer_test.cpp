@@ -189,7 +189,7 @@ TEST_P(OnBackend, SplitMatchesTheRuleAndMergeBringsTheMosaicBack) {
       for (const Content content : {Content::kUniform, Content::kExtremes, Content::kFlat}) {
         const cv::Mat raw = AsView(MakeImage(2 * cells.width + 2 * border,
                                              2 * cells.height + 2 * border, content));
-        cv::Mat g(2 * cells, CV_16UC1), r(cells, CV_16UC1), b(cells, CV_16UC1);
+        cv::Mat g(cells * 2, CV_16UC1), r(cells, CV_16UC1), b(cells, CV_16UC1);
         reference::SplitRaw(raw, g, r, b, border);
         cv::Mat views[] = {AsView(cv::Mat::zeros(g.size(), CV_16UC1)), cv::Mat(), cv::Mat()};
         SplitRaw(raw, views[0], views[1], views[2], border, GetParam());
@@ -199,7 +199,7 @@ TEST_P(OnBackend, SplitMatchesTheRuleAndMergeBringsTheMosaicBack) {
 
         cv::Mat merged;
         MergeRaw(views[0], views[1], views[2], merged, 0, GetParam());
-        EXPECT_TRUE(Same(merged, raw(cv::Rect(cv::Point(border, border), 2 * cells))))
+        EXPECT_TRUE(Same(merged, raw(cv::Rect(cv::Point(border, border), cells * 2))))
             << cells << " border " << border;
       }
     }
