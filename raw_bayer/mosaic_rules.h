@@ -86,9 +86,9 @@ LUM_RAW_HOST_DEVICE inline std::uint16_t Repaired2(const Read& at, int x, int y,
   const int right = x < width - 1 ? x + 1 : width - 1;
   const int above = y > 0 ? y - 1 : 0;
   const int below = y < height - 1 ? y + 1 : height - 1;
-  const std::uint16_t around[] = {at(left, above),  at(x, above),    at(right, above),
-                                  at(left, y),      at(right, y),    at(left, below),
-                                  at(x, below),     at(right, below)};
+  const std::uint16_t around[] = {at(left, above), at(x, above),    at(right, above),
+                                  at(left, y),     at(right, y),    at(left, below),
+                                  at(x, below),    at(right, below)};
   std::uint16_t brightest = 0;
   unsigned sum = 0;
   for (const std::uint16_t neighbour : around) {

@@ -22,8 +22,7 @@ cv::ocl::OpenCLExecutionContext FindContext() {
   if (!cv::ocl::haveOpenCL()) {
     return {};
   }
-  const cv::ocl::OpenCLExecutionContext& current =
-      cv::ocl::OpenCLExecutionContext::getCurrentRef();
+  const cv::ocl::OpenCLExecutionContext& current = cv::ocl::OpenCLExecutionContext::getCurrentRef();
   if (!current.empty()) {
     return current;
   }
@@ -104,8 +103,8 @@ class Session {
   void Run(const char* kernel_name, const cv::Size& size, const Arguments&... arguments) const {
     const cv::ocl::ProgramSource source("lum_raw", "raw_bayer", KernelSource(), "");
     cv::String log;
-    const cv::ocl::Program program = cv::ocl::Context::getDefault(/*initialize=*/false)
-                                         .getProg(source, "", log);
+    const cv::ocl::Program program =
+        cv::ocl::Context::getDefault(/*initialize=*/false).getProg(source, "", log);
     if (program.empty()) {
       Fail("building the kernels failed: " + log);
     }

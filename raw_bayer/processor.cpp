@@ -48,8 +48,8 @@ int StripeCount(int rows, int width) {
   constexpr std::int64_t kMinSamples = 16 * 1024;
   const std::int64_t samples = static_cast<std::int64_t>(rows) * width;
   const std::int64_t most = std::min<std::int64_t>(samples / kMinSamples, rows);
-  return static_cast<int>(std::clamp<std::int64_t>(4LL * cv::getNumThreads(), 1,
-                                                   std::max<std::int64_t>(most, 1)));
+  return static_cast<int>(
+      std::clamp<std::int64_t>(4LL * cv::getNumThreads(), 1, std::max<std::int64_t>(most, 1)));
 }
 
 /// First row of stripe `index`; that of the stripe behind the last is `last`.
@@ -109,8 +109,7 @@ v_uint32 Pairs(const Sample* from) { return cv::v_reinterpret_as_u32(cv::vx_load
 /// scale = ceil(65536 / rate) a slack of 1 makes it so; where the scale is capped to 16 bits the
 /// product falls short by less than 1 and the slack is 2.
 struct Screen {
-  explicit Screen(float bad_pixel_rate)
-      : rate(bad_pixel_rate), useful(bad_pixel_rate >= 1.0F) {
+  explicit Screen(float bad_pixel_rate) : rate(bad_pixel_rate), useful(bad_pixel_rate >= 1.0F) {
     if (useful) {
       const double exact = std::ceil(65536.0 / static_cast<double>(rate));
       scale = static_cast<Sample>(std::min(exact, 65535.0));
@@ -214,9 +213,8 @@ struct SquareRule {
     const v_uint16 a = cv::vx_load(above - 1), b = cv::vx_load(above), c = cv::vx_load(above + 1);
     const v_uint16 d = cv::vx_load(centre - 1), e = cv::vx_load(centre + 1);
     const v_uint16 f = cv::vx_load(below - 1), g = cv::vx_load(below), h = cv::vx_load(below + 1);
-    const v_uint16 brightest =
-        cv::v_max(cv::v_max(cv::v_max(a, b), cv::v_max(c, d)),
-                  cv::v_max(cv::v_max(e, f), cv::v_max(g, h)));
+    const v_uint16 brightest = cv::v_max(cv::v_max(cv::v_max(a, b), cv::v_max(c, d)),
+                                         cv::v_max(cv::v_max(e, f), cv::v_max(g, h)));
     if (!screen.AnyCandidate(samples, brightest)) {
       return;
     }
@@ -381,9 +379,8 @@ int SplitSpan(const ConstPlane& raw, const MutablePlane& g, const MutablePlane& 
       const int rx = 2 * x + i * kLanes;
       const v_uint32 top = Pairs(red + rx);      // red, green
       const v_uint32 bottom = Pairs(blue + rx);  // green, blue
-      const v_uint32 at_red =
-          cv::v_shr<2>((Pairs(above + rx) & low) + cv::v_shr<16>(top) + (bottom & low) +
-                       (Pairs(red + rx - 1) & low));
+      const v_uint32 at_red = cv::v_shr<2>((Pairs(above + rx) & low) + cv::v_shr<16>(top) +
+                                           (bottom & low) + (Pairs(red + rx - 1) & low));
       // The load one further ends at the first sample behind the span, at most in the border.
       const v_uint32 at_blue =
           cv::v_shr<2>(cv::v_shr<16>(top) + cv::v_shr<16>(Pairs(blue + rx + 1)) +

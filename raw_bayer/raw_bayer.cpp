@@ -190,8 +190,8 @@ void SplitRaw(const cv::Mat& raw_border, cv::Mat& g, cv::Mat& r, cv::Mat& b, int
   const int width = raw_border.cols - 2 * border_size;
   const int height = raw_border.rows - 2 * border_size;
   if (width % 2 != 0 || height % 2 != 0) {
-    Reject(cv::Error::StsBadSize, kName,
-           "raw_border: expected even sides inside the border, got ", SizeText(width, height));
+    Reject(cv::Error::StsBadSize, kName, "raw_border: expected even sides inside the border, got ",
+           SizeText(width, height));
   }
   const cv::Mat input = raw_border;  // Keeps the samples alive if an output is the same cv::Mat.
   Output green(g, height, width, {&input});
@@ -218,9 +218,8 @@ void MergeRaw(const cv::Mat& g, const cv::Mat& r, const cv::Mat& b, cv::Mat& raw
            SizeText(r.cols, r.rows), "), got ", SizeText(b.cols, b.rows));
   }
   if (g.cols % 2 != 0 || g.cols / 2 != r.cols || g.rows % 2 != 0 || (g.rows / 2) % r.rows != 0) {
-    Reject(cv::Error::StsUnmatchedSizes, kName,
-           "g: expected images of twice the size of r (", SizeText(r.cols, r.rows),
-           ") one below the other, got ", SizeText(g.cols, g.rows));
+    Reject(cv::Error::StsUnmatchedSizes, kName, "g: expected images of twice the size of r (",
+           SizeText(r.cols, r.rows), ") one below the other, got ", SizeText(g.cols, g.rows));
   }
   const int images = g.rows / 2 / r.rows;
   if (index < 0 || index >= images) {

@@ -46,18 +46,18 @@ enum class Backend {
 ///
 /// A sample at least 2 away from every edge is bad if sample / `bad_pixel_rate`, one division in
 /// IEEE 754 single precision, is greater than each of the four samples above, left, right and below
-/// it. At a red or blue site (x and y both even or both odd) it becomes the mean of the four samples
-/// 2 away on its row and column, at a green site the mean of its four diagonal neighbours; means
-/// are truncated. All other samples are kept.
+/// it. At a red or blue site (x and y both even or both odd) it becomes the mean of the four
+/// samples 2 away on its row and column, at a green site the mean of its four diagonal neighbours;
+/// means are truncated. All other samples are kept.
 /// @param bad_pixel_rate  finite and greater than 0; larger values repair less.
 void FixBadPixels(cv::Mat& image, float bad_pixel_rate, Backend backend = Backend::kProcessor);
 
 /// Replaces, in place and without regard to colour, each sample that outshines its eight
 /// neighbours.
 ///
-/// A sample is bad if sample / `bad_pixel_rate` (as above) is greater than each of the eight samples
-/// around it; it becomes their truncated mean. Beyond an edge the nearest sample of the image
-/// counts, so that an edge sample is a neighbour of itself.
+/// A sample is bad if sample / `bad_pixel_rate` (as above) is greater than each of the eight
+/// samples around it; it becomes their truncated mean. Beyond an edge the nearest sample of the
+/// image counts, so that an edge sample is a neighbour of itself.
 /// @param bad_pixel_rate  finite and greater than 0; larger values repair less.
 void FixBadPixels2(cv::Mat& image, float bad_pixel_rate, Backend backend = Backend::kProcessor);
 

@@ -35,9 +35,7 @@ double Seconds(const Work& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-double Bytes(const cv::Mat& image) {
-  return static_cast<double>(image.total() * image.elemSize());
-}
+double Bytes(const cv::Mat& image) { return static_cast<double>(image.total() * image.elemSize()); }
 
 /// Copies a mosaic with memcpy, one block per thread.
 void CopyInParallel(const cv::Mat& from, cv::Mat& to) {
@@ -89,9 +87,8 @@ void Measure(benchmark::State& state, double bytes, const Reset& reset, const Ke
   }
   vs_memcpy.Report(state, "vs_memcpy");
   vs_scalar.Report(state, "vs_scalar");
-  state.counters["bytes_per_second"] =
-      benchmark::Counter(bytes * static_cast<double>(state.iterations()),
-                         benchmark::Counter::kIsRate);
+  state.counters["bytes_per_second"] = benchmark::Counter(
+      bytes * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 /// A smooth scene with noise in which one of a thousand samples is hot, or pure noise, where many
@@ -153,16 +150,15 @@ void Split(benchmark::State& state, Backend backend) {
                       cv::Mat(size / 2, CV_16UC1)};
   cv::Mat g, r, b;
   const auto kernel = [&] { SplitRaw(raw, g, r, b, kBorder, backend); };
-  const auto scalar = [&] {
-    reference::SplitRaw(raw, planes[0], planes[1], planes[2], kBorder);
-  };
+  const auto scalar = [&] { reference::SplitRaw(raw, planes[0], planes[1], planes[2], kBorder); };
   kernel();
   scalar();
   if (!Same(g, planes[0]) || !Same(r, planes[1]) || !Same(b, planes[2])) {
     state.SkipWithError("result differs from the plain loop's");
     return;
   }
-  Measure(state, Bytes(raw) + Bytes(g) + Bytes(r) + Bytes(b), [] {}, kernel, scalar);
+  Measure(
+      state, Bytes(raw) + Bytes(g) + Bytes(r) + Bytes(b), [] {}, kernel, scalar);
 }
 
 void Merge(benchmark::State& state, Backend backend) {
@@ -182,7 +178,8 @@ void Merge(benchmark::State& state, Backend backend) {
     state.SkipWithError("result differs from the plain loop's");
     return;
   }
-  Measure(state, Bytes(g) + Bytes(r) + Bytes(b) + Bytes(raw), [] {}, kernel, scalar);
+  Measure(
+      state, Bytes(g) + Bytes(r) + Bytes(b) + Bytes(raw), [] {}, kernel, scalar);
 }
 
 void Register(const std::string& name, void (*run)(benchmark::State&, Backend), Backend backend) {

@@ -1,11 +1,10 @@
-#include "raw_bayer/cuda/cuda_kernels.h"
-
 #include <cuda_runtime.h>
 
 #include <opencv2/core.hpp>
 #include <string>
 
 #include "raw_bayer/backends.h"
+#include "raw_bayer/cuda/cuda_kernels.h"
 #include "raw_bayer/mosaic_rules.h"
 
 namespace lum::cuda_lum_raw {
@@ -34,8 +33,8 @@ __device__ void Fix(const Image& source, const Image& image, float bad_pixel_rat
   const int x = GlobalX();
   const int y = GlobalY();
   if (x < image.cols && y < image.rows) {
-    SampleAt(View(image), x, y) = raw::Repaired(Reader{ConstView(source)}, x, y, image.cols,
-                                                image.rows, bad_pixel_rate);
+    SampleAt(View(image), x, y) =
+        raw::Repaired(Reader{ConstView(source)}, x, y, image.cols, image.rows, bad_pixel_rate);
   }
 }
 
@@ -43,8 +42,8 @@ __device__ void Fix2(const Image& source, const Image& image, float bad_pixel_ra
   const int x = GlobalX();
   const int y = GlobalY();
   if (x < image.cols && y < image.rows) {
-    SampleAt(View(image), x, y) = raw::Repaired2(Reader{ConstView(source)}, x, y, image.cols,
-                                                 image.rows, bad_pixel_rate);
+    SampleAt(View(image), x, y) =
+        raw::Repaired2(Reader{ConstView(source)}, x, y, image.cols, image.rows, bad_pixel_rate);
   }
 }
 
@@ -99,9 +98,9 @@ class DeviceImage {
           "allocating device memory");
   }
   explicit DeviceImage(const cv::Mat& image) : DeviceImage(image.size()) {
-    Check(cudaMemcpy2D(data_, step_, image.data, image.step, Bytes(), Rows(),
-                       cudaMemcpyHostToDevice),
-          "copying to the device");
+    Check(
+        cudaMemcpy2D(data_, step_, image.data, image.step, Bytes(), Rows(), cudaMemcpyHostToDevice),
+        "copying to the device");
   }
   ~DeviceImage() { cudaFree(data_); }
   DeviceImage(const DeviceImage&) = delete;
@@ -112,9 +111,9 @@ class DeviceImage {
   }
 
   void Download(cv::Mat& image) const {
-    Check(cudaMemcpy2D(image.data, image.step, data_, step_, Bytes(), Rows(),
-                       cudaMemcpyDeviceToHost),
-          "copying from the device");
+    Check(
+        cudaMemcpy2D(image.data, image.step, data_, step_, Bytes(), Rows(), cudaMemcpyDeviceToHost),
+        "copying from the device");
   }
 
  private:

@@ -6,9 +6,9 @@
 
 /// The CUDA kernels, for callers whose images are on the device already. For CUDA sources only.
 ///
-/// Images are in device memory, with rows at any distance; sizes are those of the images. One thread
-/// per sample (the repairs) or per 2 x 2 cell, that is per red sample (split and merge), on a
-/// two-dimensional grid that may be larger.
+/// Images are in device memory, with rows at any distance; sizes are those of the images. One
+/// thread per sample (the repairs) or per 2 x 2 cell, that is per red sample (split and merge), on
+/// a two-dimensional grid that may be larger.
 namespace lum::cuda_lum_raw {
 
 using Image = cv::cuda::PtrStepSz<std::uint16_t>;

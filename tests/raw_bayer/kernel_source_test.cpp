@@ -71,8 +71,8 @@ TEST_F(KernelSourceTest, ColumnsWrapToTheFirstAndRowsClampToTheLast) {
   const cv::Mat image = Random(6, 10);  // Two images of 6 x 5.
   cv::UMat on_device = image.getUMat(cv::ACCESS_READ).clone();
   cv::UMat plain(8, 9, CV_16UC1), second(8, 9, CV_16UC1);
-  Run("read", plain.size(), Pointer(on_device), Pointer(plain), 8, 9, 6, 5, 0);
-  Run("read", plain.size(), Pointer(on_device), Pointer(second), 8, 9, 6, 5, 30);
+  Run("read", plain.size(), Pointer(on_device), Pointer(plain), 9, 8, 6, 5, 0);
+  Run("read", plain.size(), Pointer(on_device), Pointer(second), 9, 8, 6, 5, 30);
   const cv::Mat got = plain.getMat(cv::ACCESS_READ), got_second = second.getMat(cv::ACCESS_READ);
   for (int y = 0; y < got.rows; ++y) {
     for (int x = 0; x < got.cols; ++x) {

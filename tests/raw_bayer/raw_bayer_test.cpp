@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <algorithm>
+#include <cmath>
 #include <functional>
 #include <limits>
 #include <opencv2/core.hpp>
@@ -111,8 +111,18 @@ void ExpectRepaired(const Repair& repair, const cv::Mat& image, float rate, Back
 
 TEST_P(OnBackend, RepairsMatchTheRuleForEverySizeContentAndRate) {
   for (const Repair& repair : kRepairs) {
-    for (const cv::Size size : {cv::Size(1, 1), {2, 1}, {1, 7}, {3, 3}, {4, 5}, {5, 5}, {6, 5},
-                                {12, 6}, {13, 9}, {20, 8}, {37, 21}, {64, 33}}) {
+    for (const cv::Size size : {cv::Size(1, 1),
+                                {2, 1},
+                                {1, 7},
+                                {3, 3},
+                                {4, 5},
+                                {5, 5},
+                                {6, 5},
+                                {12, 6},
+                                {13, 9},
+                                {20, 8},
+                                {37, 21},
+                                {64, 33}}) {
       for (const Content content : kContents) {
         for (const float rate : {1.0F, 0.3F, 1.0001F, 1.7F, 3.0F, 40000.0F}) {
           ExpectRepaired(repair, MakeImage(size.width, size.height, content), rate, GetParam(),
@@ -184,11 +194,12 @@ TEST_P(OnBackend, RedSiteTakesItsRowAndColumnAndGreenItsDiagonals) {
 }
 
 TEST_P(OnBackend, SplitMatchesTheRuleAndMergeBringsTheMosaicBack) {
-  for (const cv::Size cells : {cv::Size(1, 1), {2, 1}, {1, 3}, {8, 2}, {9, 5}, {17, 4}, {350, 90}}) {
+  for (const cv::Size cells :
+       {cv::Size(1, 1), {2, 1}, {1, 3}, {8, 2}, {9, 5}, {17, 4}, {350, 90}}) {
     for (int border = 1; border <= 8; ++border) {
       for (const Content content : {Content::kUniform, Content::kExtremes, Content::kFlat}) {
-        const cv::Mat raw = AsView(MakeImage(2 * cells.width + 2 * border,
-                                             2 * cells.height + 2 * border, content));
+        const cv::Mat raw =
+            AsView(MakeImage(2 * cells.width + 2 * border, 2 * cells.height + 2 * border, content));
         cv::Mat g(cells * 2, CV_16UC1), r(cells, CV_16UC1), b(cells, CV_16UC1);
         reference::SplitRaw(raw, g, r, b, border);
         cv::Mat views[] = {AsView(cv::Mat::zeros(g.size(), CV_16UC1)), cv::Mat(), cv::Mat()};
