@@ -1,5 +1,5 @@
 # What `cmake --install` puts where, and the Debian packages that `cpack` makes of it.
-# Components: tool (package motrace) and dev (package libqvxmedia-dev).
+# Components: tool (package motrace), dev (libqvxmedia-dev), image_dev (libqvxmedia-image-dev).
 include(CMakePackageConfigHelpers)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia)
@@ -8,8 +8,10 @@ set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # --- tool
 install(TARGETS motrace RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 install(FILES docs/motrace.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES README.md docs/formats.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace
-        COMPONENT tool)
+install(FILES README.md docs/formats.md docs/logging.md
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace COMPONENT tool)
+install(PROGRAMS scripts/extract_array.sbatch scripts/extract_one.sh
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace/examples COMPONENT tool)
 
 # --- library
 install(TARGETS qvxmedia EXPORT qvxmedia)
@@ -28,11 +30,18 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
            OUTPUT_VARIABLE QVXMEDIA_PC_TO_PREFIX)
 configure_file(cmake/qvxmedia.pc.in qvxmedia.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qvxmedia.pc DESTINATION ${pkgconfig_dir} COMPONENT dev)
-install(FILES docs/library.md
-              examples/counting_consumer.h examples/custom_byte_source.cpp
+install(FILES docs/library.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev
+        COMPONENT dev)
+install(FILES examples/counting_consumer.h examples/custom_byte_source.cpp
               examples/custom_consumer.cpp examples/pacing.cpp examples/ranges.cpp
               examples/run_source.h examples/silent_audio.cpp
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev/examples COMPONENT dev)
+
+# --- image libraries, those that were built
+get_property(image_exports GLOBAL PROPERTY MOTRACE_IMAGE_EXPORTS)
+if(image_exports)
+  install(FILES cmake/FindOpenCVCore.cmake DESTINATION ${config_dir} COMPONENT image_dev)
+endif()
 
 # --- packages
 find_program(MOTRACE_DPKG_QUERY dpkg-query)
@@ -81,6 +90,9 @@ set(CPACK_PACKAGE_CONTACT ${MOTRACE_MAINTAINER})
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_COMPONENTS_ALL tool dev)
+if(image_exports)
+  list(APPEND CPACK_COMPONENTS_ALL image_dev)
+endif()
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
                                                 GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_STRIP_FILES ON)
@@ -107,10 +119,23 @@ stream's packets to the consumer attached to it.
 
 This package holds the static libraries, the headers, and the files for CMake
 and pkg-config.")
+set(CPACK_DEBIAN_IMAGE_DEV_PACKAGE_NAME libqvxmedia-image-dev)
+set(CPACK_DEBIAN_IMAGE_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_IMAGE_DEV_PACKAGE_DEPENDS
+    "libqvxmedia-dev (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libopencv-core-dev, libopencv-imgproc-dev")
+set(CPACK_DEBIAN_IMAGE_DEV_DESCRIPTION
+    "dense optical flow and raw Bayer kernels (development files)
+Two image libraries on OpenCV's core that stand beside the media pipeline: dense
+inverse search optical flow, and repair, splitting and merging of raw Bayer
+mosaics.")
 
 # Documents that Debian expects in every package.
 string(TIMESTAMP MOTRACE_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
-foreach(pair "tool:motrace" "dev:libqvxmedia-dev")
+set(packages tool:motrace dev:libqvxmedia-dev)
+if(image_exports)
+  list(APPEND packages image_dev:libqvxmedia-image-dev)
+endif()
+foreach(pair IN LISTS packages)
   string(REGEX MATCH "^([^:]+):(.+)$" _ ${pair})
   set(component ${CMAKE_MATCH_1})
   set(package ${CMAKE_MATCH_2})

@@ -32,8 +32,8 @@ add_compile_options(
 #                     INCLUDE_DIR <dir> [INSTALL_INCLUDE_DIR <dir>]
 #                     [EXPORT <set> PUBLIC_HEADERS ...])
 # A static library with an alias; INCLUDE_DIR is what users' #include paths start from.
-# EXPORT installs it, with its public headers below INSTALL_INCLUDE_DIR, as part of the export set:
-# outside it has the name that the alias gives it inside.
+# EXPORT installs it, with its public headers below INSTALL_INCLUDE_DIR, as part of the export set
+# (cmake/MotraceInstall.cmake installs the sets): outside it has the name of its alias.
 function(motrace_add_library target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "ALIAS;INCLUDE_DIR;INSTALL_INCLUDE_DIR;EXPORT"
                         "SOURCES;PUBLIC;PRIVATE;PUBLIC_HEADERS")
@@ -52,15 +52,24 @@ function(motrace_add_library target)
   endif()
   string(REGEX REPLACE ".*::" "" export_name ${arg_ALIAS})
   set_target_properties(${target} PROPERTIES EXPORT_NAME ${export_name})
+  set(component dev)
+  if(NOT arg_EXPORT STREQUAL "qvxmedia")
+    # A library that stands beside the pipeline: a component of the package, with one target.
+    set(component image_dev)
+    string(REGEX REPLACE "::.*" "::" namespace ${arg_ALIAS})
+    install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace} FILE qvxmedia-${arg_EXPORT}.cmake
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia COMPONENT ${component})
+    set_property(GLOBAL APPEND PROPERTY MOTRACE_IMAGE_EXPORTS ${arg_EXPORT})
+  endif()
   install(TARGETS ${target} EXPORT ${arg_EXPORT}
-          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component})
   foreach(header IN LISTS arg_PUBLIC_HEADERS)
     cmake_path(ABSOLUTE_PATH header BASE_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
     cmake_path(RELATIVE_PATH header BASE_DIRECTORY ${arg_INCLUDE_DIR} OUTPUT_VARIABLE relative)
     cmake_path(GET relative PARENT_PATH folder)
     install(FILES ${header}
             DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${arg_INSTALL_INCLUDE_DIR}/${folder}
-            COMPONENT dev)
+            COMPONENT ${component})
   endforeach()
 endfunction()
 
