@@ -135,7 +135,7 @@ void WriteContainerSeeds(const fs::path& directory) {
        {"camera", "camera_moov_first", "camera_fragmented", "motion", "motion_first", "nanoseconds",
         "edit_list", "no_motion", "timecode_too", "matroska", "transport_stream"}) {
     Bytes container = ReadFile(directory / plain);
-    container.push_back(0);
+    container.push_back(plain[0] == 'c' ? 0 : 64);
     WriteFile(directory / plain, container);
   }
 }

@@ -536,7 +536,7 @@ class Mp4FileWriter {
       box.U32(chunk.track + 1);
       box.End();
       box.BeginFull("tfdt", 1, 0);
-      box.U64(chunk.first_decode_time);
+      box.U64(track.first_decode_time + chunk.first_decode_time);
       box.End();
       // Data offset; duration, size, flags and composition offset of each sample.
       box.BeginFull("trun", 1, 0x000F01);

@@ -64,6 +64,10 @@ class Mp4Track {
   /// The stts box leaves out this many samples at the end, as some cameras do.
   std::size_t samples_without_time = 0;
 
+  /// Added to the decode time of every fragment (kFragmented only): a recording cut out of a longer
+  /// one does not begin at 0.
+  std::uint64_t first_decode_time = 0;
+
   [[nodiscard]] const std::vector<Mp4Sample>& samples() const { return samples_; }
   [[nodiscard]] std::uint32_t timescale() const { return timescale_; }
   /// Sum of the samples' durations, track time scale.

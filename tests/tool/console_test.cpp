@@ -9,6 +9,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/mp4_writer.h"
@@ -171,6 +172,31 @@ TEST(ConsoleTest, RecordsOfFFmpegErrorsKeepTheirLineFeed) {
               Contains(Line("ERROR", R"(.*ffmpeg_util\.\w+:14)", StartsWith("FFmpeg:"))));
   EXPECT_THAT(run.out, ::testing::ContainsRegex("FFmpeg:[^\n]*\n\n"));
 }
+
+/// What a shell does to the standard streams.
+class StandardStreamsTest : public ::testing::TestWithParam<std::pair<std::string, std::string>> {};
+
+TEST_P(StandardStreamsTest, DoNotReachTheFiles) {
+  const TempDir dir;
+  const TempDir out;
+  const std::string path = (dir / "video.mp4").string();
+  WriteMp4(path, {MotionTrack(1000)});
+  const std::string script = R"("$0" "$1" "$2" )" + GetParam().second;
+  const ProcessResult run =
+      RunProcess({"/bin/sh", "-c", script, MOTRACE_TOOL_PATH, path, out.path().string()});
+  EXPECT_EQ(run.exit_code, 0);
+  EXPECT_FALSE(run.timed_out);
+  EXPECT_TRUE(SameFiles(ExtractPlainly(*ReadDataStream(path)).Files(), ReadDirectory(out.path())));
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, StandardStreamsTest,
+                         ::testing::Values(std::pair{"NoOutput", ">&-"},
+                                           std::pair{"NoInputAndOutput", "<&- >&-"},
+                                           std::pair{"NoOutputAndError", ">&- 2>&-"},
+                                           std::pair{"AllClosed", "<&- >&- 2>&-"},
+                                           std::pair{"OutputFull", ">/dev/full 2>&1"},
+                                           std::pair{"NobodyReads", "| true"}),
+                         [](const auto& test) { return test.param.first; });
 
 TEST(ConsoleTest, AnEmptySaveDirIsTheCurrentDirectory) {
   const TempDir dir;

@@ -173,7 +173,8 @@ Tracks WithoutTimeEntries(std::size_t count) {
 Tracks NegativeCompositionOffsets() {
   Mp4Track motion = Mp4Track::Camm(1000);
   for (int i = 0; i < 40; ++i) {
-    motion.Add(Concat({GyroSample({1, 2, static_cast<float>(i)}), AccelSample({})}), 10,
+    const auto t = static_cast<float>(i);
+    motion.Add(Concat({GyroSample({1, 2, t}), AccelSample({}), GpsSample({})}), 10,
                i % 3 == 0 ? -15 : i % 3 * 20);
   }
   return {VideoTrack(), motion};
@@ -192,6 +193,24 @@ Tracks MonthsApart() {
     motion.Add(Concat({GyroSample({}), AccelSample({}), GpsSample({})}), 0x7FFFFFFF);
   }
   return {motion};
+}
+
+/// Fragments whose decode times begin at `seconds`.
+FileCase FragmentsFrom(const std::string& name, std::uint64_t seconds) {
+  return {"FragmentsFrom" + name,
+          [seconds] {
+            Tracks tracks = Camera();
+            for (Mp4Track& track : tracks) track.first_decode_time = seconds * track.timescale();
+            return tracks;
+          },
+          Layout(Mp4Order::kFragmented, 100)};
+}
+
+/// Time stamps that don't fit 64 bits as microseconds, and hardly as ticks.
+Tracks AtTheEndOfTime() {
+  Mp4Track motion = MotionTrack(1000);
+  motion.first_decode_time = 0x7FFFFFFFFFFFFF00 - motion.total_duration();
+  return {AudioTrack(), motion};
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -220,6 +239,8 @@ INSTANTIATE_TEST_SUITE_P(
         FileCase{"LastSampleWithoutTimeEntry", [] { return WithoutTimeEntries(1); }, {}},
         FileCase{"ManySamplesWithoutTimeEntry", [] { return WithoutTimeEntries(50); }, {}},
         FileCase{"NegativeCompositionOffsets", NegativeCompositionOffsets, {}},
+        FragmentsFrom("OneHour", 3600), FragmentsFrom("TenYears", 315360000),
+        FileCase{"AtTheEndOfTime", AtTheEndOfTime, Layout(Mp4Order::kFragmented, 0)},
         FileCase{"AllAtOnce", AllAtOnce, {}}, FileCase{"MonthsApart", MonthsApart, {}}),
     CaseName);
 

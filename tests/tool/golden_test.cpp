@@ -11,7 +11,7 @@
 #include <limits>
 #include <map>
 #include <ostream>
-#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -62,23 +62,25 @@ Bytes Dump(const std::map<std::string, Bytes>& files) {
               " us: " + Number(At<double>(exposure, at + 8)) + " s\n";
     }
   }
-  // The JSON is flat and compact, so a pattern is reader enough.
+  // Compact JSON without nesting or escapes below the array: cutting at its marks is enough.
   const Bytes& json = files.at("gps.json");
   const std::string gps(json.begin(), json.end());
-  static const std::regex kRecord(R"(\{("[^{}]*)\})");
-  static const std::regex kMember(R"re("([^"]+)":([^,}]+))re");
   std::string records;
   std::size_t count = 0;
-  for (std::sregex_iterator record(gps.begin(), gps.end(), kRecord), end; record != end; ++record) {
-    const std::string members = (*record)[1];
+  for (std::size_t at = gps.find("[{"); at != std::string::npos; at = gps.find(",{", at)) {
+    at += 2;
+    const std::size_t end = gps.find('}', at);
+    std::istringstream members(gps.substr(at, end - at));
     records += " ";
-    for (std::sregex_iterator member(members.begin(), members.end(), kMember); member != end;
-         ++member) {
-      const std::string value = (*member)[2];
-      records += " " + (*member)[1].str() + "=" + (value == "null" ? "None" : value);
+    for (std::string member; std::getline(members, member, ',');) {
+      const std::size_t colon = member.find(':');
+      const std::string value = member.substr(colon + 1);
+      records.append(" ").append(member.substr(1, colon - 2)).append("=");
+      records += value == "null" ? "None" : value;
     }
     records += "\n";
     ++count;
+    at = end;
   }
   text += "gps.json: " + std::to_string(count) + " records\n" + records;
   return {text.begin(), text.end()};

@@ -1,7 +1,6 @@
 #include "tool/tool_run.h"
 
 #include <algorithm>
-#include <regex>
 #include <sstream>
 
 namespace motrace::testing {
@@ -17,16 +16,37 @@ ProcessResult RunTool(const std::vector<std::string>& arguments, const ProcessOp
   return result;
 }
 
+namespace {
+
+/// Takes "[level][0xthread][time][site]text" apart and checks the four fields.
+bool ParseRecord(const std::string& line, OutputLine& record) {
+  using ::testing::AnyOf;
+  using ::testing::ElementsAre;
+  using ::testing::MatchesRegex;
+  std::vector<std::string> fields;
+  std::size_t at = 0;
+  while (fields.size() < 4) {
+    const std::size_t end = line.find(']', at);
+    if (end == std::string::npos || line[at] != '[') return false;
+    fields.push_back(line.substr(at + 1, end - at - 1));
+    at = end + 1;
+  }
+  record = {fields[0], fields[3], line.substr(at)};
+  return ::testing::Matches(ElementsAre(
+      AnyOf("VERBOSE", "INFO", "WARNING", "ERROR"), MatchesRegex("0x[1-9a-f][0-9a-f]*"),
+      MatchesRegex("[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.(0|[1-9][0-9]{0,2})"),
+      MatchesRegex("[^\\]+:[0-9]+")))(fields);
+}
+
+}  // namespace
+
 std::vector<OutputLine> ParseOutput(const std::string& standard_output) {
-  static const std::regex kRecord(
-      R"(\[(VERBOSE|INFO|WARNING|ERROR)\]\[0x[1-9a-f][0-9a-f]*\])"
-      R"(\[\d\d-\d\d \d\d:\d\d:\d\d\.(?:0|[1-9]\d{0,2})\]\[([^\]\\]+:\d+)\](.*))");
   std::vector<OutputLine> lines;
   std::istringstream stream(standard_output);
   for (std::string line; std::getline(stream, line);) {
-    std::smatch match;
-    if (std::regex_match(line, match, kRecord)) {
-      lines.push_back({match[1], match[2], match[3]});
+    OutputLine record;
+    if (ParseRecord(line, record)) {
+      lines.push_back(record);
     } else if (line == "Start to parse motion metadata...") {
       lines.push_back({"", "", line});
     } else if (!line.empty() || lines.empty() || lines.back().text.rfind("FFmpeg:", 0) != 0) {

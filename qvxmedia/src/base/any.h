@@ -13,6 +13,7 @@ namespace lum {
 ///
 /// Not thread-safe: one thread at a time. Copies are deep: each owns its own value (a held pointer
 /// is copied as a pointer).
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): one assignment copies and moves
 class any {
  public:
   /// What every held value is behind.

@@ -91,14 +91,15 @@ class LogMessage : public std::ostringstream {
 }  // namespace lum
 
 // The switch makes each macro one statement, safe after an `if` without braces. What is streamed is
-// evaluated only when the record is written.
+// evaluated only when the record is written. The function's name comes from the builtin (GCC,
+// clang), as linters take `__func__` in a lambda for a mistake.
 #define LUM_LOG_IMPL_(level, file, line) \
   switch (0)                             \
   case 0:                                \
   default:                               \
     if (!::lum::LogEnabled(level)) {     \
     } else                               \
-      ::lum::LogMessage(file, static_cast<const char*>(__func__), line, level).stream()
+      ::lum::LogMessage(file, __builtin_FUNCTION(), line, level).stream()
 
 /// A statement at the place where it stands. `level` is an enumerator of `lum::LogLevel`.
 #define LUM_LOG(level) LUM_LOG_IMPL_(::lum::level, __FILE__, __LINE__)
@@ -112,7 +113,7 @@ class LogMessage : public std::ostringstream {
   default:                                           \
     if (condition) {                                 \
     } else                                           \
-      ::lum::LogMessage(text, file, static_cast<const char*>(__func__), line).stream()
+      ::lum::LogMessage(text, file, __builtin_FUNCTION(), line).stream()
 
 /// Ends the process with an ERROR record when `condition` does not hold, whatever the minimum
 /// level.

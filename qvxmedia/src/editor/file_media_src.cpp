@@ -14,7 +14,8 @@ namespace lum {
 namespace {
 
 constexpr int32_t kReadErrorCode = 1;
-constexpr int64_t kAacFrameMillis = int64_t{1024} * 1000;  // milliseconds a frame, times the sample rate
+constexpr int64_t kAacFrameMillis =
+    int64_t{1024} * 1000;  // milliseconds a frame, times the sample rate
 constexpr int kSilentAudioRate = 48000;
 constexpr int kSilentAudioChannels = 2;
 
@@ -23,6 +24,18 @@ int64_t SteadyNanoseconds() { return std::chrono::steady_clock::now().time_since
 // A missing time stamp stays missing.
 int64_t Shifted(int64_t timestamp, int64_t by) {
   return timestamp == AV_NOPTS_VALUE ? timestamp : WrappingAdd(timestamp, by);
+}
+
+// A consumer's answer. An exception is a refusal, since it must not unwind through libevent's C
+// frames.
+template <typename Call>
+bool AnswerOf(Call&& call) {
+  try {
+    return call();
+  } catch (const std::exception& e) {
+    LUM_LOG(kError) << "consumer failed: " << e.what();
+    return false;
+  }
 }
 
 // The time stamp that places a packet: decoding time, or presentation time where there is none.
@@ -237,7 +250,12 @@ void FileMediaSrc::PerformRead() {
     if (start_position_ == kUnset) {
       start_position_ = position_ms;
       for (Track& t : tracks_) {
-        if (t.active()) t.consumer->Notify(&t.info, {MediaMessage::kStart, start_position_});
+        if (!t.active()) continue;
+        const bool told = AnswerOf([&] {
+          t.consumer->Notify(&t.info, {MediaMessage::kStart, start_position_});
+          return true;  // it cannot be refused
+        });
+        if (!told) return Fail(t.info.error);
       }
     }
     if (track != nullptr) {
@@ -317,7 +335,8 @@ FileMediaSrc::RangeStep FileMediaSrc::NextRange(int64_t position_ms) {
     if (!t.active()) continue;
     t.accumulated_offset =
         WrappingAdd(t.accumulated_offset, Rescale(read_ms, kMilliseconds, t.stream->time_base));
-    if (!t.consumer->Notify(&t.info, {MediaMessage::kNewRange, t.accumulated_offset})) {
+    const MediaMessage jump{MediaMessage::kNewRange, t.accumulated_offset};
+    if (!AnswerOf([&] { return t.consumer->Notify(&t.info, jump); })) {
       Fail(t.info.error);
       return RangeStep::kStop;
     }
@@ -345,13 +364,7 @@ bool FileMediaSrc::Deliver(Track& target, const std::shared_ptr<QVXPacket>& pack
 }
 
 bool FileMediaSrc::PassOn(Track& target, const std::shared_ptr<QVXPacket>& packet) {
-  bool accepted = false;
-  try {
-    accepted = target.consumer->Filter(&target.info, packet);
-  } catch (const std::exception& e) {
-    // It must not unwind through libevent's C frames.
-    LUM_LOG(kError) << "consumer failed: " << e.what();
-  }
+  const bool accepted = AnswerOf([&] { return target.consumer->Filter(&target.info, packet); });
   if (!accepted) Fail(target.info.error);
   return accepted;
 }
@@ -402,7 +415,8 @@ void FileMediaSrc::PerformOnEnd() {
   for (Track& t : tracks_) {
     if (!t.active()) continue;
     t.info.ended = true;
-    if (!t.consumer->Notify(&t.info, {MediaMessage::kEnd, any()})) return Fail(t.info.error);
+    const MediaMessage end{MediaMessage::kEnd, any()};
+    if (!AnswerOf([&] { return t.consumer->Notify(&t.info, end); })) return Fail(t.info.error);
   }
   if (!state_callback) return;
   Report(MediaSrcState::kEnded, EstimateEndMs());
@@ -435,7 +449,7 @@ void FileMediaSrc::PerformClose(const Event& event) {
   closed_ = true;
   for (Track& t : tracks_) {
     if (!t.active() || t.closed) continue;
-    if (!t.consumer->Close(&t.info)) {
+    if (!AnswerOf([&] { return t.consumer->Close(&t.info); })) {
       error_code = t.info.error;
       Report(MediaSrcState::kError, nullptr);
     }

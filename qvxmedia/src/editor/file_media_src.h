@@ -32,8 +32,8 @@ enum class StreamKind : uint8_t { kVideo = 0, kAudio = 1, kData = 2 };
 /// before `Start`, or between a report that ended the run and `Stop`.
 /// Ownership: created with `std::make_shared`; shares the consumers and the byte source. `Stop`
 /// must come before the last reference goes if `Start` was called: anything else is a fatal check.
-/// Errors: see `MediaSrc::error_code`. An exception that leaves a consumer's `Filter` is recorded
-/// and fails the run like a refused packet.
+/// Errors: see `MediaSrc::error_code`. An exception that leaves a consumer's `Notify`, `Filter`
+/// or `Close` is recorded and fails the run like a refusal.
 class FileMediaSrc : public MediaSrc,
                      public EventHandler,
                      public std::enable_shared_from_this<FileMediaSrc> {

@@ -36,14 +36,14 @@ bool MediaPipe::Prepare() {
 }
 
 void MediaPipe::Start() {
-  auto dispatcher = std::make_shared<EventDispatcher>();
+  const auto dispatcher = std::make_shared<EventDispatcher>();
   dispatcher->SetName("pipe");
   dispatcher->Run();
-  {
-    const std::lock_guard<std::mutex> lock(dispatcher_mutex_);
-    dispatcher_ = std::move(dispatcher);
-  }
-  NewEvent(kPipeEventStart)->Post();
+  // Under the mutex, so that no Cancel comes before the start: a source that is not started yet
+  // could not report it, and nothing would end the run.
+  const std::lock_guard<std::mutex> lock(dispatcher_mutex_);
+  dispatcher_ = dispatcher;
+  MakeEvent(kPipeEventStart, shared_from_this(), dispatcher)->Post();
 }
 
 void MediaPipe::Cancel() { NewEvent(kPipeEventCancel)->Post(); }

@@ -40,6 +40,8 @@ class MediaPipe : public EventHandler, public std::enable_shared_from_this<Media
 
   MediaPipe() = default;
   ~MediaPipe() override;
+  MediaPipe(const MediaPipe&) = delete;
+  MediaPipe& operator=(const MediaPipe&) = delete;
 
   /// Appends a source and gives it the next index. Before `Prepare`.
   void AddSrc(const std::shared_ptr<MediaSrc>& src);

@@ -1,0 +1,218 @@
+// Speed of the raw Bayer kernels as ratios to a baseline of the same run.
+//
+// Each round of a benchmark times its kernel and then its baselines on the same buffers, so that
+// all of them meet the same load; the counters are medians over the rounds, the `_q1` and `_q3`
+// ones quartiles. Rates count bytes read plus written, whole planes each.
+//   vs_memcpy  kernel's rate / rate of memcpy of one mosaic, on as many threads
+//   vs_scalar  time of the plain scalar loop on one thread / kernel's time
+// Before the clock starts the kernel's result is compared with the plain loop's.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
+#include <string>
+#include <vector>
+
+#include "raw_bayer/raw_bayer.h"
+#include "tests/raw_bayer/reference.h"
+
+namespace lum::raw {
+namespace {
+
+constexpr int kWidth = 8000;
+constexpr int kHeight = 6000;
+constexpr int kThreads = 2;
+constexpr int kBorder = 2;
+
+template <typename Work>
+double Seconds(const Work& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double Bytes(const cv::Mat& image) { return static_cast<double>(image.total() * image.elemSize()); }
+
+/// Copies a mosaic with memcpy, one block per thread.
+void CopyInParallel(const cv::Mat& from, cv::Mat& to) {
+  cv::parallel_for_(
+      cv::Range(0, kThreads),
+      [&](const cv::Range& range) {
+        const std::size_t bytes = from.total() * from.elemSize();
+        const std::size_t begin = bytes * static_cast<std::size_t>(range.start) / kThreads;
+        const std::size_t end = bytes * static_cast<std::size_t>(range.end) / kThreads;
+        std::memcpy(to.data + begin, from.data + begin, end - begin);
+      },
+      kThreads);
+}
+
+struct Ratios {
+  std::vector<double> values;
+  void Report(benchmark::State& state, const std::string& name) {
+    if (values.empty()) {
+      return;
+    }
+    std::sort(values.begin(), values.end());
+    state.counters[name] = values[values.size() / 2];
+    state.counters[name + "_q1"] = values[values.size() / 4];
+    state.counters[name + "_q3"] = values[values.size() * 3 / 4];
+  }
+};
+
+/// Two images to copy between, touched before any timing.
+struct CopyBuffers {
+  cv::Mat from = cv::Mat(kHeight, kWidth, CV_16UC1, cv::Scalar(1));
+  cv::Mat to = cv::Mat(kHeight, kWidth, CV_16UC1, cv::Scalar(2));
+};
+
+template <typename Reset, typename Kernel, typename Scalar>
+void Measure(benchmark::State& state, double bytes, const Reset& reset, const Kernel& kernel,
+             const Scalar& scalar) {
+  CopyBuffers copy;
+  Ratios vs_memcpy;
+  Ratios vs_scalar;
+  for ([[maybe_unused]] auto _ : state) {
+    reset();
+    const double kernel_s = Seconds(kernel);
+    const double copy_s = Seconds([&] { CopyInParallel(copy.from, copy.to); });
+    state.SetIterationTime(kernel_s);
+    vs_memcpy.values.push_back(bytes / kernel_s / (2 * Bytes(copy.from) / copy_s));
+    if (vs_scalar.values.size() < 5) {  // Slow: a few are enough.
+      vs_scalar.values.push_back(Seconds(scalar) / kernel_s);
+    }
+  }
+  vs_memcpy.Report(state, "vs_memcpy");
+  vs_scalar.Report(state, "vs_scalar");
+  state.counters["bytes_per_second"] = benchmark::Counter(
+      bytes * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+/// A smooth scene with noise in which one of a thousand samples is hot, or pure noise, where many
+/// samples are repaired at rate 1.
+cv::Mat Scene(bool noise_only) {
+  cv::RNG random(7);
+  cv::Mat image(kHeight, kWidth, CV_16UC1);
+  for (int y = 0; y < kHeight; ++y) {
+    for (int x = 0; x < kWidth; ++x) {
+      const int level = 4000 + (x + y) / 4 + random.uniform(-100, 101);
+      const bool hot = random.uniform(0, 1000) == 0;
+      reference::Put(image, x, y, noise_only || hot ? random.uniform(0, 65536) : level);
+    }
+  }
+  return image;
+}
+
+bool Usable(benchmark::State& state, Backend backend) {
+  const std::vector<Backend> available = AvailableBackends();
+  if (std::find(available.begin(), available.end(), backend) == available.end()) {
+    state.SkipWithError((std::string("no ") + BackendName(backend) + " device").c_str());
+    return false;
+  }
+  cv::setNumThreads(kThreads);
+  return true;
+}
+
+bool Same(const cv::Mat& a, const cv::Mat& b) { return cv::norm(a, b, cv::NORM_INF) == 0.0; }
+
+using Fix = void (*)(cv::Mat&, float, Backend);
+using Rule = void (*)(const cv::Mat&, cv::Mat&, float);
+
+void Repair(benchmark::State& state, Fix fix, Rule rule, Backend backend, bool noise_only,
+            float rate) {
+  if (!Usable(state, backend)) {
+    return;
+  }
+  const cv::Mat scene = Scene(noise_only);
+  cv::Mat image = scene.clone();
+  cv::Mat expected = scene.clone();
+  fix(image, rate, backend);
+  rule(scene, expected, rate);
+  if (!Same(image, expected)) {
+    state.SkipWithError("result differs from the plain loop's");
+    return;
+  }
+  Measure(
+      state, 2 * Bytes(image), [&] { scene.copyTo(image); }, [&] { fix(image, rate, backend); },
+      [&] { rule(scene, expected, rate); });
+}
+
+void Split(benchmark::State& state, Backend backend) {
+  if (!Usable(state, backend)) {
+    return;
+  }
+  const cv::Mat raw = Scene(/*noise_only=*/true);
+  const cv::Size size(kWidth - 2 * kBorder, kHeight - 2 * kBorder);
+  cv::Mat planes[] = {cv::Mat(size, CV_16UC1), cv::Mat(size / 2, CV_16UC1),
+                      cv::Mat(size / 2, CV_16UC1)};
+  cv::Mat g, r, b;
+  const auto kernel = [&] { SplitRaw(raw, g, r, b, kBorder, backend); };
+  const auto scalar = [&] { reference::SplitRaw(raw, planes[0], planes[1], planes[2], kBorder); };
+  kernel();
+  scalar();
+  if (!Same(g, planes[0]) || !Same(r, planes[1]) || !Same(b, planes[2])) {
+    state.SkipWithError("result differs from the plain loop's");
+    return;
+  }
+  Measure(
+      state, Bytes(raw) + Bytes(g) + Bytes(r) + Bytes(b), [] {}, kernel, scalar);
+}
+
+void Merge(benchmark::State& state, Backend backend) {
+  if (!Usable(state, backend)) {
+    return;
+  }
+  const cv::Mat g = Scene(/*noise_only=*/true);
+  const cv::Mat r = g(cv::Rect(0, 0, kWidth / 2, kHeight / 2)).clone();
+  const cv::Mat b = g(cv::Rect(9, 9, kWidth / 2, kHeight / 2)).clone();
+  cv::Mat expected(g.size(), CV_16UC1);
+  cv::Mat raw;
+  const auto kernel = [&] { MergeRaw(g, r, b, raw, 0, backend); };
+  const auto scalar = [&] { reference::MergeRaw(g, r, b, expected, 0); };
+  kernel();
+  scalar();
+  if (!Same(raw, expected)) {
+    state.SkipWithError("result differs from the plain loop's");
+    return;
+  }
+  Measure(
+      state, Bytes(g) + Bytes(r) + Bytes(b) + Bytes(raw), [] {}, kernel, scalar);
+}
+
+void Register(const std::string& name, void (*run)(benchmark::State&, Backend), Backend backend) {
+  benchmark::RegisterBenchmark((name + "/" + BackendName(backend)).c_str(), run, backend)
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(15);
+}
+
+template <bool kSquare, bool kNoiseOnly>
+void RepairScene(benchmark::State& state, Backend backend) {
+  Repair(state, kSquare ? FixBadPixels2 : FixBadPixels,
+         kSquare ? reference::FixBadPixels2 : reference::FixBadPixels, backend, kNoiseOnly,
+         kNoiseOnly ? 1.0F : 1.5F);
+}
+
+}  // namespace
+}  // namespace lum::raw
+
+int main(int argc, char** argv) {
+  using lum::raw::Backend;
+  for (const Backend backend : {Backend::kProcessor, Backend::kOpenCl, Backend::kCuda}) {
+    lum::raw::Register("SplitRaw", lum::raw::Split, backend);
+    lum::raw::Register("MergeRaw", lum::raw::Merge, backend);
+    lum::raw::Register("FixBadPixels/scene", lum::raw::RepairScene<false, false>, backend);
+    lum::raw::Register("FixBadPixels/noise", lum::raw::RepairScene<false, true>, backend);
+    lum::raw::Register("FixBadPixels2/scene", lum::raw::RepairScene<true, false>, backend);
+    lum::raw::Register("FixBadPixels2/noise", lum::raw::RepairScene<true, true>, backend);
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    return 1;
+  }
+  benchmark::RunSpecifiedBenchmarks();
+  return 0;
+}

@@ -1,0 +1,189 @@
+#include <cstddef>
+#include <mutex>
+#include <opencv2/core.hpp>
+#include <opencv2/core/ocl.hpp>
+#include <string>
+#include <vector>
+
+#include "raw_bayer/backends.h"
+#include "raw_bayer/raw_bayer.h"
+
+namespace lum::raw::opencl {
+namespace {
+
+[[noreturn]] void Fail(const std::string& what) {
+  throw cv::Exception(cv::Error::OpenCLApiCallError, "OpenCL backend: " + what, "lum::raw",
+                      __FILE__, __LINE__);
+}
+
+/// OpenCV's own device if it has chosen one; it takes processors (as PoCL's device) only where a
+/// user asks for them by OPENCV_OPENCL_DEVICE. Otherwise the first device that OpenCL lists.
+cv::ocl::OpenCLExecutionContext FindContext() {
+  if (!cv::ocl::haveOpenCL()) {
+    return {};
+  }
+  const cv::ocl::OpenCLExecutionContext& current = cv::ocl::OpenCLExecutionContext::getCurrentRef();
+  if (!current.empty()) {
+    return current;
+  }
+  std::vector<cv::ocl::PlatformInfo> platforms;
+  cv::ocl::getPlatfomsInfo(platforms);
+  for (const cv::ocl::PlatformInfo& platform : platforms) {
+    for (int i = 0; i < platform.deviceNumber(); ++i) {
+      cv::ocl::Device device;
+      platform.getDevice(device, i);
+      if (!device.available() || !device.compilerAvailable()) {
+        continue;
+      }
+      // By name, as OpenCV 4.6 rejects the contexts that its Context::fromDevice makes.
+      const int type = device.type();
+      const char* const type_name = (type & cv::ocl::Device::TYPE_GPU) != 0   ? "GPU"
+                                    : (type & cv::ocl::Device::TYPE_CPU) != 0 ? "CPU"
+                                                                              : "ACCELERATOR";
+      const cv::ocl::Context context =
+          cv::ocl::Context::create(platform.name() + ":" + type_name + ":");
+      if (!context.empty()) {
+        return cv::ocl::OpenCLExecutionContext::create(context, context.device(0));
+      }
+    }
+  }
+  return {};
+}
+
+/// The device with its programs. One call at a time: OpenCV's queue and kernels are shared state.
+struct Device {
+  std::mutex mutex;
+  cv::ocl::OpenCLExecutionContext context;  // guarded by mutex
+
+  static Device& Get() {
+    static Device device;
+    return device;
+  }
+
+  /// Finds the device on first use. @return whether there is one.
+  bool Open() {
+    if (context.empty()) {
+      try {
+        context = FindContext();
+      } catch (const cv::Exception&) {
+        return false;
+      }
+    }
+    return !context.empty();
+  }
+};
+
+/// Makes the device OpenCV's current one on this thread for the length of a call.
+class Session {
+ public:
+  Session() : device_(Device::Get()), lock_(device_.mutex), scope_(Opened(device_)) {
+    cv::ocl::setUseOpenCL(true);
+  }
+  ~Session() { cv::ocl::setUseOpenCL(was_used_); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  static cv::UMat Upload(const cv::Mat& image) {
+    cv::UMat copy = Allocate(image.size());
+    image.copyTo(copy);
+    return copy;
+  }
+
+  static cv::UMat Allocate(const cv::Size& size) {
+    cv::UMat image(size, CV_16UC1, cv::USAGE_ALLOCATE_DEVICE_MEMORY);
+    // The kernels address rows stored back to back.
+    if (!image.isContinuous()) {
+      Fail("expected device memory without gaps between rows");
+    }
+    return image;
+  }
+
+  /// Runs one work item per column and row of `size` and waits for the end.
+  template <typename... Arguments>
+  void Run(const char* kernel_name, const cv::Size& size, const Arguments&... arguments) const {
+    const cv::ocl::ProgramSource source("lum_raw", "raw_bayer", KernelSource(), "");
+    cv::String log;
+    const cv::ocl::Program program =
+        cv::ocl::Context::getDefault(/*initialize=*/false).getProg(source, "", log);
+    if (program.empty()) {
+      Fail("building the kernels failed: " + log);
+    }
+    cv::ocl::Kernel kernel(kernel_name, program);
+    if (kernel.empty()) {
+      Fail(std::string("no kernel ") + kernel_name);
+    }
+    kernel.args(arguments...);
+    std::size_t global[] = {static_cast<std::size_t>(size.width),
+                            static_cast<std::size_t>(size.height)};
+    if (!kernel.run(2, global, nullptr, /*sync=*/true)) {
+      Fail(std::string("running ") + kernel_name + " failed");
+    }
+  }
+
+ private:
+  static const cv::ocl::OpenCLExecutionContext& Opened(Device& device) {
+    if (!device.Open()) {
+      Fail("no device");
+    }
+    return device.context;
+  }
+
+  Device& device_;
+  std::lock_guard<std::mutex> lock_;
+  bool was_used_ = cv::ocl::useOpenCL();
+  cv::ocl::OpenCLExecutionContextScope scope_;
+};
+
+cv::ocl::KernelArg In(const cv::UMat& image) { return cv::ocl::KernelArg::PtrReadOnly(image); }
+cv::ocl::KernelArg Out(const cv::UMat& image) { return cv::ocl::KernelArg::PtrWriteOnly(image); }
+
+void Repair(const char* kernel, cv::Mat& image, float bad_pixel_rate) {
+  const Session session;
+  const cv::UMat source = Session::Upload(image);
+  const cv::UMat repaired = Session::Allocate(image.size());
+  session.Run(kernel, image.size(), In(source), Out(repaired), bad_pixel_rate, image.cols,
+              image.rows);
+  repaired.copyTo(image);
+}
+
+}  // namespace
+
+bool Available() {
+  Device& device = Device::Get();
+  const std::lock_guard<std::mutex> lock(device.mutex);
+  return device.Open();
+}
+
+void FixBadPixels(cv::Mat& image, float bad_pixel_rate) {
+  Repair("kernel_fixBadPixelsFrom", image, bad_pixel_rate);
+}
+
+void FixBadPixels2(cv::Mat& image, float bad_pixel_rate) {
+  Repair("kernel_fixBadPixels2From", image, bad_pixel_rate);
+}
+
+void SplitRaw(const cv::Mat& raw_border, cv::Mat& g, cv::Mat& r, cv::Mat& b, int border_size) {
+  const Session session;
+  const cv::UMat raw = Session::Upload(raw_border);
+  const cv::UMat green = Session::Allocate(g.size());
+  const cv::UMat red = Session::Allocate(r.size());
+  const cv::UMat blue = Session::Allocate(b.size());
+  session.Run("kernel_splitRaw", r.size(), In(raw), Out(green), Out(red), Out(blue), border_size,
+              raw.cols, raw.rows, green.cols, green.rows, red.cols, red.rows);
+  green.copyTo(g);
+  red.copyTo(r);
+  blue.copyTo(b);
+}
+
+void MergeRaw(const cv::Mat& g, const cv::Mat& r, const cv::Mat& b, cv::Mat& raw) {
+  const Session session;
+  const cv::UMat green = Session::Upload(g);
+  const cv::UMat red = Session::Upload(r);
+  const cv::UMat blue = Session::Upload(b);
+  const cv::UMat mosaic = Session::Allocate(raw.size());
+  session.Run("kernel_mergeRaw", r.size(), In(green), In(red), In(blue), Out(mosaic), green.cols,
+              green.rows, red.cols, red.rows, mosaic.cols, mosaic.rows, /*index=*/0);
+  mosaic.copyTo(raw);
+}
+
+}  // namespace lum::raw::opencl

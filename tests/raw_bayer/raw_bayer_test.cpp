@@ -1,0 +1,365 @@
+#include "raw_bayer/raw_bayer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/raw_bayer/reference.h"
+
+namespace lum::raw {
+namespace {
+
+using ::testing::HasSubstr;
+
+constexpr int kSeed = 20;
+
+bool Same(const cv::Mat& a, const cv::Mat& b) {
+  return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
+}
+
+enum class Content { kUniform, kDim, kBadPixels, kExtremes, kFlat };
+
+const char* ContentName(Content content) {
+  constexpr const char* kNames[] = {"uniform", "dim", "bad pixels", "extremes", "flat"};
+  return kNames[static_cast<int>(content)];
+}
+
+cv::Mat MakeImage(int width, int height, Content content, int seed = kSeed) {
+  cv::RNG random(static_cast<std::uint64_t>(seed + 1000 * width + height));
+  cv::Mat image(height, width, CV_16UC1);
+  const auto fill = [&](auto&& value) {
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width; ++x) {
+        reference::Put(image, x, y, value());
+      }
+    }
+  };
+  switch (content) {
+    case Content::kUniform:
+      fill([&] { return random.uniform(0, 65536); });
+      break;
+    case Content::kDim:
+      fill([&] { return random.uniform(0, 4); });
+      break;
+    case Content::kBadPixels:
+      fill([&] {
+        const int level = 2000 + random.uniform(-100, 101);
+        return random.uniform(0, 30) == 0 ? random.uniform(level, 65536) : level;
+      });
+      break;
+    case Content::kExtremes:
+      fill([&] { return random.uniform(0, 3) == 0 ? 65535 : 0; });
+      break;
+    case Content::kFlat:
+      image.setTo(65535);
+      break;
+  }
+  return image;
+}
+
+constexpr Content kContents[] = {Content::kUniform, Content::kDim, Content::kBadPixels,
+                                 Content::kExtremes, Content::kFlat};
+
+/// A copy of `image` inside a larger one, so that its rows have a gap and an odd start.
+cv::Mat AsView(const cv::Mat& image) {
+  cv::Mat larger(image.rows + 3, image.cols + 5, CV_16UC1, cv::Scalar(4321));
+  cv::Mat view = larger(cv::Rect(3, 1, image.cols, image.rows));
+  image.copyTo(view);
+  return view;
+}
+
+class OnBackend : public ::testing::TestWithParam<Backend> {
+ protected:
+  void SetUp() override {
+    const std::vector<Backend> available = AvailableBackends();
+    if (std::find(available.begin(), available.end(), GetParam()) == available.end()) {
+      GTEST_SKIP() << "no " << BackendName(GetParam()) << " device on this machine";
+    }
+  }
+};
+
+std::string Name(const ::testing::TestParamInfo<Backend>& info) { return BackendName(info.param); }
+
+INSTANTIATE_TEST_SUITE_P(Raw, OnBackend,
+                         ::testing::Values(Backend::kProcessor, Backend::kOpenCl, Backend::kCuda),
+                         Name);
+
+struct Repair {
+  const char* name;
+  void (*fix)(cv::Mat&, float, Backend);
+  void (*expected)(const cv::Mat&, cv::Mat&, float);
+};
+constexpr Repair kRepairs[] = {{"FixBadPixels", FixBadPixels, reference::FixBadPixels},
+                               {"FixBadPixels2", FixBadPixels2, reference::FixBadPixels2}};
+
+void ExpectRepaired(const Repair& repair, const cv::Mat& image, float rate, Backend backend,
+                    const std::string& what) {
+  cv::Mat expected = image.clone();
+  repair.expected(image, expected, rate);
+  cv::Mat view = AsView(image);
+  repair.fix(view, rate, backend);
+  EXPECT_TRUE(Same(view, expected)) << repair.name << " of " << what << " " << image.size()
+                                    << " at rate " << rate << ", seed " << kSeed;
+}
+
+TEST_P(OnBackend, RepairsMatchTheRuleForEverySizeContentAndRate) {
+  for (const Repair& repair : kRepairs) {
+    for (const cv::Size size : {cv::Size(1, 1),
+                                {2, 1},
+                                {1, 7},
+                                {3, 3},
+                                {4, 5},
+                                {5, 5},
+                                {6, 5},
+                                {12, 6},
+                                {13, 9},
+                                {20, 8},
+                                {37, 21},
+                                {64, 33}}) {
+      for (const Content content : kContents) {
+        for (const float rate : {1.0F, 0.3F, 1.0001F, 1.7F, 3.0F, 40000.0F}) {
+          ExpectRepaired(repair, MakeImage(size.width, size.height, content), rate, GetParam(),
+                         ContentName(content));
+        }
+      }
+    }
+  }
+}
+
+TEST_P(OnBackend, QuotientIsRoundedToSinglePrecision) {
+  // Each 3 x 3 patch holds a sample and a neighbour level near their quotient, where a division
+  // that is off by one unit in the last place decides otherwise.
+  cv::RNG random(kSeed);
+  const float below_one = std::nextafter(1.0F, 0.0F);
+  const float above_one = std::nextafter(1.0F, 2.0F);
+  for (const float rate :
+       {below_one, above_one, 1.1F, 3.0F, 7.0F, 0.1F, 1e-40F, std::numeric_limits<float>::min(),
+        std::numeric_limits<float>::denorm_min(), 1e-38F, 65535.0F, 65536.0F, 1e30F,
+        std::numeric_limits<float>::max()}) {
+    cv::Mat image(120, 120, CV_16UC1);
+    for (int y = 0; y < image.rows; y += 3) {
+      for (int x = 0; x < image.cols; x += 3) {
+        int limit = random.uniform(0, 65536);
+        const double product = std::nearbyint(static_cast<double>(limit) * rate);
+        const int sample = static_cast<int>(std::min(65535.0, product));
+        limit = static_cast<int>(
+            std::clamp(static_cast<double>(static_cast<float>(sample) / rate), 0.0, 65535.0));
+        image(cv::Rect(x, y, 3, 3)).setTo(limit);
+        reference::Put(image, x + 1, y + 1, sample);
+      }
+    }
+    for (const Repair& repair : kRepairs) {
+      ExpectRepaired(repair, image, rate, GetParam(), "quotients");
+    }
+  }
+}
+
+TEST_P(OnBackend, RepairsDoNotDependOnThreads) {
+  const int before = cv::getNumThreads();
+  for (const int threads : {1, 2, 5}) {
+    cv::setNumThreads(threads);
+    for (const Content content : {Content::kUniform, Content::kBadPixels, Content::kExtremes}) {
+      for (const Repair& repair : kRepairs) {
+        ExpectRepaired(repair, MakeImage(1021, 203, content), 1.0F, GetParam(),
+                       std::to_string(threads) + " threads");
+        // Stripes of single rows.
+        ExpectRepaired(repair, MakeImage(70000, 7, content), 1.0F, GetParam(),
+                       std::to_string(threads) + " threads");
+      }
+    }
+  }
+  cv::setNumThreads(before);
+}
+
+TEST_P(OnBackend, RedSiteTakesItsRowAndColumnAndGreenItsDiagonals) {
+  cv::Mat image = cv::Mat::zeros(9, 9, CV_16UC1);
+  reference::Put(image, 4, 4, 1000);  // red
+  reference::Put(image, 2, 4, 7);
+  reference::Put(image, 7, 6, 900);  // in the margin: kept
+  cv::Mat green = cv::Mat::zeros(9, 9, CV_16UC1);
+  reference::Put(green, 4, 3, 1000);
+  reference::Put(green, 3, 2, 11);
+  FixBadPixels(image, 2.0F, GetParam());
+  FixBadPixels(green, 2.0F, GetParam());
+  EXPECT_EQ(reference::At(image, 4, 4), 1);
+  EXPECT_EQ(reference::At(image, 7, 6), 900);
+  EXPECT_EQ(reference::At(green, 4, 3), 2);
+}
+
+TEST_P(OnBackend, SplitMatchesTheRuleAndMergeBringsTheMosaicBack) {
+  for (const cv::Size cells :
+       {cv::Size(1, 1), {2, 1}, {1, 3}, {8, 2}, {9, 5}, {17, 4}, {350, 90}}) {
+    for (int border = 1; border <= 8; ++border) {
+      for (const Content content : {Content::kUniform, Content::kExtremes, Content::kFlat}) {
+        const cv::Mat raw =
+            AsView(MakeImage(2 * cells.width + 2 * border, 2 * cells.height + 2 * border, content));
+        cv::Mat g(cells * 2, CV_16UC1), r(cells, CV_16UC1), b(cells, CV_16UC1);
+        reference::SplitRaw(raw, g, r, b, border);
+        cv::Mat views[] = {AsView(cv::Mat::zeros(g.size(), CV_16UC1)), cv::Mat(), cv::Mat()};
+        SplitRaw(raw, views[0], views[1], views[2], border, GetParam());
+        EXPECT_TRUE(Same(views[0], g)) << cells << " border " << border;
+        EXPECT_TRUE(Same(views[1], r)) << cells << " border " << border;
+        EXPECT_TRUE(Same(views[2], b)) << cells << " border " << border;
+
+        cv::Mat merged;
+        MergeRaw(views[0], views[1], views[2], merged, 0, GetParam());
+        EXPECT_TRUE(Same(merged, raw(cv::Rect(cv::Point(border, border), cells * 2))))
+            << cells << " border " << border;
+      }
+    }
+  }
+}
+
+TEST_P(OnBackend, MergeOfABatchWritesOneMosaicAndKeepsTheOthers) {
+  const cv::Mat g = AsView(MakeImage(38, 3 * 10, Content::kUniform, 1));
+  const cv::Mat r = AsView(MakeImage(19, 5, Content::kUniform, 2));
+  const cv::Mat b = AsView(MakeImage(19, 5, Content::kUniform, 3));
+  for (const int index : {0, 1, 2}) {
+    cv::Mat kept = AsView(MakeImage(38, 3 * 10, Content::kUniform, 4));
+    cv::Mat fresh;
+    cv::Mat expected_kept = kept.clone();
+    cv::Mat expected_fresh = cv::Mat::zeros(g.size(), CV_16UC1);
+    reference::MergeRaw(g, r, b, expected_kept, index);
+    reference::MergeRaw(g, r, b, expected_fresh, index);
+    const unsigned char* const memory = kept.data;
+    MergeRaw(g, r, b, kept, index, GetParam());
+    MergeRaw(g, r, b, fresh, index, GetParam());
+    EXPECT_TRUE(Same(kept, expected_kept)) << "index " << index;
+    EXPECT_TRUE(Same(fresh, expected_fresh)) << "index " << index;
+    EXPECT_EQ(kept.data, memory);
+  }
+}
+
+TEST_P(OnBackend, OutputMayShareMemoryWithInput) {
+  const cv::Mat raw = MakeImage(52, 42, Content::kUniform);
+  cv::Mat g, r, b;
+  SplitRaw(raw, g, r, b, 1);
+
+  cv::Mat memory = raw.clone();
+  cv::Mat g_inside = memory(cv::Rect(2, 1, 50, 40));
+  cv::Mat r_same = memory;
+  cv::Mat b_plain;
+  SplitRaw(memory, g_inside, r_same, b_plain, 1, GetParam());
+  EXPECT_TRUE(Same(g_inside, g));
+  EXPECT_TRUE(Same(memory(cv::Rect(2, 1, 50, 40)), g)) << "an output of fitting size moved";
+  EXPECT_TRUE(Same(r_same, r));
+  EXPECT_TRUE(Same(b_plain, b));
+
+  cv::Mat expected(g.size(), CV_16UC1);
+  reference::MergeRaw(g, r, b, expected, 0);
+  cv::Mat in_place = g.clone();
+  MergeRaw(in_place, r, b, in_place, 0, GetParam());
+  EXPECT_TRUE(Same(in_place, expected));
+  cv::Mat over_red = cv::Mat::zeros(40, 50, CV_16UC1);
+  cv::Mat r_inside = over_red(cv::Rect(5, 3, 25, 20));
+  r.copyTo(r_inside);
+  MergeRaw(g, r_inside, b, over_red, 0, GetParam());
+  EXPECT_TRUE(Same(over_red, expected));
+}
+
+TEST(RawBayer, SideBySideViewsOfOneImageAreNoSharedMemory) {
+  cv::Mat atlas(8, 32, CV_16UC1);
+  cv::Mat g = atlas(cv::Rect(0, 0, 16, 8));
+  cv::Mat r = atlas(cv::Rect(16, 0, 8, 4));
+  cv::Mat b = atlas(cv::Rect(24, 0, 8, 4));
+  const cv::Mat raw = MakeImage(18, 10, Content::kUniform);
+  cv::Mat expected[] = {cv::Mat(8, 16, CV_16UC1), cv::Mat(4, 8, CV_16UC1), cv::Mat(4, 8, CV_16UC1)};
+  reference::SplitRaw(raw, expected[0], expected[1], expected[2], 1);
+  SplitRaw(raw, g, r, b, 1);
+  EXPECT_TRUE(Same(atlas(cv::Rect(0, 0, 16, 8)), expected[0]));
+  EXPECT_TRUE(Same(atlas(cv::Rect(16, 0, 8, 4)), expected[1]));
+  EXPECT_TRUE(Same(atlas(cv::Rect(24, 0, 8, 4)), expected[2]));
+}
+
+void ExpectRejected(const std::function<void()>& call, const std::string& words) {
+  try {
+    call();
+    ADD_FAILURE() << "accepted; expected: " << words;
+  } catch (const cv::Exception& error) {
+    EXPECT_THAT(error.what(), HasSubstr(words));
+  }
+}
+
+TEST(RawBayer, BadInputIsRejectedByNameAndLeavesOutputsAlone) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float inf = std::numeric_limits<float>::infinity();
+  for (const Repair& repair : kRepairs) {
+    cv::Mat image = MakeImage(9, 9, Content::kBadPixels);
+    const cv::Mat before = image.clone();
+    for (const float rate : {0.0F, -0.0F, -1.0F, nan, inf}) {
+      ExpectRejected([&] { repair.fix(image, rate, Backend::kProcessor); },
+                     "bad_pixel_rate: expected a finite number greater than 0");
+    }
+    EXPECT_TRUE(Same(image, before));
+    cv::Mat empty, bytes(4, 4, CV_8UC1), pairs(4, 4, CV_16UC2);
+    cv::Mat cube(std::vector<int>{4, 4, 4}, CV_16UC1);
+    const auto fix = [&](cv::Mat& bad) { repair.fix(bad, 1.0F, Backend::kProcessor); };
+    ExpectRejected([&] { fix(empty); }, "image: expected an image, got an empty one");
+    ExpectRejected([&] { fix(bytes); }, "image: expected type CV_16UC1, got CV_8UC1");
+    ExpectRejected([&] { fix(pairs); }, "image: expected type CV_16UC1, got CV_16UC2");
+    ExpectRejected([&] { fix(cube); }, "image: expected two dimensions, got 3");
+  }
+
+  cv::Mat g = MakeImage(8, 8, Content::kUniform), r = MakeImage(4, 4, Content::kUniform);
+  cv::Mat b = MakeImage(4, 4, Content::kUniform, 1), raw = MakeImage(8, 8, Content::kUniform, 2);
+  const cv::Mat before[] = {g.clone(), r.clone(), b.clone(), raw.clone()};
+  const cv::Mat border = MakeImage(12, 12, Content::kUniform);
+  const auto split = [&](const cv::Mat& input, int size) {
+    return [&g, &r, &b, &input, size] { SplitRaw(input, g, r, b, size); };
+  };
+  constexpr int kHuge = std::numeric_limits<int>::max();
+  ExpectRejected(split(border, 0), "border_size: expected at least 1, got 0");
+  ExpectRejected(split(border, -kHuge), "border_size: expected at least 1");
+  ExpectRejected(split(border, 6), "border_size: expected one that leaves a 2 x 2 cell");
+  ExpectRejected(split(border, kHuge), "border_size: expected one that leaves a 2 x 2 cell");
+  ExpectRejected(split(cv::Mat(1, 1, CV_16UC1), 1), "border_size: expected one that leaves");
+  ExpectRejected(split(border.colRange(0, 11), 2), "even sides inside the border, got 7 x 8");
+  ExpectRejected(split(border.rowRange(0, 11), 2), "even sides inside the border, got 8 x 7");
+  ExpectRejected(split(cv::Mat(12, 12, CV_32FC1), 2), "raw_border: expected type CV_16UC1");
+  ExpectRejected([&] { SplitRaw(border, g, r, r, 2); }, "r, b: expected images of their own");
+  cv::Mat r_in_g = g(cv::Rect(0, 0, 4, 4));
+  ExpectRejected([&] { SplitRaw(border, g, r_in_g, b, 2); }, "g, r: expected images of their own");
+
+  const auto merge = [&](const cv::Mat& g_in, const cv::Mat& r_in, const cv::Mat& b_in, int index) {
+    return [&raw, g_in, r_in, b_in, index] { MergeRaw(g_in, r_in, b_in, raw, index); };
+  };
+  ExpectRejected(merge(g, r, b, -1), "index: expected 0 to 0, as g holds that many images, got -1");
+  ExpectRejected(merge(g, r, b, 1), "index: expected 0 to 0");
+  ExpectRejected(merge(g, r, b, kHuge), "index: expected 0 to 0");
+  ExpectRejected(merge(g, r, b.rowRange(0, 3), 0), "b: expected the size of r (4 x 4), got 4 x 3");
+  ExpectRejected(merge(g.rowRange(0, 7), r, b, 0), "g: expected images of twice the size of r");
+  ExpectRejected(merge(g.colRange(0, 7), r, b, 0), "g: expected images of twice the size of r");
+  ExpectRejected(merge(r, r, b, 0), "g: expected images of twice the size of r");
+  ExpectRejected(merge(cv::Mat(), r, b, 0), "g: expected an image, got an empty one");
+  ExpectRejected(merge(g, r, cv::Mat(4, 4, CV_16SC1), 0), "b: expected type CV_16UC1");
+  EXPECT_TRUE(Same(g, before[0]) && Same(r, before[1]) && Same(b, before[2]) &&
+              Same(raw, before[3]));
+}
+
+TEST(RawBayer, AnAbsentDeviceIsNamedAndLeavesOutputsAlone) {
+  const std::vector<Backend> available = AvailableBackends();
+  EXPECT_EQ(available.front(), Backend::kProcessor);
+  for (const Backend backend : {Backend::kOpenCl, Backend::kCuda}) {
+    if (std::find(available.begin(), available.end(), backend) != available.end()) {
+      continue;
+    }
+    const std::string name = BackendName(backend);
+    cv::Mat image = MakeImage(9, 9, Content::kUniform);
+    const cv::Mat before = image.clone();
+    ExpectRejected([&] { FixBadPixels(image, 1.0F, backend); }, name);
+    EXPECT_TRUE(Same(image, before));
+    cv::Mat g, r, b;
+    ExpectRejected([&] { SplitRaw(MakeImage(4, 4, Content::kFlat), g, r, b, 1, backend); }, name);
+    EXPECT_TRUE(g.empty() && r.empty() && b.empty());
+  }
+}
+
+}  // namespace
+}  // namespace lum::raw

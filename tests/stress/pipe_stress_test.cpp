@@ -1,0 +1,169 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "editor/fake_media_src.h"
+#include "editor/media_pipe.h"
+#include "stress/stress_testing.h"
+#include "support/hang_guard.h"
+#include "utils/vela_util.h"
+
+namespace motrace::testing {
+namespace {
+
+// A source with a thread of its own, which reports once by itself at a random moment, and every
+// time that it is interrupted.
+class EagerSrc : public FakeMediaSrc {
+ public:
+  explicit EagerSrc(uint32_t seed) : chance_(seed) {
+    on_start = [this] {
+      thread_ = std::thread([this] {
+        chance_.Dawdle();
+        switch (chance_.Below(4)) {
+          case 0:
+            return Fail(7);
+          case 1:
+            return;  // only when interrupted
+          default:
+            return End();
+        }
+      });
+    };
+    on_interrupt = [this] {
+      // Not on the pipe's thread: sources report from theirs.
+      interrupted_.push_back(std::async(std::launch::async, [this] { BeCanceled(); }));
+    };
+    on_stop = [this] {
+      if (thread_.joinable()) thread_.join();
+      interrupted_.clear();  // waits for each
+    };
+  }
+
+ private:
+  Chance chance_;
+  std::thread thread_;
+  std::vector<std::future<void>> interrupted_;  // the pipe's thread only
+};
+
+// Pipes of one to three sources, cancelled at random moments by several threads, released at
+// another one.
+TEST(PipeStress, CanceledAndReleasedAtRandomMomentsReportsAtMostOnce) {
+  const HangGuard guard("cancelling pipes");
+  SCOPED_TRACE(Seed());
+  Chance chance(Seed());
+  for (int round = 0; round < Rounds(1000); ++round) {
+    std::atomic<int> callbacks{0};
+    std::promise<void> reported;
+    const auto call_back = [&] {
+      if (++callbacks == 1) reported.set_value();
+    };
+    const auto pipe = std::make_shared<lum::MediaPipe>();
+    const uint32_t sources = 1 + chance.Below(3);
+    for (uint32_t i = 0; i < sources; ++i) {
+      pipe->AddSrc(std::make_shared<EagerSrc>(chance.Next()));
+    }
+    pipe->SetEndCallback(call_back);
+    pipe->SetCancelCallback(call_back);
+    pipe->SetErrorCallback([&call_back](int code) {
+      EXPECT_EQ(code, 7);
+      call_back();
+    });
+    ASSERT_TRUE(pipe->Prepare());
+
+    const bool wait_for_report = chance.Below(2) == 0;
+    std::vector<std::thread> cancellers;
+    pipe->Start();
+    for (int i = 0; i < 2; ++i) {
+      cancellers.emplace_back([&pipe, seed = chance.Next()] {
+        Chance(seed).Dawdle();
+        pipe->Cancel();
+      });
+    }
+    if (wait_for_report) {
+      reported.get_future().wait();  // a cancelled pipe always reports
+    } else {
+      chance.Dawdle();
+    }
+    pipe->Release();
+    for (std::thread& canceller : cancellers) canceller.join();
+    ASSERT_EQ(pipe->state(), lum::MediaPipe::kMediaPipeReleased);
+    ASSERT_LE(callbacks, 1);
+    if (wait_for_report) {
+      ASSERT_EQ(callbacks, 1);
+    }
+  }
+}
+
+// The runner's limit passes while the named step holds the pipe's thread or the source.
+struct LimitCase {
+  const char* name;
+  std::function<void(FakeMediaSrc&, const std::function<void()>& hold)> arrange;
+  int32_t result;
+};
+
+class RunnerLimit : public ::testing::TestWithParam<LimitCase> {};
+
+TEST_P(RunnerLimit, GivesOneResult) {
+  const HangGuard guard(GetParam().name);
+  constexpr int kPipes = 4;  // at once, in one process
+  std::vector<std::thread> runs;
+  for (int i = 0; i < kPipes; ++i) {
+    runs.emplace_back([] {
+      std::promise<void> never;
+      const auto past_the_limit = [limit = never.get_future().share()] {
+        limit.wait_for(std::chrono::milliseconds(1700));
+      };
+      const auto src = std::make_shared<FakeMediaSrc>();
+      GetParam().arrange(*src, past_the_limit);
+      const auto pipe = std::make_shared<lum::MediaPipe>();
+      pipe->AddSrc(src);
+      ASSERT_TRUE(pipe->Prepare());
+      EXPECT_EQ(lum::vela::RunPipe(pipe, 1, 1.0F, /*timeout_seconds=*/1), GetParam().result);
+      pipe->Release();
+      EXPECT_EQ(src->closes, 1);
+    });
+  }
+  for (std::thread& run : runs) run.join();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    PipeStress, RunnerLimit,
+    ::testing::Values(LimitCase{"DuringStart",
+                                [](FakeMediaSrc& src, const std::function<void()>& hold) {
+                                  src.on_start = hold;
+                                  src.on_interrupt = [&src] { src.BeCanceled(); };
+                                },
+                                1},
+                      LimitCase{"DuringReading",
+                                [](FakeMediaSrc& src, const std::function<void()>& /*hold*/) {
+                                  src.on_interrupt = [&src] { src.BeCanceled(); };
+                                },
+                                1},
+                      LimitCase{"WhileTheEndIsReported",
+                                [](FakeMediaSrc& src, const std::function<void()>& hold) {
+                                  src.on_start = [&src] { src.End(); };
+                                  src.on_close = hold;
+                                  src.on_interrupt = [&src] { src.BeCanceled(); };
+                                },
+                                0},
+                      LimitCase{"WhileTheCancellationIsReported",
+                                [](FakeMediaSrc& src, const std::function<void()>& hold) {
+                                  src.on_interrupt = [&src] { src.BeCanceled(); };
+                                  src.on_close = [&src, hold] {
+                                    hold();
+                                    src.End();
+                                  };
+                                },
+                                1}),
+    [](const auto& limit) { return std::string(limit.param.name); });
+
+}  // namespace
+}  // namespace motrace::testing
