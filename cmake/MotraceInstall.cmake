@@ -125,7 +125,7 @@ set(CPACK_DEBIAN_IMAGE_DEV_PACKAGE_DEPENDS
     "libqvxmedia-dev (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libopencv-core-dev, libopencv-imgproc-dev")
 set(CPACK_DEBIAN_IMAGE_DEV_DESCRIPTION
     "dense optical flow and raw Bayer kernels (development files)
-Two image libraries on OpenCV's core that stand beside the media pipeline: dense
+Image libraries on OpenCV's core that stand beside the media pipeline: dense
 inverse search optical flow, and repair, splitting and merging of raw Bayer
 mosaics.")
 
