@@ -4,28 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <new>
 
 #include "av_toolbox/codec_util.h"
 #include "camm_processed_filter.h"
+#include "failing_allocator.h"
 #include "support/camm_samples.h"
 #include "support/temp_dir.h"
-
-namespace {
-
-bool memory_is_out = false;
-constexpr std::size_t kSmall = 400;  // what goes on without notice
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  void* memory = memory_is_out && size >= kSmall ? nullptr : std::malloc(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
 
 namespace {
 
@@ -42,7 +27,7 @@ class OutOfMemoryTest : public ::testing::Test {
         Concat({GyroSample({}), AccelSample({}), ExposureSample(1, 2), GpsSample({})});
     packet_ = lum::NewAACPacket(payload.data(), static_cast<int>(payload.size()), 1, 0);
   }
-  ~OutOfMemoryTest() override { memory_is_out = false; }
+  void TearDown() override { memory_is_out = false; }
 
   TempDir directory_;
   std::shared_ptr<AVStream> stream_;
