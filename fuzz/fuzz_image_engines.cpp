@@ -64,7 +64,7 @@ class Source {
     const bool view = kind % 4 == 0;
     cv::Mat whole(rows + (view ? 3 : 0), cols + (view ? 5 : 0), type, cv::Scalar::all(0));
     cv::Mat image = view ? whole(cv::Rect(2, 1, cols, rows)) : whole;
-    for (int y = 0; y < rows; ++y) {
+    for (int y = 0; y < rows && cols > 0; ++y) {
       uint8_t* row = image.ptr(y);
       for (size_t x = 0; x < static_cast<size_t>(cols) * image.elemSize(); ++x) row[x] = Byte();
     }

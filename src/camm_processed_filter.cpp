@@ -1,8 +1,10 @@
 #include "camm_processed_filter.h"
 
 #include <boost/filesystem/path.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "av_toolbox/time_util.h"
@@ -97,6 +99,7 @@ bool CammProcessedFilter::OpenOutput(OutputFile& file, const char* name) {
 }
 
 void CammProcessedFilter::CloseOutput(OutputFile& file) {
+  if (out_of_memory_) file.Fail(ENOMEM);
   if (!file.Close()) problems_.push_back({file.path(), /*created=*/true, file.error()});
 }
 
@@ -116,22 +119,30 @@ bool CammProcessedFilter::Filter(lum::MediaInfo* info,
                                  const std::shared_ptr<lum::QVXPacket>& packet) {
   ++packet_count_;
   if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) ++corrupt_packet_count_;
+  try {
+    Decode(*packet, info->stream->time_base);
+  } catch (const std::bad_alloc&) {
+    out_of_memory_ = true;
+    throw;
+  }
+  return true;
+}
 
+void CammProcessedFilter::Decode(const lum::QVXPacket& packet, AVRational time_base) {
   // One record serves the whole packet: a GPS sample carries what motion and exposure samples
   // before it in the same packet have set.
-  const AVRational time_base = info->stream->time_base;
   GpsRecord record{};
-  record.pts_ms = lum::Rescale(packet->pts, time_base, lum::kMilliseconds);
-  record.dts_ms = packet->dts == packet->pts
+  record.pts_ms = lum::Rescale(packet.pts, time_base, lum::kMilliseconds);
+  record.dts_ms = packet.dts == packet.pts
                       ? record.pts_ms
-                      : lum::Rescale(packet->dts, time_base, lum::kMilliseconds);
+                      : lum::Rescale(packet.dts, time_base, lum::kMilliseconds);
 
-  const int size = packet->size;
+  const int size = packet.size;
   int pos = 0;
   // Samples of other types, and those whose payload is cut, are left behind by their header alone:
   // what follows it is read as headers again until one fits. A header needs all of its bytes.
   while (size - pos >= kHeaderSize) {
-    FieldReader fields(packet->data + pos);
+    FieldReader fields(packet.data + pos);
     fields.Next<uint16_t>();  // reserved
     const auto type = fields.Next<uint16_t>();
     pos += kHeaderSize;
@@ -171,7 +182,6 @@ bool CammProcessedFilter::Filter(lum::MediaInfo* info,
       pos += kGpsSize;
     }
   }
-  return true;
 }
 
 bool CammProcessedFilter::Close(lum::MediaInfo* /*info*/) {
@@ -183,8 +193,12 @@ bool CammProcessedFilter::Close(lum::MediaInfo* /*info*/) {
 
 void CammProcessedFilter::WriteGps() {
   if (!gps_file_.is_open()) return;
-  const std::string text = GpsJson(gps_);
-  gps_file_.Write(text.data(), text.size());
+  try {
+    const std::string text = GpsJson(gps_);
+    gps_file_.Write(text.data(), text.size());
+  } catch (const std::bad_alloc&) {
+    gps_file_.Fail(ENOMEM);  // the other files need no such text
+  }
   CloseOutput(gps_file_);
 }
 

@@ -23,7 +23,7 @@
 /// Threads: as `lum::MediaSource`; it has no lock of its own, and `Interrupt` does nothing.
 /// Ownership: shared by the driver and the file source.
 /// Errors: a file that cannot be created or written whole fails no call but `Open`; see `problems`.
-/// Running out of memory leaves `Filter` as an exception.
+/// Running out of memory leaves `Filter` as an exception; no file counts as whole then.
 class CammProcessedFilter : public lum::PacketConsumer {
  public:
   /// An output file that is missing or not whole.
@@ -66,6 +66,7 @@ class CammProcessedFilter : public lum::PacketConsumer {
     int32_t pixel_exposure_time;  // nanoseconds
   };
 
+  void Decode(const lum::QVXPacket& packet, AVRational time_base);
   [[nodiscard]] std::string PathOf(const char* name) const;
   bool OpenOutput(OutputFile& file, const char* name);
   void CloseOutput(OutputFile& file);
@@ -85,6 +86,7 @@ class CammProcessedFilter : public lum::PacketConsumer {
   std::deque<AccelerateRecord> accelerate_;
 
   std::vector<Problem> problems_;
+  bool out_of_memory_ = false;  // samples were lost
   int64_t packet_count_ = 0;
   int64_t corrupt_packet_count_ = 0;
 };

@@ -20,6 +20,12 @@ class OutputFile {
 
   void Write(const void* data, size_t size);
 
+  /// Marks the file as not whole: what should have been written could not be made.
+  /// @param error an `errno`; does not replace an earlier failure's.
+  void Fail(int error) {
+    if (error_ == 0) error_ = error;
+  }
+
   /// Writes what is buffered and closes the file.
   /// @return false when not every byte was written.
   bool Close();
