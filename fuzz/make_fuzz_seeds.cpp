@@ -140,6 +140,22 @@ void WriteContainerSeeds(const fs::path& directory) {
   }
 }
 
+// Bytes that the image engines' target draws its choices from: one input for each engine and form.
+void WriteImageSeeds(const fs::path& directory) {
+  fs::create_directories(directory);
+  for (std::uint8_t engine = 0; engine < 3; ++engine) {
+    for (std::uint8_t form = 0; form < 4; ++form) {
+      Bytes input{engine};
+      for (int i = 0; i < 600; ++i) {
+        input.push_back(
+            static_cast<std::uint8_t>(i < 24 ? 24 + form + 16 * (i % 3) : i * (form + 7)));
+      }
+      WriteFile(directory / ("engine_" + std::to_string(engine) + "_" + std::to_string(form)),
+                input);
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -150,6 +166,7 @@ int main(int argc, char** argv) {
   try {
     WriteDecoderSeeds(fs::path(argv[1]) / "camm_filter");
     WriteContainerSeeds(fs::path(argv[1]) / "extraction");
+    WriteImageSeeds(fs::path(argv[1]) / "image_engines");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_fuzz_seeds: %s\n", error.what());
     return 1;

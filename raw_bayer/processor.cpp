@@ -4,6 +4,7 @@
 // the shared rules in mosaic_rules.h.
 
 #include <algorithm>
+#include <atomic>
 #include <cfloat>
 #include <cmath>
 #include <cstddef>
@@ -57,16 +58,42 @@ int StripeStart(int first, int last, int index, int count) {
   return first + static_cast<int>(static_cast<std::int64_t>(last - first) * index / count);
 }
 
+/// Calls `work(i)` for every i below `count`, on the threads of cv::parallel_for_.
+///
+/// The two counters say in atomics what parallel_for_ guarantees anyway: work starts after the call
+/// and the call returns after all work. The thread library under it is not built for
+/// ThreadSanitizer, which would not see that order.
+template <typename Work>
+void Parallel(int count, const Work& work) {
+  class Body : public cv::ParallelLoopBody {
+   public:
+    explicit Body(const Work& each) : each_(each) { begun_.store(1, std::memory_order_release); }
+    void operator()(const cv::Range& range) const override {
+      (void)begun_.load(std::memory_order_acquire);
+      for (int i = range.start; i < range.end; ++i) {
+        each_(i);
+      }
+      ended_.fetch_add(1, std::memory_order_acq_rel);
+    }
+    void AwaitEnd() const { (void)ended_.load(std::memory_order_acquire); }
+
+   private:
+    const Work& each_;
+    std::atomic<int> begun_{0};
+    mutable std::atomic<int> ended_{0};
+  };
+  const Body body(work);
+  cv::parallel_for_(cv::Range(0, count), body, count);
+  body.AwaitEnd();
+}
+
 /// Calls `work(first_row, last_row)` for stripes of the rows 0 to `rows`.
 template <typename Work>
 void ForStripes(int rows, int width, const Work& work) {
   const int count = StripeCount(rows, width);
-  cv::parallel_for_(
-      cv::Range(0, count),
-      [&](const cv::Range& range) {
-        work(StripeStart(0, rows, range.start, count), StripeStart(0, rows, range.end, count));
-      },
-      count);
+  Parallel(count, [&](int i) {
+    work(StripeStart(0, rows, i, count), StripeStart(0, rows, i + 1, count));
+  });
 }
 
 #if LUM_RAW_SIMD
@@ -343,14 +370,7 @@ void Repair(const MutablePlane& image, float rate) {
     stripes.emplace_back(image, StripeStart(0, image.height, i, count),
                          StripeStart(0, image.height, i + 1, count));
   }
-  cv::parallel_for_(
-      cv::Range(0, count),
-      [&](const cv::Range& range) {
-        for (int i = range.start; i < range.end; ++i) {
-          stripes[static_cast<size_t>(i)].Run(rate);
-        }
-      },
-      count);
+  Parallel(count, [&](int i) { stripes[static_cast<size_t>(i)].Run(rate); });
 }
 
 #if LUM_RAW_SIMD

@@ -69,6 +69,11 @@ void CheckInputWhole(const std::string& input, const lum::FileMediaSrc& source,
     line << input << " ends early: " << filter.packet_count() << " of " << promised
          << " motion samples were there";
     lines.push_back(line.str());
+  } else if (const int64_t missing = source.demuxer()->MissingBytes(); missing > 0) {
+    std::ostringstream line;
+    line << input << " ends early: " << missing
+         << " bytes that its index names are missing, none of them motion samples";
+    lines.push_back(line.str());
   }
 }
 

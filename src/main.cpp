@@ -1,5 +1,8 @@
 // motrace source_path save_dir: extracts a video file's camera motion metadata.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <iostream>
 #include <memory>
@@ -16,6 +19,14 @@
 #include "utils/vela_util.h"
 
 namespace {
+
+// With a standard stream closed, the next file opened would take its number, and log text would end
+// up in an output file.
+void OccupyStandardDescriptors() {
+  int fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
+  if (fd >= 0) close(fd);
+}
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): it owns both for the length of the run
 bool ParseMotion(std::string source_path, std::string save_dir) {
@@ -43,6 +54,7 @@ bool ParseMotion(std::string source_path, std::string save_dir) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  OccupyStandardDescriptors();
   if (argc < 3) {
     LUM_LOG_AT(kError, lum::site::kUsage) << "usage: motrace source_path save_dir";
     return -1;

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <iostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,20 +20,25 @@ using ::motrace::testing::RecordLog;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// First in this file: set-up happens once in a process, so one test sees it from several threads.
-TEST(FFmpegInitTest, SetsUpOnceWhoeverCallsAndBridgesTheLog) {
-  const RecordLog log;
-  std::vector<std::thread> callers;
-  callers.reserve(4);
-  for (int i = 0; i < 4; ++i) callers.emplace_back(InitFFmpeg);
-  for (std::thread& caller : callers) caller.join();
-  InitFFmpeg();
-  EXPECT_THAT(log.Records(),
-              ElementsAre(LoggedRecord{"INFO", "av_toolbox/ffmpeg_util.cpp:22", "ffmpeg init"}));
+// Set-up happens once in a process, so this looks at it in a process of its own.
+TEST(FFmpegInitDeathTest, SetsUpOnceWhoeverCallsAndBridgesTheLog) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  const auto set_up_and_look = [] {
+    const RecordLog log;
+    std::vector<std::thread> callers;
+    callers.reserve(4);
+    for (int i = 0; i < 4; ++i) callers.emplace_back(InitFFmpeg);
+    for (std::thread& caller : callers) caller.join();
+    InitFFmpeg();
+    av_log(nullptr, AV_LOG_ERROR, "x\n");
+    for (const LoggedRecord& record : log.Records()) std::cerr << record << '\n';
+    std::_Exit(0);
+  };
+  EXPECT_EXIT(set_up_and_look(), ::testing::ExitedWithCode(0),
+              R"(^\[INFO\]\[av_toolbox/ffmpeg_util.cpp:22\]ffmpeg init
+\[ERROR\]\[av_toolbox/ffmpeg_util.cpp:14\]FFmpeg:x
 
-  av_log(nullptr, AV_LOG_ERROR, "x\n");
-  EXPECT_THAT(log.Records().back(),
-              (LoggedRecord{"ERROR", "av_toolbox/ffmpeg_util.cpp:14", "FFmpeg:x\n"}));
+$)");
 }
 
 TEST(FFmpegLogTest, PassesErrorsAndWorseAndDropsTheRest) {

@@ -847,15 +847,17 @@ TEST_F(FileMediaSrcTest, EveryInterruptIsReported) {
   EXPECT_EQ(run.WaitFor(2), kCancelledReport);
 }
 
-TEST_F(FileMediaSrcTest, AnInterruptBeforeTheStartIsNotReported) {
+TEST_F(FileMediaSrcTest, AnInterruptBeforeTheStartIsReportedWithIt) {
   SourceRun run(WriteCamera());
   ASSERT_TRUE(run.source->Prepare());
   run.source->Interrupt();
   EXPECT_THAT(run.journal.Entries(), Contains("data interrupt"));
   EXPECT_THAT(run.Reports(), IsEmpty()) << "there is no thread yet to report on";
   run.source->Start();
+  EXPECT_EQ(run.WaitFor(), kCancelledReport);
   run.Finish();
   EXPECT_THAT(run.data->packets, IsEmpty());
+  EXPECT_THAT(run.Reports(), SizeIs(1));
 }
 
 TEST_F(FileMediaSrcTest, AnInterruptWhileAConsumerOpensIsForgottenByNobody) {
@@ -866,7 +868,7 @@ TEST_F(FileMediaSrcTest, AnInterruptWhileAConsumerOpensIsForgottenByNobody) {
   };
   ASSERT_TRUE(run.source->Prepare());
   run.source->Start();
-  run.Finish();
+  EXPECT_EQ(run.WaitFor(), kCancelledReport);
   EXPECT_THAT(run.data->packets, IsEmpty());
 }
 

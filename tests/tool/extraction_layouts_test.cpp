@@ -244,6 +244,83 @@ INSTANTIATE_TEST_SUITE_P(
         FileCase{"AllAtOnce", AllAtOnce, {}}, FileCase{"MonthsApart", MonthsApart, {}}),
     CaseName);
 
+// ---- time stamps worked out by hand: relative to the first packet of any track, by decode time
+
+struct HandCase {
+  std::string name;
+  std::function<Tracks(const Mp4Track& motion)> tracks;
+  std::vector<Mp4Edit> motion_edits;
+  std::vector<std::int64_t> microseconds;
+};
+
+std::ostream& operator<<(std::ostream& out, const HandCase& hand_case) {
+  return out << hand_case.name;
+}
+
+class TimeByHandTest : public ::testing::TestWithParam<HandCase> {};
+
+TEST_P(TimeByHandTest, GyroDatHoldsTheTimeStamps) {
+  Mp4Track motion = Mp4Track::Camm(90000);
+  for (int i = 0; i < 2; ++i) motion.Add(Concat({GyroSample({}), AccelSample({})}), 90000);
+  motion.edits = GetParam().motion_edits;
+  const TempDir dir;
+  const TempDir out;
+  WriteMp4(dir / "video.mp4", GetParam().tracks(motion));
+  RunTool({(dir / "video.mp4").string(), out.path().string()});
+  const Bytes gyro = ReadFile(out / "gyro.dat");
+  std::vector<std::int64_t> times;
+  for (std::size_t at = 0; at + 56 <= gyro.size(); at += 56) {
+    std::int64_t time = 0;
+    for (std::size_t i = 8; i-- > 0;) time = time << 8 | gyro[at + i];
+    times.push_back(time);
+  }
+  EXPECT_EQ(times, GetParam().microseconds);
+}
+
+Mp4Track VideoWithoutBFrames() {
+  H264Options options;
+  options.b_frames = 0;
+  return ToMp4Track(EncodeH264(options), 90000);
+}
+
+const std::vector<Mp4Edit> kQuarterSecondLate{{250, -1, 1}, {2000, 0, 1}};
+
+INSTANTIATE_TEST_SUITE_P(
+    Starts, TimeByHandTest,
+    ::testing::Values(
+        HandCase{"MotionAlone", [](const auto& m) { return Tracks{m}; }, {}, {0, 1000000}},
+        // Two frames of B-frame delay at 30 Hz: -66.7 ms, rounded to -67.
+        HandCase{"BFrames",
+                 [](const auto& m) {
+                   return Tracks{VideoTrack(), m};
+                 },
+                 {},
+                 {67000, 1067000}},
+        // 1024 samples of priming at 48 kHz: -21.3 ms, rounded to -21.
+        HandCase{"AudioPriming",
+                 [](const auto& m) {
+                   return Tracks{m, AudioTrack()};
+                 },
+                 {},
+                 {0, 1000000}},
+        HandCase{"AudioPrimingFirstInTheFile",
+                 [](const auto& m) {
+                   return Tracks{AudioTrack(), m};
+                 },
+                 {},
+                 {21000, 1021000}},
+        HandCase{"LateMotionAlone",
+                 [](const auto& m) { return Tracks{m}; },
+                 kQuarterSecondLate,
+                 {0, 1000000}},
+        HandCase{"LateMotion",
+                 [](const auto& m) {
+                   return Tracks{VideoWithoutBFrames(), m};
+                 },
+                 kQuarterSecondLate,
+                 {250000, 1250000}}),
+    [](const auto& test) { return test.param.name; });
+
 // ---- edit lists
 
 /// An edit list on the motion track; movie time scale 1000, track time scale 90000, one second.

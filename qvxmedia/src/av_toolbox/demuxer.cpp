@@ -1,6 +1,7 @@
 #include "av_toolbox/demuxer.h"
 
-#include <atomic>
+#include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "av_toolbox/ffmpeg_util.h"
@@ -24,8 +25,8 @@ int64_t SeekInSource(void* source, int64_t offset, int whence) {
 // Empties a packet that nobody else holds, or makes a new one.
 void ReuseOrRenew(std::shared_ptr<QVXPacket>& packet) {
   if (packet.use_count() == 1) {
-    // Pairs with the release of whoever held it last, maybe on another thread.
-    std::atomic_thread_fence(std::memory_order_acquire);
+    // Counting up and down again orders us behind whoever held it last, maybe on another thread.
+    { const std::shared_ptr<QVXPacket> ordered = packet; }
     av_packet_unref(packet.get());
   } else {
     packet = NewPacket();
@@ -163,6 +164,16 @@ int Demuxer::Seek(int stream_index, int64_t timestamp, int flags) {
 
 void Demuxer::DiscardStream(unsigned index) {
   if (AVStream* stream = GetStream(index)) stream->discard = AVDISCARD_ALL;
+}
+
+int64_t Demuxer::MissingBytes() const {
+  if (format_ctx_ == nullptr || std::strstr(format_ctx_->iformat->name, "mp4") == nullptr) return 0;
+  const int64_t size = avio_size(format_ctx_->pb);
+  int64_t end = 0;
+  for (unsigned i = 0; i < format_ctx_->nb_streams; ++i) {
+    end = std::max(end, compat::LastIndexedByte(format_ctx_->streams[i]));
+  }
+  return size > 0 ? std::max<int64_t>(end - size, 0) : 0;
 }
 
 void Demuxer::Close() {

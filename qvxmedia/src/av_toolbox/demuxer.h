@@ -74,6 +74,11 @@ class Demuxer {
   /// input was probed may still arrive. Indices without a stream are ignored.
   void DiscardStream(unsigned index);
 
+  /// How many bytes the container's index names that lie behind the file's end: above 0, the file
+  /// was cut. 0 where the container has no such index (only MP4 and its kin do) or the size is
+  /// unknown.
+  [[nodiscard]] int64_t MissingBytes() const;
+
   /// Frees the input. Later calls do nothing.
   void Close();
 

@@ -65,6 +65,19 @@ inline int IndexEntryCount(const AVStream* stream) {
 #endif
 }
 
+/// Where the last sample that the container's index lists for a stream ends, in bytes of the file;
+/// 0 where there is no index. Both parts come from the file: the sum may wrap.
+inline int64_t LastIndexedByte(AVStream* stream) {
+  const int count = IndexEntryCount(stream);
+  if (count == 0) return 0;
+#if LIBAVFORMAT_VERSION_INT >= AV_VERSION_INT(58, 76, 100)
+  const AVIndexEntry* last = avformat_index_get_entry(stream, count - 1);
+#else
+  const AVIndexEntry* last = &stream->index_entries[count - 1];
+#endif
+  return static_cast<int64_t>(static_cast<uint64_t>(last->pos) + static_cast<uint64_t>(last->size));
+}
+
 }  // namespace lum::compat
 
 #endif  // QVXMEDIA_AV_TOOLBOX_FFMPEG_COMPAT_H_

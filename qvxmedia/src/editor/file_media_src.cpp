@@ -65,6 +65,7 @@ bool FileMediaSrc::Prepare() {
     return false;
   }
   stopping_ = false;
+  interrupted_early_ = false;
   finished_ = false;
   track(StreamKind::kVideo).stream = demuxer_->VideoStream();
   track(StreamKind::kAudio).stream = demuxer_->AudioStream();
@@ -115,6 +116,7 @@ void FileMediaSrc::Interrupt() {
   for (Track& t : tracks_) {
     if (t.active()) t.consumer->Interrupt(&t.info);
   }
+  if (dispatcher_ == nullptr) interrupted_early_ = true;
   PostToSelf(kSrcEventInterrupted);
 }
 
@@ -207,6 +209,8 @@ void FileMediaSrc::PerformStart() {
     PerformFailed();
     return;
   }
+  // There was no thread yet to report it on, and whoever waits for the end must hear of it.
+  if (interrupted_early_) Report(MediaSrcState::kCanceled, nullptr);
   if (ReadingIsOver()) return;
   length_ = 0;
   if (ranges_.empty()) {

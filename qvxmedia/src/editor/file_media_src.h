@@ -160,6 +160,7 @@ class FileMediaSrc : public MediaSrc,
   int open_result_ = 0;
   int read_result_ = 0;
   bool prepared_ = false;
+  bool interrupted_early_ = false;  // after Prepare, before Start
   std::array<Track, kKinds> tracks_;
   std::shared_ptr<AVStream> synthetic_audio_;
   std::shared_ptr<EventDispatcher> dispatcher_;
