@@ -51,8 +51,8 @@ Errors endpointErrors(const cv::Mat& flow, const Pair& pair) {
   Errors result;
   if (errors.empty()) return result;
   const auto quantile = [&](double part) {
-    const auto at = errors.begin() + static_cast<std::ptrdiff_t>(
-                                         part * static_cast<double>(errors.size() - 1));
+    const auto at =
+        errors.begin() + static_cast<std::ptrdiff_t>(part * static_cast<double>(errors.size() - 1));
     std::nth_element(errors.begin(), at, errors.end());
     return *at;
   };

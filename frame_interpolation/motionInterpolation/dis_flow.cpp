@@ -211,15 +211,13 @@ void DISOpticalFlowImpl::searchPatches(const kernels::SearchArgs& args) {
   // Propagation reaches as far as a stripe: a fixed number of them makes the result independent of
   // the threads. Without it patches do not depend on each other.
   const int stripes = use_spatial_propagation ? kPropagationStripes : getNumThreads();
-  parallelStripes(hs, stripes, [&](int begin, int end) {
-    kernels::activeKernels().search(args, begin, end);
-  });
+  parallelStripes(hs, stripes,
+                  [&](int begin, int end) { kernels::activeKernels().search(args, begin, end); });
 }
 
 void DISOpticalFlowImpl::densify(const kernels::SearchArgs& args) {
-  parallelStripes(h, getNumThreads(), [&](int begin, int end) {
-    kernels::activeKernels().densify(args, begin, end);
-  });
+  parallelStripes(h, getNumThreads(),
+                  [&](int begin, int end) { kernels::activeKernels().densify(args, begin, end); });
 }
 
 void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flow) {
@@ -238,9 +236,8 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
       !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
   const Mat initial_flow = use_initial_flow ? flow.getMat() : Mat();
 
-  coarsest_scale = static_cast<int>(std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0) +
-                                    0.5) -
-                   1;
+  coarsest_scale =
+      static_cast<int>(std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0) + 0.5) - 1;
   // The formula looks at the width only: levels that the height does not reach have no pixels, and
   // an image narrower than two patches still has its full resolution.
   coarsest_scale = std::max(coarsest_scale, 0);

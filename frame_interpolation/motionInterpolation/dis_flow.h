@@ -13,8 +13,8 @@ struct SearchArgs;
 }
 
 /// Dense optical flow by inverse search: a coarse-to-fine pyramid in which a grid of square patches
-/// is matched by inverse-compositional gradient descent, the patches' displacements are blended into
-/// a flow per pixel, and that flow is refined variationally.
+/// is matched by inverse-compositional gradient descent, the patches' displacements are blended
+/// into a flow per pixel, and that flow is refined variationally.
 ///
 /// Algorithm: Kroeger, Timofte, Dai, Van Gool, "Fast Optical Flow using Dense Inverse Search",
 /// ECCV 2016.
@@ -147,9 +147,9 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
   // finest scale.
   Mat Sx, Sy;
   Mat I0xx_buf, I0yy_buf, I0xy_buf, I0x_buf, I0y_buf;
-  Mat weight_sums;   // per pixel of the current scale
-  Mat column_sums;   // scratch of the structure tensor
-  Mat merged_flow;   // two channels, finest scale
+  Mat weight_sums;    // per pixel of the current scale
+  Mat column_sums;    // scratch of the structure tensor
+  Mat merged_flow;    // two channels, finest scale
   Mat split_flow[2];  // components of the initial flow, full resolution
 
   std::vector<Ptr<VariationalRefinement>> variational_refinement;

@@ -45,11 +45,12 @@ struct SearchArgs {
   bool mean_normalization, spatial_propagation;
 };
 
-/// Planes that are split into red (x + y even) and black pixels. Pixel (x, y) of colour c is element
-/// k of row y with x = 2k + ((y + c) & 1), so that each colour is contiguous and a vector holds
-/// pixels of one colour only.
+/// Planes that are split into red (x + y even) and black pixels. Pixel (x, y) of colour c is
+/// element k of row y with x = 2k + ((y + c) & 1), so that each colour is contiguous and a vector
+/// holds pixels of one colour only.
 struct ColourPlane {
-  float* row0[2];  // element 0 of row 0, per colour; rows -1 and h and kPad elements on each side exist
+  float* row0[2];  // element 0 of row 0, per colour; rows -1 and h and kPad elements on each side
+                   // exist
 };
 
 constexpr int kPad = 16;  // floats before and at least as many behind each row
@@ -71,19 +72,19 @@ struct RefineArgs {
   float* second;
   float* mean;
   float* diff;
-  float* inside;   // 1 where the warp stays in the image
-  float* mean_x;   // holds u until the warp is done
-  float* mean_y;   // holds v until the warp is done
+  float* inside;  // 1 where the warp stays in the image
+  float* mean_x;  // holds u until the warp is done
+  float* mean_y;  // holds v until the warp is done
 
   ColourPlane flow_u, flow_v;
   // Residuals r_i = c_i + a_i u + b_i v of the three linearised constancy terms.
   ColourPlane a[3], b[3], c[3];
-  ColourPlane robust;               // derivative of the smoothness penaliser
-  ColourPlane m11, m12, m22;        // inverse of each pixel's 2 x 2 system
-  ColourPlane b1, b2;               // right-hand side without neighbours
-  ColourPlane right, down;          // smoothness weights of the edges to x + 1 and y + 1
+  ColourPlane robust;         // derivative of the smoothness penaliser
+  ColourPlane m11, m12, m22;  // inverse of each pixel's 2 x 2 system
+  ColourPlane b1, b2;         // right-hand side without neighbours
+  ColourPlane right, down;    // smoothness weights of the edges to x + 1 and y + 1
 
-  const float* has_left[2];   // 1 or 0 per element of a row, by the row's first x
+  const float* has_left[2];  // 1 or 0 per element of a row, by the row's first x
   const float* has_right[2];
 
   float alpha, delta, gamma, omega;
@@ -93,8 +94,8 @@ struct RefineArgs {
 struct SweepBand {
   float* u[2];  // element 0 of image row 0, per colour; may point into a private copy
   float* v[2];
-  int begin, end;        // rows this band owns
-  int first, last;       // rows present: the owned ones and a halo
+  int begin, end;   // rows this band owns
+  int first, last;  // rows present: the owned ones and a halo
   int half_sweeps;
 };
 

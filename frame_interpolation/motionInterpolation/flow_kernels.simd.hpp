@@ -131,6 +131,7 @@ class PatchMatcher {
         v_store(out_x + i, loadFloats(gx + i));
         v_store(out_y + i, loadFloats(gy + i));
       }
+      if (kSize > 0 && kSize % kLanes == 0) continue;
       for (; i < size; ++i) {
         out[i] = i0[i];
         out_x[i] = gx[i];
@@ -205,6 +206,7 @@ class PatchMatcher {
       }
     }
     reduceSums(sum, squares, along_x, along_y, sums);
+    if (kSize > 0 && kSize % kLanes == 0) return;
     for (; i < size; ++i) {
       const std::uint8_t* p = source + i;
       float above = lerp(p[0], p[1], dx);
@@ -336,12 +338,10 @@ void search(const SearchArgs& args, int begin, int end) {
 
 // ---------------------------------------------------------------- densification
 
-/// The patch row or column whose patch lies nearest to coordinate `x`; the lower one of two.
+/// The patch row or column whose centre lies nearest to coordinate `x`; the lower one of two.
 inline int nearestPatch(int x, int count, int size, int stride) {
-  const int before = minOf(x / stride, count - 1);  // the last that begins at or before x
-  const int gap_before = x - (before * stride + size - 1);
-  if (before + 1 == count || gap_before <= 0) return before;
-  return gap_before <= (before + 1) * stride - x ? before : before + 1;
+  const int beyond = 2 * x - (size - 1) - stride;  // twice the way past the first two's middle
+  return beyond <= 0 ? 0 : minOf((beyond + 2 * stride - 1) / (2 * stride), count - 1);
 }
 
 /// Weights of a patch row of differences to the first image, added to the row's sums.
@@ -494,6 +494,10 @@ void densify(const SearchArgs& args, int begin, int end) {
 
 constexpr float kEpsilonSquared = 0.001F * 0.001F;
 constexpr float kZetaSquared = 0.01F;
+/// A constancy term whose own solution lies farther away, in pixels, is left out: the images are
+/// not linear over such a distance, so the term says nothing there. Occluded and mismatched areas
+/// would otherwise be thrown far off by their few flat pixels.
+constexpr float kLinearRange = 1.5F;
 /// Pull of each pixel's system towards the current flow: it keeps a pixel without data and
 /// smoothness solvable, and is too weak to be seen elsewhere.
 constexpr float kProximal = 1e-6F;
@@ -577,7 +581,8 @@ void warpRows(const RefineArgs& args, int begin, int end) {
     for (int x = 0; x < args.w; ++x) mean[x] = i0[x];  // padded copy: vectors may run past the row
     const v_float32 vy = vx_setall_f32(static_cast<float>(y));
     for (int x = 0; x < args.w; x += kLanes) {
-      const v_float32 px = vx_setall_f32(static_cast<float>(x)) + lane + vx_load(args.mean_x + offset + x);
+      const v_float32 px =
+          vx_setall_f32(static_cast<float>(x)) + lane + vx_load(args.mean_x + offset + x);
       const v_float32 py = vy + vx_load(args.mean_y + offset + x);
       const v_float32 within = (px >= zero) & (px <= high_x) & (py >= zero) & (py <= high_y);
       // Selected, not v_max: what is not a number must become an index too.
@@ -606,7 +611,8 @@ void warpRows(const RefineArgs& args, int begin, int end) {
   }
 }
 
-/// (-1, 8, 0, -8, 1) / 12, the fourth-order central difference, from the two neighbours on each side.
+/// (-1, 8, 0, -8, 1) / 12, the fourth-order central difference, from the two neighbours on each
+/// side.
 inline v_float32 derivative(const v_float32& m2, const v_float32& m1, const v_float32& p1,
                             const v_float32& p2) {
   return v_fma(p1 - m1, vx_setall_f32(8.0F / 12.0F), (m2 - p2) * vx_setall_f32(1.0F / 12.0F));
@@ -677,6 +683,14 @@ inline DataVectors dataVectors(const RefineArgs& args, const RowsAround& rows_x,
   out.a[2] = scale[2] * ixy;
   out.b[2] = scale[2] * iyy;
   out.c[2] = scale[2] * rows_diff.derivativeY(x);
+  // Each c is now the distance, in pixels, to the motion that the term alone asks for.
+  const v_float32 one = vx_setall_f32(1.0F);
+  for (int i = 0; i < 3; ++i) {
+    const v_float32 near = (v_abs(out.c[i]) <= vx_setall_f32(kLinearRange)) & one;
+    out.a[i] *= near;
+    out.b[i] *= near;
+    out.c[i] *= near;
+  }
   return out;
 }
 
@@ -740,10 +754,10 @@ void smoothnessRows(const RefineArgs& args, int begin, int end) {
           return v_fma(du, du, dv * dv);
         };
         const std::ptrdiff_t row = args.colour_stride;
-        v_float32 sum = vx_load(args.has_left[odd] + k) *
-                        square(other_u + k - 1 + odd, other_v + k - 1 + odd);
-        sum = v_fma(vx_load(args.has_right[odd] + k),
-                    square(other_u + k + odd, other_v + k + odd), sum);
+        v_float32 sum =
+            vx_load(args.has_left[odd] + k) * square(other_u + k - 1 + odd, other_v + k - 1 + odd);
+        sum = v_fma(vx_load(args.has_right[odd] + k), square(other_u + k + odd, other_v + k + odd),
+                    sum);
         sum = v_fma(has_up, square(other_u + k - row, other_v + k - row), sum);
         sum = v_fma(has_down, square(other_u + k + row, other_v + k + row), sum);
         v_store(out + k, inverseRoot(v_fma(half, sum, epsilon)));
@@ -768,8 +782,8 @@ void systemRows(const RefineArgs& args, int begin, int end) {
       const float* other = rowOf(args.robust, args, 1 - colour, y);
       for (int k = 0; k < colourCount(args); k += kLanes) {
         const v_float32 robust = vx_load(own + k);
-        const v_float32 left = vx_load(args.has_left[odd] + k) * half_alpha *
-                               (robust + vx_load(other + k - 1 + odd));
+        const v_float32 left =
+            vx_load(args.has_left[odd] + k) * half_alpha * (robust + vx_load(other + k - 1 + odd));
         const v_float32 right =
             vx_load(args.has_right[odd] + k) * half_alpha * (robust + vx_load(other + k + odd));
         const v_float32 up =
@@ -793,8 +807,8 @@ void systemRows(const RefineArgs& args, int begin, int end) {
         const v_float32 colour_weight =
             delta * inverseRoot(v_fma(residual[0], residual[0], epsilon));
         const v_float32 gradient_weight =
-            gamma * inverseRoot(v_fma(residual[1], residual[1],
-                                      v_fma(residual[2], residual[2], epsilon)));
+            gamma *
+            inverseRoot(v_fma(residual[1], residual[1], v_fma(residual[2], residual[2], epsilon)));
         v_float32 a11 = zero;
         v_float32 a12 = zero;
         v_float32 a22 = zero;
@@ -887,8 +901,8 @@ void sweep(const RefineArgs& args, const SweepBand& band) {
 }  // namespace
 
 extern const Kernels LUM_KERNELS;
-const Kernels LUM_KERNELS = {LUM_KERNELS_NAME, structureTensor, search,         densify,
-                             importRows,       warpRows,        firstDerivatives, dataTerms,
-                             smoothnessRows,   systemRows,      sweep,          exportRows};
+const Kernels LUM_KERNELS = {
+    LUM_KERNELS_NAME, structureTensor, search,         densify,    importRows, warpRows,
+    firstDerivatives, dataTerms,       smoothnessRows, systemRows, sweep,      exportRows};
 
 }  // namespace cv::optflow::lum::kernels

@@ -9,8 +9,8 @@ namespace cv::optflow::lum {
 namespace {
 
 using kernels::ColourPlane;
-using kernels::kPad;
 using kernels::Kernels;
+using kernels::kPad;
 using kernels::RefineArgs;
 using kernels::SweepBand;
 
@@ -95,9 +95,9 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
   const int h = size.height;
   const int halo = 2 * sweeps_;
   const double pixels = static_cast<double>(size.width) * h;
-  const int bands = std::max(1, std::min({getNumThreads(), h / (2 * halo),
-                                          static_cast<int>(std::min(
-                                              pixels / kMinPixelsPerBand, 1024.0))}));
+  const int bands =
+      std::max(1, std::min({getNumThreads(), h / (2 * halo),
+                            static_cast<int>(std::min(pixels / kMinPixelsPerBand, 1024.0))}));
   allocate(size, bands);
 
   RefineArgs args{};
@@ -122,9 +122,9 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
   CV_DbgAssert(next_natural == kNaturalPlanes);
   int next_colour = 0;
   for (ColourPlane* plane :
-       {&args.flow_u, &args.flow_v, &args.a[0],  &args.a[1],   &args.a[2], &args.b[0], &args.b[1],
-        &args.b[2],   &args.c[0],   &args.c[1],  &args.c[2],   &args.robust, &args.m11, &args.m12,
-        &args.m22,    &args.b1,     &args.b2,    &args.right,  &args.down}) {
+       {&args.flow_u, &args.flow_v, &args.a[0], &args.a[1], &args.a[2], &args.b[0], &args.b[1],
+        &args.b[2], &args.c[0], &args.c[1], &args.c[2], &args.robust, &args.m11, &args.m12,
+        &args.m22, &args.b1, &args.b2, &args.right, &args.down}) {
     for (float*& row0 : plane->row0) {
       row0 = colours_.ptr<float>(next_colour++ * (h + 2) + 1) + kPad;
     }

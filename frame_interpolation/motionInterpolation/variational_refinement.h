@@ -7,10 +7,10 @@ namespace cv::optflow::lum {
 /// Refines a dense flow by minimising a robust variational energy.
 ///
 /// Energy: the sum over all pixels of delta Psi(E_I) + gamma Psi(E_G) + alpha Psi(E_S), where E_I
-/// and E_G are the linearised colour and gradient constancy errors, normalised by the gradients they
-/// contain, E_S = |grad u|^2 + |grad v|^2, and Psi(s^2) = sqrt(s^2 + 0.001^2). The second image is
-/// warped once by the incoming flow. Outer iterations recompute the robust weights; inside each,
-/// red-black successive over-relaxation solves the linear system.
+/// and E_G are the linearised colour and gradient constancy errors, normalised by the gradients
+/// they contain, E_S = |grad u|^2 + |grad v|^2, and Psi(s^2) = sqrt(s^2 + 0.001^2). The second
+/// image is warped once by the incoming flow. Outer iterations recompute the robust weights; inside
+/// each, red-black successive over-relaxation solves the linear system.
 ///
 /// Algorithm: Brox, Bruhn, Papenberg, Weickert, "High Accuracy Optical Flow Estimation Based on a
 /// Theory for Warping", ECCV 2004; data terms normalised as in Zimmer, Bruhn, Weickert, "Optic Flow
@@ -52,8 +52,8 @@ class VariationalRefinement {
   /// @param i0, i1  images, `CV_8UC1`, of one size.
   /// @param u, v    in and out: the flow from `i0` to `i1`, in pixels, `CV_32FC1`, of that size;
   ///                must not share memory.
-  /// Raises `cv::Exception` for other types and sizes and for a parameter out of its range; the flow
-  /// is then unchanged.
+  /// Raises `cv::Exception` for other types and sizes and for a parameter out of its range; the
+  /// flow is then unchanged.
   void refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v);
 
   /// Releases the working buffers; a later `refine` allocates them anew.
