@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 #include <functional>
 #include <opencv2/imgproc.hpp>
@@ -48,15 +49,28 @@ Images scaledTo(const Images& images, cv::Size size) {
   return scaled;
 }
 
+/// Processor time of this thread, in milliseconds: for stages on one thread it leaves out what
+/// other programs take meanwhile.
+double threadMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) * 1e-6;
+}
+
+double wallMilliseconds() {
+  return std::chrono::duration<double, std::milli>(Clock::now().time_since_epoch()).count();
+}
+
 /// Medians in milliseconds of functions that are run in turns, so that a slow moment of the machine
 /// meets all of them.
-std::vector<double> medians(const std::vector<std::function<void()>>& functions, int rounds) {
+std::vector<double> medians(const std::vector<std::function<void()>>& functions, int rounds,
+                            double (*milliseconds)()) {
   std::vector<std::vector<double>> times(functions.size());
   for (int round = 0; round < rounds; ++round) {
     for (std::size_t i = 0; i < functions.size(); ++i) {
-      const Clock::time_point start = Clock::now();
+      const double start = milliseconds();
       functions[i]();
-      times[i].push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+      times[i].push_back(milliseconds() - start);
     }
   }
   std::vector<double> result;
@@ -192,7 +206,7 @@ void compareStages(const Images& full, int rounds) {
     };
     const double dense_difference = meanDifference(merged(scale.u, scale.v), dense);
     const double refined_difference = meanDifference(merged(ru, rv), refined);
-    const std::vector<double> ms = medians(functions, rounds);
+    const std::vector<double> ms = medians(functions, rounds, threadMilliseconds);
     std::printf(
         "%4d x %-4d %-9s search %7.2f -> %6.3f ms (%.1fx)  densify %6.2f -> %6.3f ms (%.1fx)"
         "  both %.1fx  refine %7.2f -> %6.3f ms (%.1fx)  mean differences %.1e, %.1e px\n",
@@ -216,7 +230,7 @@ void compareThreads(const Images& images, int rounds) {
   };
   const std::vector<std::function<void()>> functions = {run(1, 5), run(2, 5), run(1, 0), run(2, 0)};
   for (const auto& function : functions) function();
-  const std::vector<double> ms = medians(functions, rounds);
+  const std::vector<double> ms = medians(functions, rounds, wallMilliseconds);
   const double megapixels = double(images.i0.total()) * 1e-6;
   std::printf(
       "%4d x %-4d defaults: 1 thread %8.2f ms (%.2f ms per megapixel), 2 threads %8.2f ms "

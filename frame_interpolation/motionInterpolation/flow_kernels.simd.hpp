@@ -183,29 +183,37 @@ class PatchMatcher {
     const int size = patchSize();
     const v_float32 vdx = vx_setall_f32(dx);
     const v_float32 vdy = vx_setall_f32(dy);
-    v_float32 sum = vx_setzero_f32();
-    v_float32 squares = vx_setzero_f32();
-    v_float32 along_x = vx_setzero_f32();
-    v_float32 along_y = vx_setzero_f32();
+    // Two sets of sums, for even and odd rows: one alone would make each row wait for the last.
+    v_float32 sum[2] = {vx_setzero_f32(), vx_setzero_f32()};
+    v_float32 squares[2] = {vx_setzero_f32(), vx_setzero_f32()};
+    v_float32 along_x[2] = {vx_setzero_f32(), vx_setzero_f32()};
+    v_float32 along_y[2] = {vx_setzero_f32(), vx_setzero_f32()};
     int i = 0;
     for (; i <= size - kLanes; i += kLanes) {
       const std::uint8_t* p = source + i;
       v_float32 above = lerp(loadFloats(p), loadFloats(p + 1), vdx);
-      for (int row = 0; row < size; ++row) {
+      const auto addRow = [&](int row, int set) {
         p += args_.i1_ext_stride;
         const v_float32 below = lerp(loadFloats(p), loadFloats(p + 1), vdx);
         const int at = row * size + i;
         const v_float32 d = lerp(above, below, vdy) - vx_load(pixels_ + at);
-        sum += d;
-        squares = v_fma(d, d, squares);
+        sum[set] += d;
+        squares[set] = v_fma(d, d, squares[set]);
         if (kGradient) {
-          along_x = v_fma(d, vx_load(gradient_x_ + at), along_x);
-          along_y = v_fma(d, vx_load(gradient_y_ + at), along_y);
+          along_x[set] = v_fma(d, vx_load(gradient_x_ + at), along_x[set]);
+          along_y[set] = v_fma(d, vx_load(gradient_y_ + at), along_y[set]);
         }
         above = below;
+      };
+      int row = 0;
+      for (; row + 1 < size; row += 2) {
+        addRow(row, 0);
+        addRow(row + 1, 1);
       }
+      if (row < size) addRow(row, 0);
     }
-    reduceSums(sum, squares, along_x, along_y, sums);
+    reduceSums(sum[0] + sum[1], squares[0] + squares[1], along_x[0] + along_x[1],
+               along_y[0] + along_y[1], sums);
     if (kSize > 0 && kSize % kLanes == 0) return;
     for (; i < size; ++i) {
       const std::uint8_t* p = source + i;
