@@ -60,6 +60,7 @@ function(motrace_add_library target)
     install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace} FILE qvxmedia-${arg_EXPORT}.cmake
             DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia COMPONENT ${component})
     set_property(GLOBAL APPEND PROPERTY MOTRACE_IMAGE_EXPORTS ${arg_EXPORT})
+    set_property(GLOBAL APPEND PROPERTY MOTRACE_IMAGE_TARGETS ${arg_ALIAS})
   endif()
   install(TARGETS ${target} EXPORT ${arg_EXPORT}
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component})

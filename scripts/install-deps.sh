@@ -15,7 +15,7 @@ case "${1:-all}" in
     packages+=(
       libopencv-core-dev libopencv-imgproc-dev ocl-icd-opencl-dev pocl-opencl-icd
       libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-      python3 python3-numpy man-db
+      python3 python3-numpy man-db file
     )
     ;;
   *)

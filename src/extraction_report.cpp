@@ -46,35 +46,34 @@ void CheckStream(const std::string& input, const lum::Demuxer& demuxer,
 }
 
 void CheckInputWhole(const std::string& input, const lum::FileMediaSrc& source,
-                     const CammProcessedFilter& filter, bool ended,
+                     const CammProcessedFilter& filter, int32_t result,
                      std::vector<std::string>& lines) {
-  const bool failed = source.read_result() != 0;
-  if (failed) {
-    std::ostringstream line;
+  constexpr int32_t kEnded = 0;
+  constexpr int32_t kCanceled = 1;
+  std::ostringstream line;
+  if (source.read_result() != 0) {
     line << "reading " << input << " failed after " << filter.packet_count()
-         << " motion samples: " << lum::FFmpegErrorString(source.read_result());
-    lines.push_back(line.str());
+         << " motion packets: " << lum::FFmpegErrorString(source.read_result()) << '\n';
+  } else if (result != kEnded && result != kCanceled) {
+    line << "the extraction of " << input << " stopped after " << filter.packet_count()
+         << " motion packets; the log has the reason\n";
   }
   if (filter.corrupt_packet_count() > 0) {
-    std::ostringstream line;
     line << input << " is damaged or ends early: " << filter.corrupt_packet_count()
-         << " motion samples are cut or corrupt";
-    lines.push_back(line.str());
+         << " motion packets are cut or corrupt\n";
   }
   const AVStream* stream = source.demuxer()->DataStream();
-  if (stream == nullptr || !(ended || failed)) return;
-  const int64_t promised = lum::compat::IndexEntryCount(stream);
-  if (filter.packet_count() < promised) {
-    std::ostringstream line;
+  const int64_t promised = stream != nullptr ? lum::compat::IndexEntryCount(stream) : 0;
+  const bool read_through = source.read_result() != 0 || result == kEnded;
+  if (read_through && filter.packet_count() < promised) {
     line << input << " ends early: " << filter.packet_count() << " of " << promised
-         << " motion samples were there";
-    lines.push_back(line.str());
+         << " motion packets were there\n";
   } else if (const int64_t missing = source.demuxer()->MissingBytes(); missing > 0) {
-    std::ostringstream line;
     line << input << " ends early: " << missing
-         << " bytes that its index names are missing, none of them motion samples";
-    lines.push_back(line.str());
+         << " bytes that its index names are missing, none of them motion packets\n";
   }
+  std::istringstream all(line.str());
+  for (std::string one; std::getline(all, one);) lines.push_back(one);
 }
 
 void CheckOutputs(const CammProcessedFilter& filter, std::vector<std::string>& lines) {
@@ -95,7 +94,7 @@ void CheckOutputs(const CammProcessedFilter& filter, std::vector<std::string>& l
 
 std::vector<std::string> ExtractionProblems(const std::string& source_path,
                                             const lum::FileMediaSrc& source,
-                                            const CammProcessedFilter& filter, bool ended) {
+                                            const CammProcessedFilter& filter, int32_t result) {
   const std::string input = Quoted(source_path);
   if (source.open_result() != 0) {
     return {"cannot open " + input + ": " + lum::FFmpegErrorString(source.open_result())};
@@ -103,7 +102,7 @@ std::vector<std::string> ExtractionProblems(const std::string& source_path,
   std::vector<std::string> lines;
   if (source.demuxer() != nullptr) {
     CheckStream(input, *source.demuxer(), lines);
-    CheckInputWhole(input, source, filter, ended, lines);
+    if (source.prepared()) CheckInputWhole(input, source, filter, result, lines);
   }
   CheckOutputs(filter, lines);
   return lines;

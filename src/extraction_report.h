@@ -13,9 +13,9 @@
 /// Empty when all went well.
 ///
 /// Owner's thread, after the run and before the source is stopped.
-/// @param ended the run reached its end.
+/// @param result what the run returned: 0 when it reached its end, 1 when it was cancelled.
 std::vector<std::string> ExtractionProblems(const std::string& source_path,
                                             const lum::FileMediaSrc& source,
-                                            const CammProcessedFilter& filter, bool ended);
+                                            const CammProcessedFilter& filter, int32_t result);
 
 #endif  // MOTRACE_EXTRACTION_REPORT_H_

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -39,15 +40,18 @@ bool ParseMotion(std::string source_path, std::string save_dir) {
   pipe->Prepare();  // a source that failed to prepare reports it when it is started
   std::cout << "Start to parse motion metadata..." << std::endl;
 
+  // Also when something throws: a pipe that was started must not go unreleased.
+  const auto release = [](lum::MediaPipe* p) { p->Release(); };
+  const std::unique_ptr<lum::MediaPipe, decltype(release)> released_at_the_end(pipe.get(), release);
+
   int32_t result = 0;
   {
     const ProgressLine progress([&source] { return source->Progress(); });
     result = lum::vela::RunPipe(pipe, 1, 1.0F, -1);
   }
-  for (const std::string& line : ExtractionProblems(source_path, *source, *filter, result == 0)) {
+  for (const std::string& line : ExtractionProblems(source_path, *source, *filter, result)) {
     std::cerr << "motrace: " << line << '\n';
   }
-  pipe->Release();
   return result == 0;
 }
 
@@ -63,6 +67,10 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   TuneAllocatorForPackets();
-  ParseMotion(argv[1], argv[2]);
+  try {
+    ParseMotion(argv[1], argv[2]);
+  } catch (const std::exception& e) {  // out of memory or of threads
+    std::cerr << "motrace: the extraction of '" << argv[1] << "' failed: " << e.what() << '\n';
+  }
   return 0;
 }

@@ -30,6 +30,7 @@ touch "$root"/var/lib/dpkg/{status,available}
 in_root=(dpkg --root="$root" --force-depends --force-not-root --force-bad-path)
 "${in_root[@]}" --log=/dev/null --install "$packages"/*.deb >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }
 "$here/run_tool.sh" "$root/usr/bin/motrace" "$sample" "$work/out_deb"
-"${in_root[@]}" --log=/dev/null --purge motrace libqvxmedia-dev >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }
+mapfile -t names < <(for package in "$packages"/*.deb; do dpkg-deb --field "$package" Package; done)
+"${in_root[@]}" --log=/dev/null --purge "${names[@]}" >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }
 left=$(find "$root" -path "$root/var/lib/dpkg" -prune -o -type f -print)
 [ -z "$left" ] || { echo "left behind: $left"; exit 1; }

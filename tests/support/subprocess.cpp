@@ -132,6 +132,12 @@ ProcessResult RunProcess(const std::vector<std::string>& arguments, const Proces
       std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the limit fails instead of killing
       ready = ready && setrlimit(RLIMIT_FSIZE, &limit) == 0;
     }
+    const auto limit_to = [&ready](auto resource, std::uint64_t value) {
+      const rlimit limit{value, value};
+      if (value > 0) ready = ready && setrlimit(resource, &limit) == 0;
+    };
+    limit_to(RLIMIT_AS, options.address_space_limit);
+    limit_to(RLIMIT_NOFILE, options.descriptor_limit);
     if (ready) execve(argv[0], argv.data(), envp.data());
     const int error = errno;
     [[maybe_unused]] const ssize_t written = write(exec_error.childs.get(), &error, sizeof error);

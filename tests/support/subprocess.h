@@ -30,6 +30,10 @@ struct ProcessOptions {
   std::function<void(const std::string&)> on_stderr;
   /// Soft limit of the size of a written file in bytes (RLIMIT_FSIZE); 0 = none.
   std::uint64_t file_size_limit = 0;
+  /// Limit of the address space in bytes (RLIMIT_AS); 0 = none.
+  std::uint64_t address_space_limit = 0;
+  /// Limit of open descriptors (RLIMIT_NOFILE); 0 = none.
+  std::uint64_t descriptor_limit = 0;
 };
 
 /// Runs a program to its end and returns all it printed. arguments[0] is the program's path.

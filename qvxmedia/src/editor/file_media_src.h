@@ -88,6 +88,8 @@ class FileMediaSrc : public MediaSrc,
   [[nodiscard]] const Demuxer* demuxer() const { return demuxer_.get(); }
   /// FFmpeg's result of opening the input: 0, or a negative error.
   [[nodiscard]] int open_result() const { return open_result_; }
+  /// Whether the last `Prepare` succeeded.
+  [[nodiscard]] bool prepared() const { return prepared_; }
   /// FFmpeg's error that ended the reading; 0 when there was none. When `demuxer` may be used.
   [[nodiscard]] int read_result() const { return read_result_; }
 

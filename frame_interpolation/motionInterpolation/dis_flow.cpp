@@ -1,0 +1,296 @@
+#include "dis_flow.h"
+
+#include <algorithm>
+#include <cmath>
+#include <opencv2/imgproc.hpp>
+
+#include "flow_kernels.h"
+
+namespace cv::optflow::lum {
+namespace {
+
+constexpr int kScales = 10;
+constexpr int kPropagationStripes = 8;
+
+/// Callers match on where a check is: the reported place is part of the interface.
+void require(bool condition, const char* text, int line) {
+  if (condition) return;
+  cv::error(Error::StsAssert, text, "cv::optflow::lum::DISOpticalFlowImpl::calc",
+            "frame_interpolation/motionInterpolation/dis_flow.cpp", line);
+}
+
+Size sizeAt(Size full, int scale) { return {full.width >> scale, full.height >> scale}; }
+
+int gridSide(int side, int patch_size, int stride) {
+  return side < patch_size ? 0 : 1 + (side - patch_size) / stride;
+}
+
+/// Splits `count` rows into stripes of equal height, the last ones less or none.
+template <typename Body>
+void parallelStripes(int count, int stripes, const Body& body) {
+  const int rows = stripes > 0 ? (count + stripes - 1) / stripes : count;
+  if (stripes <= 1) {
+    body(0, count);
+    return;
+  }
+  parallel_for_(
+      Range(0, stripes),
+      [&](const Range& range) {
+        for (int stripe = range.start; stripe < range.end; ++stripe) {
+          const int begin = std::min(stripe * rows, count);
+          const int end = std::min(begin + rows, count);
+          if (begin < end) body(begin, end);
+        }
+      },
+      stripes);
+}
+
+}  // namespace
+
+Ptr<DISOpticalFlow> DISOpticalFlow::create() { return makePtr<DISOpticalFlowImpl>(); }
+
+DISOpticalFlowImpl::DISOpticalFlowImpl() {
+  variational_refinement.reserve(kScales);
+  for (int i = 0; i < kScales; ++i) {
+    variational_refinement.push_back(VariationalRefinement::create());
+  }
+}
+
+void DISOpticalFlowImpl::collectGarbage() {
+  for (std::vector<Mat>* mats :
+       {&I0s, &I1s, &I1s_ext, &I0xs, &I0ys, &Ux, &Uy, &initial_Ux, &initial_Uy}) {
+    mats->clear();
+  }
+  for (Mat* mat : {&Sx, &Sy, &I0xx_buf, &I0yy_buf, &I0xy_buf, &I0x_buf, &I0y_buf, &weight_sums,
+                   &column_sums, &merged_flow, &split_flow[0], &split_flow[1]}) {
+    mat->release();
+  }
+  for (const Ptr<VariationalRefinement>& refinement : variational_refinement) {
+    refinement->collectGarbage();
+  }
+}
+
+void DISOpticalFlowImpl::checkParameters() const {
+  const auto fail = [](const char* message) { CV_Error(Error::StsOutOfRange, message); };
+  if (finest_scale < 0) fail("finest_scale must be at least 0");
+  if (patch_size < 1) fail("patch_size must be at least 1");
+  if (patch_size > border_size) fail("patch_size must not exceed the border of 16 pixels");
+  if (patch_stride < 1) fail("patch_stride must be at least 1");
+  if (grad_descent_iter < 0) fail("grad_descent_iter must be at least 0");
+  if (variational_refinement_iter < 0) fail("variational_refinement_iter must be at least 0");
+  const auto weight = [&](float value, const char* message) {
+    if (!(value >= 0.0F) || !std::isfinite(value)) fail(message);
+  };
+  weight(variational_refinement_alpha, "variational_refinement_alpha must be finite, at least 0");
+  weight(variational_refinement_gamma, "variational_refinement_gamma must be finite, at least 0");
+  weight(variational_refinement_delta, "variational_refinement_delta must be finite, at least 0");
+}
+
+void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat& initial_flow,
+                                        int finest, int coarsest) {
+  const auto scales = static_cast<std::size_t>(coarsest) + 1;
+  for (std::vector<Mat>* mats : {&I0s, &I1s, &I1s_ext, &I0xs, &I0ys, &Ux, &Uy}) {
+    if (mats->size() < scales) mats->resize(scales);
+  }
+  while (variational_refinement.size() < scales) {
+    variational_refinement.push_back(VariationalRefinement::create());
+  }
+  const bool has_initial = !initial_flow.empty();
+  if (has_initial) {
+    initial_Ux.resize(std::max(initial_Ux.size(), scales));
+    initial_Uy.resize(std::max(initial_Uy.size(), scales));
+    split(initial_flow, split_flow);
+  }
+
+  for (int i = 0; i <= coarsest; ++i) {
+    const auto at = static_cast<std::size_t>(i);
+    const Size size = sizeAt(i0.size(), i);
+    if (i == 0) {
+      I0s[0] = i0;  // only read, and given back at the end of calc
+      I1s[0] = i1;
+    } else {
+      resize(I0s[at - 1], I0s[at], size, 0, 0, INTER_AREA);
+      resize(I1s[at - 1], I1s[at], size, 0, 0, INTER_AREA);
+    }
+    if (i < finest) continue;  // only passed through on the way to coarser scales
+
+    // Isolated: the caller's image may be part of a larger one, whose pixels are not its border.
+    copyMakeBorder(I1s[at], I1s_ext[at], border_size, border_size, border_size, border_size,
+                   BORDER_REPLICATE | BORDER_ISOLATED);
+    spatialGradient(I0s[at], I0xs[at], I0ys[at], /*ksize=*/3, BORDER_REFLECT_101);
+    Ux[at].create(size, CV_32FC1);
+    Uy[at].create(size, CV_32FC1);
+    if (has_initial) {
+      const double scale = 1.0 / static_cast<double>(1 << i);
+      for (int c = 0; c < 2; ++c) {
+        Mat& component = (c == 0 ? initial_Ux : initial_Uy)[at];
+        resize(split_flow[c], component, size, 0, 0, INTER_LINEAR);
+        component.convertTo(component, -1, scale);
+      }
+    }
+    VariationalRefinement& refinement = *variational_refinement[at];
+    refinement.setAlpha(variational_refinement_alpha);
+    refinement.setDelta(variational_refinement_delta);
+    refinement.setGamma(variational_refinement_gamma);
+    refinement.setIterations(variational_refinement_iter);
+  }
+
+  const Size finest_size = sizeAt(i0.size(), finest);
+  const int patches = gridSide(finest_size.width, patch_size, patch_stride) *
+                      gridSide(finest_size.height, patch_size, patch_stride);
+  for (Mat* mat : {&Sx, &Sy, &I0xx_buf, &I0yy_buf, &I0xy_buf, &I0x_buf, &I0y_buf}) {
+    mat->create(1, std::max(patches, 1), CV_32FC1);
+  }
+  weight_sums.create(finest_size, CV_32FC1);
+  column_sums.create(kPropagationStripes, 5 * finest_size.width, CV_32SC1);
+}
+
+void DISOpticalFlowImpl::setScale(int scale) {
+  const Size size = I0s[static_cast<std::size_t>(scale)].size();
+  w = size.width;
+  h = size.height;
+  // A grid needs both sides.
+  ws = gridSide(w, patch_size, patch_stride);
+  hs = gridSide(h, patch_size, patch_stride);
+  if (ws == 0 || hs == 0) ws = hs = 0;
+}
+
+kernels::SearchArgs DISOpticalFlowImpl::searchArgs(int scale, bool use_initial_flow) {
+  const auto at = static_cast<std::size_t>(scale);
+  const auto stride = [](const Mat& mat) { return static_cast<std::ptrdiff_t>(mat.step1()); };
+  kernels::SearchArgs args{};
+  args.i0 = I0s[at].ptr();
+  args.i0_stride = stride(I0s[at]);
+  args.i1 = I1s[at].ptr();
+  args.i1_stride = stride(I1s[at]);
+  args.i1_ext = I1s_ext[at].ptr();
+  args.i1_ext_stride = stride(I1s_ext[at]);
+  args.ix = I0xs[at].ptr<short>();
+  args.iy = I0ys[at].ptr<short>();
+  args.grad_stride = stride(I0xs[at]);
+  args.ux = Ux[at].ptr<float>();
+  args.uy = Uy[at].ptr<float>();
+  args.u_stride = stride(Ux[at]);
+  if (use_initial_flow) {
+    args.initial_ux = initial_Ux[at].ptr<float>();
+    args.initial_uy = initial_Uy[at].ptr<float>();
+    args.initial_stride = stride(initial_Ux[at]);
+  }
+  args.weight_sums = weight_sums.ptr<float>();
+  args.sx = Sx.ptr<float>();
+  args.sy = Sy.ptr<float>();
+  args.xx = I0xx_buf.ptr<float>();
+  args.yy = I0yy_buf.ptr<float>();
+  args.xy = I0xy_buf.ptr<float>();
+  args.x = I0x_buf.ptr<float>();
+  args.y = I0y_buf.ptr<float>();
+  args.w = w;
+  args.h = h;
+  args.ws = ws;
+  args.hs = hs;
+  args.patch_size = patch_size;
+  args.patch_stride = patch_stride;
+  args.border = border_size;
+  args.passes = use_spatial_propagation ? 2 : 1;
+  args.inner_iterations = static_cast<int>(
+      std::floor(static_cast<float>(grad_descent_iter) / static_cast<float>(args.passes)));
+  args.mean_normalization = use_mean_normalization;
+  args.spatial_propagation = use_spatial_propagation;
+  return args;
+}
+
+void DISOpticalFlowImpl::computeStructureTensor(const kernels::SearchArgs& args) {
+  // Integer sums: they do not depend on where a stripe begins.
+  const int rows = (hs + kPropagationStripes - 1) / kPropagationStripes;
+  parallelStripes(hs, kPropagationStripes, [&](int begin, int end) {
+    kernels::activeKernels().structureTensor(args, begin, end, column_sums.ptr<int>(begin / rows));
+  });
+}
+
+void DISOpticalFlowImpl::searchPatches(const kernels::SearchArgs& args) {
+  // Propagation reaches as far as a stripe: a fixed number of them makes the result independent of
+  // the threads. Without it patches do not depend on each other.
+  const int stripes = use_spatial_propagation ? kPropagationStripes : getNumThreads();
+  parallelStripes(hs, stripes,
+                  [&](int begin, int end) { kernels::activeKernels().search(args, begin, end); });
+}
+
+void DISOpticalFlowImpl::densify(const kernels::SearchArgs& args) {
+  parallelStripes(h, getNumThreads(),
+                  [&](int begin, int end) { kernels::activeKernels().densify(args, begin, end); });
+}
+
+void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flow) {
+  require(!I0.empty() && I0.depth() == CV_8U && I0.channels() == 1,
+          "!I0.empty() && I0.depth() == CV_8U && I0.channels() == 1", 1016);
+  require(!I1.empty() && I1.depth() == CV_8U && I1.channels() == 1,
+          "!I1.empty() && I1.depth() == CV_8U && I1.channels() == 1", 1017);
+  require(I0.size() == I1.size(), "I0.size() == I1.size()", 1018);
+  require(I0.isContinuous(), "I0.isContinuous()", 1019);
+  require(I1.isContinuous(), "I1.isContinuous()", 1020);
+  checkParameters();
+
+  const Mat i0 = I0.getMat();
+  const Mat i1 = I1.getMat();
+  const bool use_initial_flow =
+      !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
+  const Mat initial_flow = use_initial_flow ? flow.getMat() : Mat();
+
+  coarsest_scale =
+      static_cast<int>(std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0) + 0.5) - 1;
+  // The formula looks at the width only: levels that the height does not reach have no pixels, and
+  // an image narrower than two patches still has its full resolution.
+  coarsest_scale = std::max(coarsest_scale, 0);
+  while (coarsest_scale > 0 && (i0.rows >> coarsest_scale) == 0) --coarsest_scale;
+  const int finest = std::min(finest_scale, coarsest_scale);
+
+  prepareBuffers(i0, i1, initial_flow, finest, coarsest_scale);
+  const auto top = static_cast<std::size_t>(coarsest_scale);
+  Ux[top].setTo(0);
+  Uy[top].setTo(0);
+
+  bool any_patch = false;
+  for (int i = coarsest_scale; i >= finest; --i) {
+    const auto at = static_cast<std::size_t>(i);
+    setScale(i);
+    if (ws > 0) {
+      any_patch = true;
+      const kernels::SearchArgs args = searchArgs(i, use_initial_flow);
+      computeStructureTensor(args);
+      searchPatches(args);
+      densify(args);
+      if (variational_refinement_iter > 0) {
+        variational_refinement[at]->refine(I0s[at], I1s[at], Ux[at], Uy[at]);
+      }
+    }
+    if (i > finest) {
+      for (std::vector<Mat>* flows : {&Ux, &Uy}) {
+        Mat& finer = (*flows)[at - 1];
+        resize((*flows)[at], finer, finer.size(), 0, 0, INTER_LINEAR);
+        finer.convertTo(finer, -1, 2.0);
+      }
+    }
+  }
+  I0s[0].release();
+  I1s[0].release();
+
+  if (any_patch) {
+    writeFlow(finest, i0.size(), flow);
+  } else if (!use_initial_flow) {
+    flow.create(i0.size(), CV_32FC2);
+    flow.setTo(Scalar::all(0));
+  }
+}
+
+void DISOpticalFlowImpl::writeFlow(int finest, Size size, InputOutputArray flow) {
+  const auto at = static_cast<std::size_t>(finest);
+  const Mat components[2] = {Ux[at], Uy[at]};
+  merge(components, 2, merged_flow);
+  // A power of two: the same before and after interpolation, and cheaper before.
+  merged_flow.convertTo(merged_flow, -1, static_cast<double>(1 << finest));
+  flow.create(size, CV_32FC2);
+  Mat out = flow.getMat();
+  resize(merged_flow, out, size, 0, 0, INTER_LINEAR);
+}
+
+}  // namespace cv::optflow::lum

@@ -1,0 +1,916 @@
+// The kernels' one source, included by one file per instruction set after OpenCV's universal
+// intrinsics. It defines the table LUM_KERNELS. No include guard: it is no header.
+
+#include "flow_kernels.h"
+
+namespace cv::optflow::lum::kernels {
+namespace {
+
+constexpr int kLanes = v_float32::nlanes;
+static_assert(kLanes <= kPad, "rows are padded for one vector on each side");
+
+// Own versions of the standard library's: see flow_kernels.h on shared inline functions.
+inline int minOf(int a, int b) { return a < b ? a : b; }
+inline int maxOf(int a, int b) { return a > b ? a : b; }
+inline float absOf(float a) { return a < 0.0F ? -a : a; }
+
+/// `value` within [low, high]; `low` where it is not a number.
+inline float clampOf(float value, float low, float high) {
+  const float raised = value > low ? value : low;
+  return raised < high ? raised : high;
+}
+
+inline v_float32 loadFloats(const std::uint8_t* p) {
+  return v_cvt_f32(v_reinterpret_as_s32(vx_load_expand_q(p)));
+}
+inline v_float32 loadFloats(const std::int16_t* p) { return v_cvt_f32(vx_load_expand(p)); }
+
+inline v_float32 lerp(const v_float32& a, const v_float32& b, const v_float32& t) {
+  return v_fma(t, b - a, a);
+}
+inline float lerp(float a, float b, float t) { return a + t * (b - a); }
+
+/// Sums the lanes of four vectors.
+inline void reduceSums(const v_float32& a, const v_float32& b, const v_float32& c,
+                       const v_float32& d, float out[4]) {
+  float lanes[kLanes];
+  v_store(lanes, v_reduce_sum4(a, b, c, d));
+  for (int i = 0; i < 4; ++i) {
+    out[i] = lanes[i];
+    for (int group = 4; group < kLanes; group += 4) out[i] += lanes[group + i];
+  }
+}
+
+// ---------------------------------------------------------------- structure tensor
+
+void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* scratch) {
+  const int w = args.w;
+  std::int32_t* const xx = scratch;
+  std::int32_t* const yy = xx + w;
+  std::int32_t* const xy = yy + w;
+  std::int32_t* const x = xy + w;
+  std::int32_t* const y = x + w;
+
+  // Column sums over a patch's height. Integers: exact, so the sums do not depend on where a stripe
+  // begins. The largest, 16 x 16 x 1020^2, fits.
+  const auto addRow = [&](int row, int sign) {
+    const std::int16_t* gx = args.ix + row * args.grad_stride;
+    const std::int16_t* gy = args.iy + row * args.grad_stride;
+    for (int i = 0; i < w; ++i) {
+      const int a = gx[i];
+      const int b = gy[i];
+      xx[i] += sign * a * a;
+      yy[i] += sign * b * b;
+      xy[i] += sign * a * b;
+      x[i] += sign * a;
+      y[i] += sign * b;
+    }
+  };
+
+  const int size = args.patch_size;
+  const int stride = args.patch_stride;
+  for (int is = begin; is < end; ++is) {
+    const int top = is * stride;
+    if (is == begin || stride >= size) {
+      for (int i = 0; i < 5 * w; ++i) scratch[i] = 0;
+      for (int row = top; row < top + size; ++row) addRow(row, 1);
+    } else {
+      for (int row = top - stride; row < top; ++row) addRow(row, -1);
+      for (int row = top + size - stride; row < top + size; ++row) addRow(row, 1);
+    }
+    const auto sumColumns = [&](const std::int32_t* columns, float* out) {
+      std::int32_t sum = 0;
+      for (int i = 0; i < size; ++i) sum += columns[i];
+      out[0] = static_cast<float>(sum);
+      for (int js = 1; js < args.ws; ++js) {
+        const int left = (js - 1) * stride;
+        for (int i = left; i < left + stride; ++i) sum += columns[i + size] - columns[i];
+        out[js] = static_cast<float>(sum);
+      }
+    };
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(is) * args.ws;
+    sumColumns(xx, args.xx + at);
+    sumColumns(yy, args.yy + at);
+    sumColumns(xy, args.xy + at);
+    sumColumns(x, args.x + at);
+    sumColumns(y, args.y + at);
+  }
+}
+
+// ---------------------------------------------------------------- patch inverse search
+
+constexpr int kMaxPatch = 16;
+
+/// One patch of the first image, as floats, and the place where it is matched. `kSize` is the patch
+/// size, or 0 where it is known at run time only.
+template <int kSize>
+class PatchMatcher {
+ public:
+  explicit PatchMatcher(const SearchArgs& args)
+      : args_(args),
+        size_(kSize > 0 ? kSize : args.patch_size),
+        inverse_count_(1.0F / static_cast<float>(size_ * size_)),
+        low_(static_cast<float>(args.border - size_ + 1)),
+        high_x_(static_cast<float>(args.border + args.w - 1)),
+        high_y_(static_cast<float>(args.border + args.h - 1)) {}
+
+  void setPatch(int left, int top) {
+    left_ = static_cast<float>(left);
+    top_ = static_cast<float>(top);
+    const int size = patchSize();
+    for (int row = 0; row < size; ++row) {
+      const std::uint8_t* i0 = args_.i0 + (top + row) * args_.i0_stride + left;
+      const std::int16_t* gx = args_.ix + (top + row) * args_.grad_stride + left;
+      const std::int16_t* gy = args_.iy + (top + row) * args_.grad_stride + left;
+      float* out = pixels_ + row * size;
+      float* out_x = gradient_x_ + row * size;
+      float* out_y = gradient_y_ + row * size;
+      int i = 0;
+      for (; i <= size - kLanes; i += kLanes) {
+        v_store(out + i, loadFloats(i0 + i));
+        v_store(out_x + i, loadFloats(gx + i));
+        v_store(out_y + i, loadFloats(gy + i));
+      }
+      if (kSize > 0 && kSize % kLanes == 0) continue;
+      for (; i < size; ++i) {
+        out[i] = i0[i];
+        out_x[i] = gx[i];
+        out_y[i] = gy[i];
+      }
+    }
+  }
+
+  float error(float u, float v) const {
+    float sums[4];
+    measure<false>(u, v, sums);
+    return normalisedError(sums);
+  }
+
+  /// The error, and the gradient sums before mean normalisation with the sum of differences.
+  float errorAndGradient(float u, float v, float patch_x, float patch_y, float& gx,
+                         float& gy) const {
+    float sums[4];
+    measure<true>(u, v, sums);
+    gx = sums[2];
+    gy = sums[3];
+    if (args_.mean_normalization) {
+      const float mean = sums[0] * inverse_count_;
+      gx -= mean * patch_x;
+      gy -= mean * patch_y;
+    }
+    return normalisedError(sums);
+  }
+
+ private:
+  int patchSize() const { return kSize > 0 ? kSize : size_; }
+
+  float normalisedError(const float sums[4]) const {
+    return args_.mean_normalization ? sums[1] - sums[0] * sums[0] * inverse_count_ : sums[1];
+  }
+
+  /// Sums of d, d^2 and, if asked, d Ix and d Iy.
+  template <bool kGradient>
+  void measure(float u, float v, float sums[4]) const {
+    const float border = static_cast<float>(args_.border);
+    const float x = clampOf(left_ + u + border, low_, high_x_);
+    const float y = clampOf(top_ + v + border, low_, high_y_);
+    const int xi = static_cast<int>(x);
+    const int yi = static_cast<int>(y);
+    const float dx = x - static_cast<float>(xi);
+    const float dy = y - static_cast<float>(yi);
+    const std::uint8_t* const source = args_.i1_ext + yi * args_.i1_ext_stride + xi;
+
+    const int size = patchSize();
+    const v_float32 vdx = vx_setall_f32(dx);
+    const v_float32 vdy = vx_setall_f32(dy);
+    // Two sets of sums, for even and odd rows: one alone would make each row wait for the last.
+    v_float32 sum[2] = {vx_setzero_f32(), vx_setzero_f32()};
+    v_float32 squares[2] = {vx_setzero_f32(), vx_setzero_f32()};
+    v_float32 along_x[2] = {vx_setzero_f32(), vx_setzero_f32()};
+    v_float32 along_y[2] = {vx_setzero_f32(), vx_setzero_f32()};
+    int i = 0;
+    for (; i <= size - kLanes; i += kLanes) {
+      const std::uint8_t* p = source + i;
+      v_float32 above = lerp(loadFloats(p), loadFloats(p + 1), vdx);
+      const auto addRow = [&](int row, int set) {
+        p += args_.i1_ext_stride;
+        const v_float32 below = lerp(loadFloats(p), loadFloats(p + 1), vdx);
+        const int at = row * size + i;
+        const v_float32 d = lerp(above, below, vdy) - vx_load(pixels_ + at);
+        sum[set] += d;
+        squares[set] = v_fma(d, d, squares[set]);
+        if (kGradient) {
+          along_x[set] = v_fma(d, vx_load(gradient_x_ + at), along_x[set]);
+          along_y[set] = v_fma(d, vx_load(gradient_y_ + at), along_y[set]);
+        }
+        above = below;
+      };
+      int row = 0;
+      for (; row + 1 < size; row += 2) {
+        addRow(row, 0);
+        addRow(row + 1, 1);
+      }
+      if (row < size) addRow(row, 0);
+    }
+    reduceSums(sum[0] + sum[1], squares[0] + squares[1], along_x[0] + along_x[1],
+               along_y[0] + along_y[1], sums);
+    if (kSize > 0 && kSize % kLanes == 0) return;
+    for (; i < size; ++i) {
+      const std::uint8_t* p = source + i;
+      float above = lerp(p[0], p[1], dx);
+      for (int row = 0; row < size; ++row) {
+        p += args_.i1_ext_stride;
+        const float below = lerp(p[0], p[1], dx);
+        const int at = row * size + i;
+        const float d = lerp(above, below, dy) - pixels_[at];
+        sums[0] += d;
+        sums[1] += d * d;
+        if (kGradient) {
+          sums[2] += d * gradient_x_[at];
+          sums[3] += d * gradient_y_[at];
+        }
+        above = below;
+      }
+    }
+  }
+
+  const SearchArgs& args_;
+  const int size_;
+  const float inverse_count_;
+  const float low_, high_x_, high_y_;
+  float left_ = 0.0F;
+  float top_ = 0.0F;
+  alignas(32) float pixels_[kMaxPatch * kMaxPatch];
+  alignas(32) float gradient_x_[kMaxPatch * kMaxPatch];
+  alignas(32) float gradient_y_[kMaxPatch * kMaxPatch];
+};
+
+template <int kSize>
+void searchStripe(const SearchArgs& args, int begin, int end) {
+  PatchMatcher<kSize> matcher(args);
+  const int half = args.patch_size / 2;
+  const float reach = static_cast<float>(args.patch_size) * static_cast<float>(args.patch_size);
+
+  for (int pass = 0; pass < args.passes; ++pass) {
+    const bool forward = pass % 2 == 0;
+    const int step = forward ? 1 : -1;
+    const int first_row = forward ? begin : end - 1;
+    const int first_column = forward ? 0 : args.ws - 1;
+    for (int is = first_row; is >= begin && is < end; is += step) {
+      for (int js = first_column; js >= 0 && js < args.ws; js += step) {
+        const int left = js * args.patch_stride;
+        const int top = is * args.patch_stride;
+        const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(is) * args.ws + js;
+        matcher.setPatch(left, top);
+
+        float u;
+        float v;
+        if (pass == 0) {
+          const std::ptrdiff_t centre = (top + half) * args.u_stride + left + half;
+          u = args.ux[centre];
+          v = args.uy[centre];
+        } else {
+          u = args.sx[at];
+          v = args.sy[at];
+        }
+
+        // Candidates. One that equals the current flow cannot be strictly better, so neither is
+        // measured before two different ones meet.
+        float best = -1.0F;
+        const auto tryFlow = [&](float other_u, float other_v) {
+          if (other_u == u && other_v == v) return;
+          if (best < 0.0F) {
+            best = matcher.error(u, v);
+            // Rounding may take a normalised error of zero below it.
+            best = best > 0.0F ? best : 0.0F;
+          }
+          const float error = matcher.error(other_u, other_v);
+          if (error < best) {
+            best = error > 0.0F ? error : 0.0F;
+            u = other_u;
+            v = other_v;
+          }
+        };
+        if (args.initial_ux != nullptr) {
+          const std::ptrdiff_t centre = (top + half) * args.initial_stride + left + half;
+          tryFlow(args.initial_ux[centre], args.initial_uy[centre]);
+        }
+        if (args.spatial_propagation) {
+          if (js != first_column) tryFlow(args.sx[at - step], args.sy[at - step]);
+          if (is != first_row) {
+            const std::ptrdiff_t other = at - static_cast<std::ptrdiff_t>(step) * args.ws;
+            tryFlow(args.sx[other], args.sy[other]);
+          }
+        }
+
+        // Doubles hold the products exactly: along a straight edge their difference is all that
+        // rounding leaves of it.
+        const double xx = args.xx[at];
+        const double yy = args.yy[at];
+        const double xy = args.xy[at];
+        double determinant = xx * yy - xy * xy;
+        if (determinant < 0.001) determinant = 0.001;
+        const float inv_xx = static_cast<float>(yy / determinant);
+        const float inv_xy = static_cast<float>(-xy / determinant);
+        const float inv_yy = static_cast<float>(xx / determinant);
+
+        const float start_u = u;
+        const float start_v = v;
+        float previous = 1e10F;
+        for (int iteration = 0; iteration < args.inner_iterations; ++iteration) {
+          float gx;
+          float gy;
+          const float error = matcher.errorAndGradient(u, v, args.x[at], args.y[at], gx, gy);
+          u -= inv_xx * gx + inv_xy * gy;
+          v -= inv_xy * gx + inv_yy * gy;
+          if (!(error < previous)) break;  // after the step, which is kept
+          previous = error;
+        }
+        const float moved_u = u - start_u;
+        const float moved_v = v - start_v;
+        const bool within = moved_u * moved_u + moved_v * moved_v <= reach;
+        args.sx[at] = within ? u : start_u;
+        args.sy[at] = within ? v : start_v;
+      }
+    }
+  }
+}
+
+void search(const SearchArgs& args, int begin, int end) {
+  if (args.patch_size == 8) {
+    searchStripe<8>(args, begin, end);
+  } else {
+    searchStripe<0>(args, begin, end);
+  }
+}
+
+// ---------------------------------------------------------------- densification
+
+/// The patch row or column whose centre lies nearest to coordinate `x`; the lower one of two.
+inline int nearestPatch(int x, int count, int size, int stride) {
+  const int beyond = 2 * x - (size - 1) - stride;  // twice the way past the first two's middle
+  return beyond <= 0 ? 0 : minOf((beyond + 2 * stride - 1) / (2 * stride), count - 1);
+}
+
+/// Weights of a patch row of differences to the first image, added to the row's sums.
+inline void addWeighted(const v_float32& second, const std::uint8_t* i0, float u, float v,
+                        float* weights, float* sum_u, float* sum_v) {
+  const v_float32 one = vx_setall_f32(1.0F);
+  const v_float32 weight = one / v_max(v_abs(second - loadFloats(i0)), one);
+  v_store(weights, vx_load(weights) + weight);
+  v_store(sum_u, v_fma(weight, vx_setall_f32(u), vx_load(sum_u)));
+  v_store(sum_v, v_fma(weight, vx_setall_f32(v), vx_load(sum_v)));
+}
+inline void addWeighted(float second, std::uint8_t i0, float u, float v, float& weight_sum,
+                        float& sum_u, float& sum_v) {
+  const float difference = absOf(second - static_cast<float>(i0));
+  const float weight = 1.0F / (difference > 1.0F ? difference : 1.0F);
+  weight_sum += weight;
+  sum_u += weight * u;
+  sum_v += weight * v;
+}
+
+void densify(const SearchArgs& args, int begin, int end) {
+  const int w = args.w;
+  const int size = args.patch_size;
+  const int stride = args.patch_stride;
+  const float high_x = static_cast<float>(w) - 1.0F - 0.001F;
+  const float high_y = static_cast<float>(args.h) - 1.0F - 0.001F;
+
+  for (int y = begin; y < end; ++y) {
+    float* weights = args.weight_sums + static_cast<std::ptrdiff_t>(y) * w;
+    float* ux = args.ux + y * args.u_stride;
+    float* uy = args.uy + y * args.u_stride;
+    for (int x = 0; x < w; ++x) weights[x] = ux[x] = uy[x] = 0.0F;
+  }
+
+  // All pixels of a patch move alike, so going by patches makes the interpolation's weights
+  // constant. Each pixel still meets its patches row by row, left to right, whatever the stripe.
+  const int first_patch_row = maxOf(0, (begin - size + stride) / stride);
+  for (int is = first_patch_row; is < args.hs && is * stride < end; ++is) {
+    const int top = is * stride;
+    const int row_begin = maxOf(top, begin);
+    const int row_end = minOf(top + size, end);
+    for (int js = 0; js < args.ws; ++js) {
+      const int left = js * stride;
+      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(is) * args.ws + js;
+      const float u = args.sx[at];
+      const float v = args.sy[at];
+      const float x = static_cast<float>(left) + u;
+      const float y = static_cast<float>(top) + v;
+
+      // Not `>=` alone: a flow that is not a number takes the clamped path.
+      const bool inside = x >= 0.0F && y >= 0.0F && x + static_cast<float>(size - 1) <= high_x &&
+                          y + static_cast<float>(size - 1) <= high_y;
+      const int xi = inside ? static_cast<int>(x) : 0;
+      const int yi = inside ? static_cast<int>(y) : 0;
+      if (inside && xi + size <= w - 1 && yi + size <= args.h - 1) {
+        const float dx = x - static_cast<float>(xi);
+        const float dy = y - static_cast<float>(yi);
+        const v_float32 vdx = vx_setall_f32(dx);
+        const v_float32 vdy = vx_setall_f32(dy);
+        int i = 0;
+        for (; i <= size - kLanes; i += kLanes) {
+          const std::uint8_t* p = args.i1 + (yi + row_begin - top) * args.i1_stride + xi + i;
+          v_float32 above = lerp(loadFloats(p), loadFloats(p + 1), vdx);
+          for (int row = row_begin; row < row_end; ++row) {
+            p += args.i1_stride;
+            const v_float32 below = lerp(loadFloats(p), loadFloats(p + 1), vdx);
+            const std::ptrdiff_t pixel = row * args.u_stride + left + i;
+            addWeighted(lerp(above, below, vdy), args.i0 + row * args.i0_stride + left + i, u, v,
+                        args.weight_sums + static_cast<std::ptrdiff_t>(row) * w + left + i,
+                        args.ux + pixel, args.uy + pixel);
+            above = below;
+          }
+        }
+        for (; i < size; ++i) {
+          for (int row = row_begin; row < row_end; ++row) {
+            const std::uint8_t* p = args.i1 + (yi + row - top) * args.i1_stride + xi + i;
+            const float above = lerp(p[0], p[1], dx);
+            const float below = lerp(p[args.i1_stride], p[args.i1_stride + 1], dx);
+            const std::ptrdiff_t pixel = row * args.u_stride + left + i;
+            addWeighted(lerp(above, below, dy), args.i0[row * args.i0_stride + left + i], u, v,
+                        args.weight_sums[static_cast<std::ptrdiff_t>(row) * w + left + i],
+                        args.ux[pixel], args.uy[pixel]);
+          }
+        }
+      } else {
+        int columns[kMaxPatch];
+        float fractions[kMaxPatch];
+        for (int i = 0; i < size; ++i) {
+          const float column = clampOf(static_cast<float>(left + i) + u, 0.0F, high_x);
+          columns[i] = static_cast<int>(column);
+          fractions[i] = column - static_cast<float>(columns[i]);
+        }
+        // A side of one pixel clamps to 0 with nothing beside it.
+        const int right = w > 1 ? 1 : 0;
+        const std::ptrdiff_t below = args.h > 1 ? args.i1_stride : 0;
+        for (int row = row_begin; row < row_end; ++row) {
+          const float sample_y = clampOf(static_cast<float>(row) + v, 0.0F, high_y);
+          const int sample_row = static_cast<int>(sample_y);
+          const float dy = sample_y - static_cast<float>(sample_row);
+          float second[kMaxPatch];
+          for (int i = 0; i < size; ++i) {
+            const std::uint8_t* p = args.i1 + sample_row * args.i1_stride + columns[i];
+            second[i] = lerp(lerp(p[0], p[right], fractions[i]),
+                             lerp(p[below], p[below + right], fractions[i]), dy);
+          }
+          const std::uint8_t* i0 = args.i0 + row * args.i0_stride + left;
+          float* weights = args.weight_sums + static_cast<std::ptrdiff_t>(row) * w + left;
+          float* ux = args.ux + row * args.u_stride + left;
+          float* uy = args.uy + row * args.u_stride + left;
+          int i = 0;
+          for (; i <= size - kLanes; i += kLanes) {
+            addWeighted(vx_load(second + i), i0 + i, u, v, weights + i, ux + i, uy + i);
+          }
+          for (; i < size; ++i) addWeighted(second[i], i0[i], u, v, weights[i], ux[i], uy[i]);
+        }
+      }
+    }
+  }
+
+  const int covered = (args.ws - 1) * stride + size;  // columns left of it may be covered
+  for (int y = begin; y < end; ++y) {
+    const float* weights = args.weight_sums + static_cast<std::ptrdiff_t>(y) * w;
+    float* ux = args.ux + y * args.u_stride;
+    float* uy = args.uy + y * args.u_stride;
+    const bool row_covered = y < (args.hs - 1) * stride + size;
+    int x = 0;
+    if (row_covered && stride <= size) {
+      for (; x <= covered - kLanes; x += kLanes) {
+        const v_float32 sum = vx_load(weights + x);
+        v_store(ux + x, vx_load(ux + x) / sum);
+        v_store(uy + x, vx_load(uy + x) / sum);
+      }
+    }
+    for (; x < w; ++x) {
+      if (weights[x] > 0.0F) {
+        ux[x] /= weights[x];
+        uy[x] /= weights[x];
+      } else {
+        const std::ptrdiff_t at =
+            static_cast<std::ptrdiff_t>(nearestPatch(y, args.hs, size, stride)) * args.ws +
+            nearestPatch(x, args.ws, size, stride);
+        ux[x] = args.sx[at];
+        uy[x] = args.sy[at];
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------- variational refinement
+
+constexpr float kEpsilonSquared = 0.001F * 0.001F;
+constexpr float kZetaSquared = 0.01F;
+/// A constancy term whose own solution lies farther away, in pixels, is left out: the images are
+/// not linear over such a distance, so the term says nothing there. Occluded and mismatched areas
+/// would otherwise be thrown far off by their few flat pixels.
+constexpr float kLinearRange = 1.5F;
+/// Pull of each pixel's system towards the current flow: it keeps a pixel without data and
+/// smoothness solvable, and is too weak to be seen elsewhere.
+constexpr float kProximal = 1e-6F;
+
+inline v_float32 inverseRoot(const v_float32& x) { return vx_setall_f32(1.0F) / v_sqrt(x); }
+
+inline int firstX(int y, int colour) { return (y + colour) & 1; }
+
+inline float* rowOf(const ColourPlane& plane, const RefineArgs& args, int colour, int y) {
+  return plane.row0[colour] + y * args.colour_stride;
+}
+
+/// Elements of a row that are computed: all pixels of either colour, up to whole vectors.
+inline int colourCount(const RefineArgs& args) { return (args.w + 1) / 2; }
+
+/// Repeats a row's first and last value in two elements beside it, for the five-point derivative.
+inline void extendRow(float* row, int w) {
+  row[-2] = row[-1] = row[0];
+  row[w] = row[w + 1] = row[w - 1];
+}
+
+void importRows(const RefineArgs& args, int begin, int end) {
+  for (int y = begin; y < end; ++y) {
+    const std::uint8_t* source = args.i1 + y * args.i1_stride;
+    float* second = args.second + y * args.natural_stride;
+    for (int x = 0; x < args.w; ++x) second[x] = source[x];
+    extendRow(second, args.w);
+    if (y == args.h - 1) {
+      for (int x = -2; x < args.w + 2; ++x) second[x + args.natural_stride] = second[x];
+    }
+    const float* flows[2] = {args.u + y * args.u_stride, args.v + y * args.v_stride};
+    float* natural[2] = {args.mean_x + y * args.natural_stride,
+                         args.mean_y + y * args.natural_stride};
+    const ColourPlane* planes[2] = {&args.flow_u, &args.flow_v};
+    for (int i = 0; i < 2; ++i) {
+      for (int x = 0; x < args.w; ++x) natural[i][x] = flows[i][x];
+      float* even = rowOf(*planes[i], args, y & 1, y);
+      float* odd = rowOf(*planes[i], args, 1 - (y & 1), y);
+      for (int k = 0; k < args.w / 2; ++k) {
+        even[k] = flows[i][2 * k];
+        odd[k] = flows[i][2 * k + 1];
+      }
+      if (args.w % 2 != 0) even[args.w / 2] = flows[i][args.w - 1];
+    }
+  }
+}
+
+void exportRows(const RefineArgs& args, int begin, int end) {
+  for (int y = begin; y < end; ++y) {
+    float* flows[2] = {args.u + y * args.u_stride, args.v + y * args.v_stride};
+    const ColourPlane* planes[2] = {&args.flow_u, &args.flow_v};
+    for (int i = 0; i < 2; ++i) {
+      const float* even = rowOf(*planes[i], args, y & 1, y);
+      const float* odd = rowOf(*planes[i], args, 1 - (y & 1), y);
+      for (int k = 0; k < args.w / 2; ++k) {
+        flows[i][2 * k] = even[k];
+        flows[i][2 * k + 1] = odd[k];
+      }
+      if (args.w % 2 != 0) flows[i][args.w - 1] = even[args.w / 2];
+    }
+  }
+}
+
+void warpRows(const RefineArgs& args, int begin, int end) {
+  const v_float32 zero = vx_setzero_f32();
+  const v_float32 one = vx_setall_f32(1.0F);
+  const v_float32 half = vx_setall_f32(0.5F);
+  const v_float32 high_x = vx_setall_f32(static_cast<float>(args.w - 1));
+  const v_float32 high_y = vx_setall_f32(static_cast<float>(args.h - 1));
+  const v_int32 stride = vx_setall_s32(static_cast<int>(args.natural_stride));
+  alignas(32) float ramp[kLanes];
+  for (int i = 0; i < kLanes; ++i) ramp[i] = static_cast<float>(i);
+  const v_float32 lane = vx_load(ramp);
+
+  for (int y = begin; y < end; ++y) {
+    const std::ptrdiff_t offset = y * args.natural_stride;
+    const std::uint8_t* i0 = args.i0 + y * args.i0_stride;
+    float* mean = args.mean + offset;
+    float* diff = args.diff + offset;
+    float* inside = args.inside + offset;
+    for (int x = 0; x < args.w; ++x) mean[x] = i0[x];  // padded copy: vectors may run past the row
+    const v_float32 vy = vx_setall_f32(static_cast<float>(y));
+    for (int x = 0; x < args.w; x += kLanes) {
+      const v_float32 px =
+          vx_setall_f32(static_cast<float>(x)) + lane + vx_load(args.mean_x + offset + x);
+      const v_float32 py = vy + vx_load(args.mean_y + offset + x);
+      const v_float32 within = (px >= zero) & (px <= high_x) & (py >= zero) & (py <= high_y);
+      // Selected, not v_max: what is not a number must become an index too.
+      const v_float32 cx = v_min(v_select(px >= zero, px, zero), high_x);
+      const v_float32 cy = v_min(v_select(py >= zero, py, zero), high_y);
+      const v_int32 xi = v_trunc(cx);
+      const v_int32 yi = v_trunc(cy);
+      const v_float32 dx = cx - v_cvt_f32(xi);
+      const v_float32 dy = cy - v_cvt_f32(yi);
+      const v_int32 index = yi * stride + xi;
+      v_float32 a;
+      v_float32 b;
+      v_float32 c;
+      v_float32 d;
+      v_lut_deinterleave(args.second, index, a, b);
+      v_lut_deinterleave(args.second + args.natural_stride, index, c, d);
+      const v_float32 warped = lerp(lerp(a, b, dx), lerp(c, d, dx), dy);
+      const v_float32 first = vx_load(mean + x);
+      v_store(mean + x, half * (first + warped));
+      v_store(diff + x, warped - first);
+      v_store(inside + x, within & one);
+    }
+    for (int x = args.w; x < args.w + kPad; ++x) inside[x] = 0.0F;
+    extendRow(mean, args.w);
+    extendRow(diff, args.w);
+  }
+}
+
+/// (-1, 8, 0, -8, 1) / 12, the fourth-order central difference, from the two neighbours on each
+/// side.
+inline v_float32 derivative(const v_float32& m2, const v_float32& m1, const v_float32& p1,
+                            const v_float32& p2) {
+  return v_fma(p1 - m1, vx_setall_f32(8.0F / 12.0F), (m2 - p2) * vx_setall_f32(1.0F / 12.0F));
+}
+inline v_float32 derivativeX(const float* p) {
+  return derivative(vx_load(p - 2), vx_load(p - 1), vx_load(p + 1), vx_load(p + 2));
+}
+
+/// The rows two above to two below, repeated at the image's border.
+struct RowsAround {
+  RowsAround(const float* plane, const RefineArgs& args, int y)
+      : m2(plane + maxOf(y - 2, 0) * args.natural_stride),
+        m1(plane + maxOf(y - 1, 0) * args.natural_stride),
+        p1(plane + minOf(y + 1, args.h - 1) * args.natural_stride),
+        p2(plane + minOf(y + 2, args.h - 1) * args.natural_stride) {}
+  v_float32 derivativeY(int x) const {
+    return derivative(vx_load(m2 + x), vx_load(m1 + x), vx_load(p1 + x), vx_load(p2 + x));
+  }
+  const float* m2;
+  const float* m1;
+  const float* p1;
+  const float* p2;
+};
+
+void firstDerivatives(const RefineArgs& args, int begin, int end) {
+  for (int y = begin; y < end; ++y) {
+    const std::ptrdiff_t offset = y * args.natural_stride;
+    const float* mean = args.mean + offset;
+    const RowsAround rows(args.mean, args, y);
+    for (int x = 0; x < args.w; x += kLanes) {
+      v_store(args.mean_x + offset + x, derivativeX(mean + x));
+      v_store(args.mean_y + offset + x, rows.derivativeY(x));
+    }
+    extendRow(args.mean_x + offset, args.w);
+    extendRow(args.mean_y + offset, args.w);
+  }
+}
+
+/// The normalised terms of `kLanes` pixels in a row: r_i = c_i + a_i du + b_i dv.
+struct DataVectors {
+  v_float32 a[3], b[3], c[3];
+};
+
+inline DataVectors dataVectors(const RefineArgs& args, const RowsAround& rows_x,
+                               const RowsAround& rows_y, const RowsAround& rows_diff,
+                               std::ptrdiff_t offset, int x) {
+  const v_float32 zeta = vx_setall_f32(kZetaSquared);
+  const float* mean_x = args.mean_x + offset + x;
+  const float* mean_y = args.mean_y + offset + x;
+  const float* diff = args.diff + offset + x;
+  const v_float32 inside = vx_load(args.inside + offset + x);
+  const v_float32 ix = vx_load(mean_x);
+  const v_float32 iy = vx_load(mean_y);
+  const v_float32 ixx = derivativeX(mean_x);
+  const v_float32 ixy = rows_x.derivativeY(x);
+  const v_float32 iyy = rows_y.derivativeY(x);
+  const v_float32 mixed = ixy * ixy;
+  const v_float32 scale[3] = {inside * inverseRoot(v_fma(ix, ix, v_fma(iy, iy, zeta))),
+                              inside * inverseRoot(v_fma(ixx, ixx, mixed + zeta)),
+                              inside * inverseRoot(v_fma(iyy, iyy, mixed + zeta))};
+  DataVectors out;
+  out.a[0] = scale[0] * ix;
+  out.b[0] = scale[0] * iy;
+  out.c[0] = scale[0] * vx_load(diff);
+  out.a[1] = scale[1] * ixx;
+  out.b[1] = scale[1] * ixy;
+  out.c[1] = scale[1] * derivativeX(diff);
+  out.a[2] = scale[2] * ixy;
+  out.b[2] = scale[2] * iyy;
+  out.c[2] = scale[2] * rows_diff.derivativeY(x);
+  // Each c is now the distance, in pixels, to the motion that the term alone asks for.
+  const v_float32 one = vx_setall_f32(1.0F);
+  for (int i = 0; i < 3; ++i) {
+    const v_float32 near = (v_abs(out.c[i]) <= vx_setall_f32(kLinearRange)) & one;
+    out.a[i] *= near;
+    out.b[i] *= near;
+    out.c[i] *= near;
+  }
+  return out;
+}
+
+void dataTerms(const RefineArgs& args, int begin, int end) {
+  const auto split = [](const v_float32& low, const v_float32& high, v_float32& even,
+                        v_float32& odd) {
+    alignas(32) float both[2 * kLanes];
+    v_store(both, low);
+    v_store(both + kLanes, high);
+    v_load_deinterleave(both, even, odd);
+  };
+  for (int y = begin; y < end; ++y) {
+    const std::ptrdiff_t offset = y * args.natural_stride;
+    const RowsAround rows_x(args.mean_x, args, y);
+    const RowsAround rows_y(args.mean_y, args, y);
+    const RowsAround rows_diff(args.diff, args, y);
+    const int colour_of_even = y & 1;
+    for (int k = 0; k < colourCount(args); k += kLanes) {
+      const DataVectors low = dataVectors(args, rows_x, rows_y, rows_diff, offset, 2 * k);
+      const DataVectors high = dataVectors(args, rows_x, rows_y, rows_diff, offset, 2 * k + kLanes);
+      for (int i = 0; i < 3; ++i) {
+        v_float32 a[2];
+        v_float32 b[2];
+        v_float32 c[2];
+        split(low.a[i], high.a[i], a[0], a[1]);
+        split(low.b[i], high.b[i], b[0], b[1]);
+        split(low.c[i], high.c[i], c[0], c[1]);
+        for (int odd = 0; odd < 2; ++odd) {
+          const int colour = odd == 0 ? colour_of_even : 1 - colour_of_even;
+          // In terms of the whole flow instead of its increment.
+          const v_float32 u = vx_load(rowOf(args.flow_u, args, colour, y) + k);
+          const v_float32 v = vx_load(rowOf(args.flow_v, args, colour, y) + k);
+          v_store(rowOf(args.a[i], args, colour, y) + k, a[odd]);
+          v_store(rowOf(args.b[i], args, colour, y) + k, b[odd]);
+          v_store(rowOf(args.c[i], args, colour, y) + k, c[odd] - a[odd] * u - b[odd] * v);
+        }
+      }
+    }
+  }
+}
+
+void smoothnessRows(const RefineArgs& args, int begin, int end) {
+  const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
+  const v_float32 half = vx_setall_f32(0.5F);
+  for (int y = begin; y < end; ++y) {
+    const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
+    const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
+    for (int colour = 0; colour < 2; ++colour) {
+      const int odd = firstX(y, colour);
+      const float* u = rowOf(args.flow_u, args, colour, y);
+      const float* v = rowOf(args.flow_v, args, colour, y);
+      const float* other_u = rowOf(args.flow_u, args, 1 - colour, y);
+      const float* other_v = rowOf(args.flow_v, args, 1 - colour, y);
+      float* out = rowOf(args.robust, args, colour, y);
+      for (int k = 0; k < colourCount(args); k += kLanes) {
+        const v_float32 pu = vx_load(u + k);
+        const v_float32 pv = vx_load(v + k);
+        const auto square = [&](const float* nu, const float* nv) {
+          const v_float32 du = vx_load(nu) - pu;
+          const v_float32 dv = vx_load(nv) - pv;
+          return v_fma(du, du, dv * dv);
+        };
+        const std::ptrdiff_t row = args.colour_stride;
+        v_float32 sum =
+            vx_load(args.has_left[odd] + k) * square(other_u + k - 1 + odd, other_v + k - 1 + odd);
+        sum = v_fma(vx_load(args.has_right[odd] + k), square(other_u + k + odd, other_v + k + odd),
+                    sum);
+        sum = v_fma(has_up, square(other_u + k - row, other_v + k - row), sum);
+        sum = v_fma(has_down, square(other_u + k + row, other_v + k + row), sum);
+        v_store(out + k, inverseRoot(v_fma(half, sum, epsilon)));
+      }
+    }
+  }
+}
+
+void systemRows(const RefineArgs& args, int begin, int end) {
+  const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
+  const v_float32 half_alpha = vx_setall_f32(0.5F * args.alpha);
+  const v_float32 delta = vx_setall_f32(args.delta);
+  const v_float32 gamma = vx_setall_f32(args.gamma);
+  const v_float32 proximal = vx_setall_f32(kProximal);
+  const v_float32 zero = vx_setzero_f32();
+  for (int y = begin; y < end; ++y) {
+    const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
+    const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
+    for (int colour = 0; colour < 2; ++colour) {
+      const int odd = firstX(y, colour);
+      const float* own = rowOf(args.robust, args, colour, y);
+      const float* other = rowOf(args.robust, args, 1 - colour, y);
+      for (int k = 0; k < colourCount(args); k += kLanes) {
+        const v_float32 robust = vx_load(own + k);
+        const v_float32 left =
+            vx_load(args.has_left[odd] + k) * half_alpha * (robust + vx_load(other + k - 1 + odd));
+        const v_float32 right =
+            vx_load(args.has_right[odd] + k) * half_alpha * (robust + vx_load(other + k + odd));
+        const v_float32 up =
+            has_up * half_alpha * (robust + vx_load(other + k - args.colour_stride));
+        const v_float32 down =
+            has_down * half_alpha * (robust + vx_load(other + k + args.colour_stride));
+        const v_float32 smooth = (left + right) + (up + down) + proximal;
+
+        const v_float32 u = vx_load(rowOf(args.flow_u, args, colour, y) + k);
+        const v_float32 v = vx_load(rowOf(args.flow_v, args, colour, y) + k);
+        v_float32 a[3];
+        v_float32 b[3];
+        v_float32 c[3];
+        v_float32 residual[3];
+        for (int i = 0; i < 3; ++i) {
+          a[i] = vx_load(rowOf(args.a[i], args, colour, y) + k);
+          b[i] = vx_load(rowOf(args.b[i], args, colour, y) + k);
+          c[i] = vx_load(rowOf(args.c[i], args, colour, y) + k);
+          residual[i] = v_fma(a[i], u, v_fma(b[i], v, c[i]));
+        }
+        const v_float32 colour_weight =
+            delta * inverseRoot(v_fma(residual[0], residual[0], epsilon));
+        const v_float32 gradient_weight =
+            gamma *
+            inverseRoot(v_fma(residual[1], residual[1], v_fma(residual[2], residual[2], epsilon)));
+        v_float32 a11 = zero;
+        v_float32 a12 = zero;
+        v_float32 a22 = zero;
+        v_float32 b1 = proximal * u;
+        v_float32 b2 = proximal * v;
+        for (int i = 0; i < 3; ++i) {
+          const v_float32 weight = i == 0 ? colour_weight : gradient_weight;
+          const v_float32 wa = weight * a[i];
+          const v_float32 wb = weight * b[i];
+          a11 = v_fma(wa, a[i], a11);
+          a12 = v_fma(wa, b[i], a12);
+          a22 = v_fma(wb, b[i], a22);
+          b1 -= wa * c[i];
+          b2 -= wb * c[i];
+        }
+        // det = S^2 + S (A11 + A22) + (A11 A22 - A12^2): no cancellation against S, and the last
+        // term is not negative but for rounding.
+        const v_float32 data_det = v_max(a11 * a22 - a12 * a12, zero);
+        const v_float32 inverse_det =
+            vx_setall_f32(1.0F) / v_fma(smooth, smooth + (a11 + a22), data_det);
+        v_store(rowOf(args.m11, args, colour, y) + k, (a22 + smooth) * inverse_det);
+        v_store(rowOf(args.m12, args, colour, y) + k, a12 * inverse_det);
+        v_store(rowOf(args.m22, args, colour, y) + k, (a11 + smooth) * inverse_det);
+        v_store(rowOf(args.b1, args, colour, y) + k, b1);
+        v_store(rowOf(args.b2, args, colour, y) + k, b2);
+        v_store(rowOf(args.right, args, colour, y) + k, right);
+        v_store(rowOf(args.down, args, colour, y) + k, down);
+      }
+    }
+  }
+}
+
+void sweepRow(const RefineArgs& args, const SweepBand& band, int colour, int y) {
+  const int odd = firstX(y, colour);
+  const std::ptrdiff_t offset = y * args.colour_stride;
+  const std::ptrdiff_t row = args.colour_stride;
+  float* u = band.u[colour] + offset;
+  float* v = band.v[colour] + offset;
+  const float* other_u = band.u[1 - colour] + offset;
+  const float* other_v = band.v[1 - colour] + offset;
+  const float* right = rowOf(args.right, args, colour, y);
+  const float* down = rowOf(args.down, args, colour, y);
+  const float* left = rowOf(args.right, args, 1 - colour, y) - 1 + odd;  // theirs to us
+  const float* up = rowOf(args.down, args, 1 - colour, y) - row;
+  const float* m11 = rowOf(args.m11, args, colour, y);
+  const float* m12 = rowOf(args.m12, args, colour, y);
+  const float* m22 = rowOf(args.m22, args, colour, y);
+  const float* b1 = rowOf(args.b1, args, colour, y);
+  const float* b2 = rowOf(args.b2, args, colour, y);
+  const v_float32 omega = vx_setall_f32(args.omega);
+  const int count = colourCount(args);
+  for (int k = 0; k < count; k += kLanes) {
+    const v_float32 w_left = vx_load(left + k);
+    const v_float32 w_right = vx_load(right + k);
+    const v_float32 w_up = vx_load(up + k);
+    const v_float32 w_down = vx_load(down + k);
+    v_float32 ru = v_fma(w_left, vx_load(other_u + k - 1 + odd), vx_load(b1 + k));
+    v_float32 rv = v_fma(w_left, vx_load(other_v + k - 1 + odd), vx_load(b2 + k));
+    ru = v_fma(w_right, vx_load(other_u + k + odd), ru);
+    rv = v_fma(w_right, vx_load(other_v + k + odd), rv);
+    ru = v_fma(w_up, vx_load(other_u + k - row), ru);
+    rv = v_fma(w_up, vx_load(other_v + k - row), rv);
+    ru = v_fma(w_down, vx_load(other_u + k + row), ru);
+    rv = v_fma(w_down, vx_load(other_v + k + row), rv);
+    const v_float32 cross = vx_load(m12 + k);
+    const v_float32 pu = vx_load(u + k);
+    const v_float32 pv = vx_load(v + k);
+    const v_float32 next_u = vx_load(m11 + k) * ru - cross * rv;
+    const v_float32 next_v = vx_load(m22 + k) * rv - cross * ru;
+    v_store(u + k, v_fma(omega, next_u - pu, pu));
+    v_store(v + k, v_fma(omega, next_v - pv, pv));
+  }
+}
+
+void sweep(const RefineArgs& args, const SweepBand& band) {
+  // A diagonal order through rows and half sweeps: half sweep t follows t rows behind the first, so
+  // each row's coefficients serve all sweeps while they are in the cache. Towards the ends of the
+  // halo each half sweep has one row less whose neighbours are up to date.
+  const int count = band.half_sweeps;
+  for (int step = band.first; step < band.last + count; ++step) {
+    for (int t = 0; t < count; ++t) {
+      const int y = step - t;
+      const int begin = maxOf(band.first, band.begin - (count - 1 - t));
+      const int end = minOf(band.last, band.end + (count - 1 - t));
+      if (y >= begin && y < end) sweepRow(args, band, t & 1, y);
+    }
+  }
+}
+
+}  // namespace
+
+extern const Kernels LUM_KERNELS;
+const Kernels LUM_KERNELS = {
+    LUM_KERNELS_NAME, structureTensor, search,         densify,    importRows, warpRows,
+    firstDerivatives, dataTerms,       smoothnessRows, systemRows, sweep,      exportRows};
+
+}  // namespace cv::optflow::lum::kernels

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <opencv2/core.hpp>
+
+namespace cv::optflow::lum {
+
+/// Refines a dense flow by minimising a robust variational energy.
+///
+/// Energy: the sum over all pixels of delta Psi(E_I) + gamma Psi(E_G) + alpha Psi(E_S), where E_I
+/// and E_G are the linearised colour and gradient constancy errors, normalised by the gradients
+/// they contain, E_S = |grad u|^2 + |grad v|^2, and Psi(s^2) = sqrt(s^2 + 0.001^2). The second
+/// image is warped once by the incoming flow. Outer iterations recompute the robust weights; inside
+/// each, red-black successive over-relaxation solves the linear system.
+///
+/// Algorithm: Brox, Bruhn, Papenberg, Weickert, "High Accuracy Optical Flow Estimation Based on a
+/// Theory for Warping", ECCV 2004; data terms normalised as in Zimmer, Bruhn, Weickert, "Optic Flow
+/// in Harmony", IJCV 2011.
+/// Threads: not thread-safe, one thread at a time per object; `refine` runs in `parallel_for_` and
+/// gives bit for bit the same result for any number of threads.
+/// Ownership: owns its working buffers and keeps them between calls of one size.
+/// Errors: accessors never fail; `refine` raises `cv::Exception`.
+class VariationalRefinement {
+ public:
+  static Ptr<VariationalRefinement> create();
+
+  /// Weight of the smoothness term: finite, at least 0.
+  float getAlpha() const { return alpha_; }
+  void setAlpha(float value) { alpha_ = value; }
+
+  /// Weight of the colour constancy term: finite, at least 0.
+  float getDelta() const { return delta_; }
+  void setDelta(float value) { delta_ = value; }
+
+  /// Weight of the gradient constancy term: finite, at least 0.
+  float getGamma() const { return gamma_; }
+  void setGamma(float value) { gamma_ = value; }
+
+  /// Outer iterations, each with new robust weights: at least 0; 0 leaves the flow as it is.
+  int getIterations() const { return iterations_; }
+  void setIterations(int value) { iterations_ = value; }
+
+  /// Sweeps of the solver over both colours per outer iteration: at least 1.
+  int getSolverSweeps() const { return sweeps_; }
+  void setSolverSweeps(int value) { sweeps_ = value; }
+
+  /// Relaxation factor of the solver: above 0, below 2; 1 is Gauss-Seidel.
+  float getRelaxation() const { return omega_; }
+  void setRelaxation(float value) { omega_ = value; }
+
+  /// Refines a flow in place.
+  ///
+  /// @param i0, i1  images, `CV_8UC1`, of one size.
+  /// @param u, v    in and out: the flow from `i0` to `i1`, in pixels, `CV_32FC1`, of that size;
+  ///                must not share memory.
+  /// Raises `cv::Exception` for other types and sizes and for a parameter out of its range; the
+  /// flow is then unchanged.
+  void refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v);
+
+  /// Releases the working buffers; a later `refine` allocates them anew.
+  void collectGarbage();
+
+ private:
+  void checkParameters() const;
+  void allocate(Size size, int bands);
+
+  float alpha_ = 20.0F;
+  float delta_ = 5.0F;
+  float gamma_ = 10.0F;
+  int iterations_ = 5;
+  int sweeps_ = 5;
+  float omega_ = 1.6F;
+
+  Size size_;
+  Mat natural_;     // image rows as they are: second image, mean, difference, first derivatives
+  Mat colours_;     // planes split into red and black pixels: unknowns, data terms, system
+  Mat band_flow_;   // private copies of the unknowns, one per band of rows
+  Mat edge_masks_;  // which pixels of a row have a left and a right neighbour
+};
+
+}  // namespace cv::optflow::lum

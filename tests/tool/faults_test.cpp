@@ -1,0 +1,116 @@
+// What goes wrong around the tool: inputs that are cut or change while they are read, resources
+// that run out. Whatever happens, a run exits by itself with 0, and either every output is whole or
+// standard error says what is not.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <future>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "support/mp4_writer.h"
+#include "support/temp_dir.h"
+#include "tool/motion_tracks.h"
+#include "tool/tool_run.h"
+
+namespace motrace::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+class FaultTest : public ::testing::Test {
+ protected:
+  FaultTest() { fs::create_directory(out()); }
+
+  [[nodiscard]] fs::path input() const { return dir_ / "input.mp4"; }
+  [[nodiscard]] fs::path out() const { return dir_ / "out"; }
+  ProcessResult Extract(ProcessOptions options = {}) {
+    options.time_limit = std::chrono::seconds(10);
+    return RunTool({input().string(), out().string()}, options);
+  }
+
+ private:
+  TempDir dir_;
+};
+
+TEST_F(FaultTest, AFileCutAnywhereIsReadAsFarAsItGoesOrRefused) {
+  Mp4Layout layout;
+  layout.order = Mp4Order::kMoovFirst;
+  layout.interleave_ms = 100;
+  WriteMp4(input(), {VideoTrack(), MotionTrack(90000)}, layout);
+  const std::uintmax_t whole = fs::file_size(input());
+  constexpr int kCuts = 40;
+  for (int i = 1; i <= kCuts; ++i) {
+    const std::uintmax_t size = whole - whole * static_cast<unsigned>(i) / kCuts;
+    SCOPED_TRACE(size);
+    fs::resize_file(input(), size);
+    const ProcessResult run = Extract();
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_THAT(run.err, HasSubstr(input().string()));
+    for (const auto& [name, bytes] : ReadDirectory(out())) {
+      if (name == "gyro.dat") {
+        EXPECT_EQ(bytes.size() % 56, 0U);
+      }
+    }
+  }
+}
+
+TEST_F(FaultTest, AFileThatShrinksWhileItIsReadIsCalledCut) {
+  Mp4Layout layout;
+  layout.order = Mp4Order::kMoovFirst;
+  WriteMp4(input(), {MotionTrack(90000, /*instants=*/400'000, /*hertz=*/1000)}, layout);
+  ProcessOptions options;
+  const auto whole = fs::file_size(input());
+  // The reader is at work as soon as it has created its first output.
+  std::thread cutter([&] {
+    while (!fs::exists(out() / "gyro.dat")) std::this_thread::yield();
+    fs::resize_file(input(), whole - whole / 20);
+  });
+  const ProcessResult run = Extract(options);
+  cutter.join();
+  EXPECT_EQ(run.exit_code, 0);
+  if (fs::file_size(out() / "gyro.dat") < 400'000U * 56) {
+    EXPECT_THAT(run.err, HasSubstr(input().string()));
+  }
+}
+
+TEST_F(FaultTest, BytesBehindTheEndOfTheFileChangeNothing) {
+  WriteMp4(input(), {VideoTrack(), MotionTrack(90000)});
+  ASSERT_EQ(Extract().err, "");
+  const auto expected = ReadDirectory(out());
+  fs::resize_file(input(),
+                  fs::file_size(input()) + 100'000);  // zeros: what a recorder preallocates
+  Extract();
+  EXPECT_TRUE(SameFiles(expected, ReadDirectory(out())));
+}
+
+TEST_F(FaultTest, OutOfDescriptorsIsNamed) {
+  WriteMp4(input(), {VideoTrack(), MotionTrack(90000)});
+  Extract();
+  const auto whole = ReadDirectory(out());
+  int complete = 0;
+  for (std::uint64_t limit = 4; limit <= 24; ++limit) {
+    SCOPED_TRACE(limit);
+    for (const auto& entry : fs::directory_iterator(out())) fs::remove(entry);
+    ProcessOptions options;
+    options.descriptor_limit = limit;
+    const ProcessResult run = Extract(options);
+    // Below a handful not even the program's libraries can be loaded.
+    if (run.exit_code == 127) continue;
+    EXPECT_EQ(run.exit_code == 0 || run.exit_code == 1, true) << run.exit_code;
+    if (run.err.empty()) {
+      ++complete;
+      EXPECT_TRUE(SameFiles(whole, ReadDirectory(out())));
+    }
+  }
+  EXPECT_GT(complete, 0);
+}
+
+}  // namespace
+}  // namespace motrace::testing
