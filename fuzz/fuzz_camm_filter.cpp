@@ -45,7 +45,7 @@ int64_t ChooseTime(uint8_t choice) {
     case 252:
       return int64_t{1} << 62;
     default:
-      return (choice - 100) * 1001;
+      return int64_t{1001} * (choice - 100);
   }
 }
 

@@ -190,6 +190,7 @@ TEST_F(FilterTest, ExposureRecordsAreMicrosecondsAndSeconds) {
 TEST_F(FilterTest, ExposuresAreDealtOutInTurn) {
   for (const int count : {1, 5, 6, 7, 12, 13}) {
     std::vector<TimedPayload> packets;
+    packets.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) packets.push_back({i, i, ExposureSample(i, 0)});
     const auto files = Extract(packets);
     for (int k = 0; k < 6; ++k) {
@@ -198,7 +199,7 @@ TEST_F(FilterTest, ExposuresAreDealtOutInTurn) {
       ASSERT_THAT(content, SizeIs(expected * 16)) << count << " exposures, file " << k + 1;
       for (int j = 0; j < expected; ++j) {
         int64_t time_us = 0;
-        std::memcpy(&time_us, content.data() + j * 16, sizeof time_us);
+        std::memcpy(&time_us, content.data() + ptrdiff_t{16} * j, sizeof time_us);
         EXPECT_EQ(time_us, (k + 6 * j) * 1000);
       }
     }
@@ -351,7 +352,8 @@ Bytes RandomPayload(std::mt19937& random) {
       default:
         // Noise in which types of the format are likely.
         for (uint32_t i = below(80); i > 0; --i) {
-          part.push_back(static_cast<uint8_t>(below(3) == 0 ? random() : below(8) * (i % 2)));
+          part.push_back(
+              static_cast<uint8_t>(below(3) == 0 ? random() : (i % 2 == 0 ? 0 : below(8))));
         }
     }
     if (below(5) == 0) part.resize(below(static_cast<uint32_t>(part.size()) + 1));
