@@ -5,7 +5,8 @@
 
 // What each backend does once raw_bayer.cpp has checked the arguments: every plane is allocated and
 // fits, and no output shares memory with another plane. `MergeRaw` gets the one image of a batch
-// that is meant.
+// that is meant. A failing device may leave the planes of split and merge half written, as they are
+// never the caller's then; it must leave the image of a repair as it was.
 
 namespace lum::raw::processor {
 void FixBadPixels(cv::Mat& image, float bad_pixel_rate);

@@ -143,7 +143,9 @@ void Repair(const char* kernel, cv::Mat& image, float bad_pixel_rate) {
   const cv::UMat repaired = Session::Allocate(image.size());
   session.Run(kernel, image.size(), In(source), Out(repaired), bad_pixel_rate, image.cols,
               image.rows);
-  repaired.copyTo(image);
+  cv::Mat result;  // The image itself stays whole if the download fails.
+  repaired.copyTo(result);
+  result.copyTo(image);
 }
 
 }  // namespace

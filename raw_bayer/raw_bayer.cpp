@@ -71,15 +71,18 @@ bool Overlap(const cv::Mat& a, const cv::Mat& b) {
 }
 
 /// An output of a call: what the backend writes to and how it reaches the caller's `cv::Mat`. That
-/// one is touched by `Commit` alone, so that it stays as it was if a backend fails on the way;
-/// memory that it already has is written directly unless it holds an input.
+/// one is touched by `Commit` alone, so that it stays as it was if a backend fails on the way. The
+/// processor, which cannot fail, writes memory that the caller's image already has directly unless
+/// it holds an input.
 class Output {
  public:
-  Output(cv::Mat& target, int rows, int cols, std::initializer_list<const cv::Mat*> inputs)
+  Output(cv::Mat& target, int rows, int cols, Backend backend,
+         std::initializer_list<const cv::Mat*> inputs)
       : target_(target) {
     if (target.dims == 2 && target.type() == CV_16UC1 && target.rows == rows &&
         target.cols == cols) {
       reuse_ = true;
+      copy_back_ = backend != Backend::kProcessor;
       for (const cv::Mat* input : inputs) {
         copy_back_ = copy_back_ || Overlap(target, *input);
       }
@@ -194,9 +197,9 @@ void SplitRaw(const cv::Mat& raw_border, cv::Mat& g, cv::Mat& r, cv::Mat& b, int
            SizeText(width, height));
   }
   const cv::Mat input = raw_border;  // Keeps the samples alive if an output is the same cv::Mat.
-  Output green(g, height, width, {&input});
-  Output red(r, height / 2, width / 2, {&input});
-  Output blue(b, height / 2, width / 2, {&input});
+  Output green(g, height, width, backend, {&input});
+  Output red(r, height / 2, width / 2, backend, {&input});
+  Output blue(b, height / 2, width / 2, backend, {&input});
   CheckApart(kName, "g", green, "r", red);
   CheckApart(kName, "g", green, "b", blue);
   CheckApart(kName, "r", red, "b", blue);
@@ -235,7 +238,7 @@ void MergeRaw(const cv::Mat& g, const cv::Mat& r, const cv::Mat& b, cv::Mat& raw
       raw.dims == 2 && raw.type() == CV_16UC1 && raw.cols == g.cols && raw.rows >= rows.end;
   cv::Mat batch = stays ? raw : cv::Mat(cv::Mat::zeros(g.size(), CV_16UC1));
   cv::Mat mosaic = batch.rowRange(rows);
-  Output output(mosaic, height, g.cols, {&green, &r, &b});
+  Output output(mosaic, height, g.cols, backend, {&green, &r, &b});
   Dispatch(kName, backend, processor::MergeRaw, opencl::MergeRaw, cuda::MergeRaw, green, r, b,
            output.image());
   output.Commit();

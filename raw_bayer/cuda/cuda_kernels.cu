@@ -148,7 +148,9 @@ void Repair(void (*kernel)(Image, Image, float), cv::Mat& image, float bad_pixel
   const DeviceImage source(image);
   const DeviceImage repaired(image.size());
   Run(kernel, image.size(), source.view(), repaired.view(), bad_pixel_rate);
-  repaired.Download(image);
+  cv::Mat result(image.size(), CV_16UC1);  // The image itself stays whole if the download fails.
+  repaired.Download(result);
+  result.copyTo(image);
 }
 
 }  // namespace
