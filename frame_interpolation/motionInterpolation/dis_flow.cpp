@@ -9,6 +9,8 @@
 namespace cv::optflow::lum {
 namespace {
 
+constexpr int kLargestStride = 1 << 16;
+
 constexpr int kScales = 10;
 constexpr int kPropagationStripes = 8;
 
@@ -189,7 +191,8 @@ kernels::SearchArgs DISOpticalFlowImpl::searchArgs(int scale, bool use_initial_f
   args.ws = ws;
   args.hs = hs;
   args.patch_size = patch_size;
-  args.patch_stride = patch_stride;
+  // Any stride beyond the image's sides means one patch; the sum of two must not overflow.
+  args.patch_stride = std::min(patch_stride, kLargestStride);
   args.border = border_size;
   args.passes = use_spatial_propagation ? 2 : 1;
   args.inner_iterations = static_cast<int>(
@@ -228,6 +231,7 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
   require(I0.size() == I1.size(), "I0.size() == I1.size()", 1018);
   require(I0.isContinuous(), "I0.isContinuous()", 1019);
   require(I1.isContinuous(), "I1.isContinuous()", 1020);
+  if (I0.dims() > 2 || I1.dims() > 2) CV_Error(Error::StsBadSize, "I0 and I1 must be images");
   checkParameters();
 
   const Mat i0 = I0.getMat();

@@ -899,6 +899,7 @@ TEST_F(FileMediaSrcTest, NothingComesAfterClose) {
     if (run.data->packets.size() == 3) third.Open();
     return true;
   };
+  run.source->SetPaced(true);  // a second: it must not be over before it is closed
   ASSERT_TRUE(run.source->Prepare());
   run.source->Start();
   third.Wait();
