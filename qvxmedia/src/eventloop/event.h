@@ -2,6 +2,7 @@
 #ifndef QVXMEDIA_EVENTLOOP_EVENT_H_
 #define QVXMEDIA_EVENTLOOP_EVENT_H_
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -79,8 +80,9 @@ class Event : public std::enable_shared_from_this<Event> {
 
   void* timer_record_ = nullptr;  // set by the dispatcher while a delay timer holds the event
   int32_t what_;
-  int32_t delay_ms_ = 0;
-  int64_t due_ns_ = 0;  // monotonic clock; of the last post with a delay
+  // Atomic, as an event may be posted again while it is still queued.
+  std::atomic<int32_t> delay_ms_{0};
+  std::atomic<int64_t> due_ns_{0};  // monotonic clock; of the last post with a delay
   std::weak_ptr<EventHandler> handler_;
   std::weak_ptr<EventDispatcher> dispatcher_;
   std::unordered_map<std::string, any> data_;
