@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "av_toolbox/time_util.h"
+#include "utils/memory_reserve.h"
 
 namespace {
 
@@ -120,6 +121,8 @@ bool CammProcessedFilter::Filter(lum::MediaInfo* info,
   ++packet_count_;
   if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) ++corrupt_packet_count_;
   try {
+    // Memory that ran out anywhere: what is left of it is for writing what there is.
+    if (MemoryReserve::Spent()) throw std::bad_alloc();
     Decode(*packet, info->stream->time_base);
   } catch (const std::bad_alloc&) {
     out_of_memory_ = true;

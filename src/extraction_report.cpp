@@ -65,7 +65,11 @@ void CheckInputWhole(const std::string& input, const lum::FileMediaSrc& source,
   const AVStream* stream = source.demuxer()->DataStream();
   const int64_t promised = stream != nullptr ? lum::compat::IndexEntryCount(stream) : 0;
   const bool read_through = source.read_result() != 0 || result == kEnded;
-  if (read_through && filter.packet_count() < promised) {
+  if (promised == 0 && stream != nullptr && stream->nb_frames > 0 && filter.packet_count() == 0) {
+    // FFmpeg leaves an index empty, without an error, when there is no memory for it.
+    line << "none of the " << stream->nb_frames << " motion packets of " << input
+         << " was read: no memory for its index, or it is broken\n";
+  } else if (read_through && filter.packet_count() < promised) {
     line << input << " ends early: " << filter.packet_count() << " of " << promised
          << " motion packets were there\n";
   } else if (const int64_t missing = source.demuxer()->MissingBytes(); missing > 0) {

@@ -16,10 +16,15 @@
 #include "extraction_report.h"
 #include "log_sites.h"
 #include "utils/allocator.h"
+#include "utils/last_words.h"
+#include "utils/memory_reserve.h"
 #include "utils/progress_line.h"
 #include "utils/vela_util.h"
 
 namespace {
+
+// Room for the thread stacks' first pages, the log and the writing of what was collected.
+constexpr size_t kReserve = size_t{4} * 1024 * 1024;
 
 // With a standard stream closed, the next file opened would take its number, and log text would end
 // up in an output file.
@@ -67,10 +72,14 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   TuneAllocatorForPackets();
+  const MemoryReserve reserve(kReserve);
   try {
+    LastWords::Set("motrace: the extraction of '" + std::string(argv[1]) +
+                   "' was cut short: the files in '" + argv[2] + "' are not whole\n");
     ParseMotion(argv[1], argv[2]);
   } catch (const std::exception& e) {  // out of memory or of threads
     std::cerr << "motrace: the extraction of '" << argv[1] << "' failed: " << e.what() << '\n';
   }
+  LastWords::Clear();
   return 0;
 }

@@ -22,6 +22,7 @@ namespace motrace::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::AnyOf;
 using ::testing::HasSubstr;
 
 class FaultTest : public ::testing::Test {
@@ -111,6 +112,45 @@ TEST_F(FaultTest, OutOfDescriptorsIsNamed) {
   }
   EXPECT_GT(complete, 0);
 }
+
+// Sanitizers map more addresses than any such limit leaves.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(FaultTest, OutOfMemoryIsNamed) {
+  Mp4Layout layout;
+  layout.order = Mp4Order::kMoovFirst;
+  WriteMp4(input(), {MotionTrack(90000, /*instants=*/150'000, /*hertz=*/1000)}, layout);
+  ASSERT_EQ(Extract().err, "");
+  const auto whole = ReadDirectory(out());
+  int incomplete = 0;
+  int complete_in_a_row = 0;
+  constexpr std::uint64_t kMiB = 1024 * 1024;
+  // From where the libraries cannot be loaded up to where the run wants for nothing.
+  for (std::uint64_t mib = 100; mib < 4096 && complete_in_a_row < 5; mib += 2) {
+    SCOPED_TRACE(mib);
+    for (const auto& entry : fs::directory_iterator(out())) fs::remove(entry);
+    ProcessOptions options;
+    options.address_space_limit = mib * kMiB;
+    const ProcessResult run = Extract(options);
+    ASSERT_FALSE(run.timed_out);
+    ASSERT_EQ(run.signal, 0) << run.err;
+    if (run.exit_code == 127) {
+      mib += 8;
+      continue;
+    }
+    EXPECT_TRUE(run.exit_code == 0 || run.exit_code == 1) << run.exit_code;
+    if (run.err.empty()) {
+      ++complete_in_a_row;
+      EXPECT_TRUE(SameFiles(whole, ReadDirectory(out())));
+    } else {
+      complete_in_a_row = 0;
+      ++incomplete;
+      EXPECT_THAT(run.err, AnyOf(HasSubstr(input().string()), HasSubstr(out().string())));
+    }
+  }
+  EXPECT_GT(incomplete, 0);
+  EXPECT_EQ(complete_in_a_row, 5);
+}
+#endif
 
 }  // namespace
 }  // namespace motrace::testing

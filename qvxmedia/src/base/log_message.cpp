@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <locale>
+#include <new>
 
 namespace lum {
 namespace {
@@ -22,6 +23,17 @@ uint32_t CurrentThreadId() {
 std::string ShortFileName(const std::string& file) {
   const size_t backslash = file.rfind('\\');
   return backslash == std::string::npos ? file : file.substr(backslash + 1);
+}
+
+// One call of the sink a record, so that lines of several threads stay whole.
+void Write(const std::string& text) {
+  LogSink& sink = GetLogSink();
+  const std::lock_guard<std::mutex> lock(sink.mutex);
+  std::fwrite(text.data(), 1, text.size(), sink.use_stderr ? stderr : stdout);
+  if (sink.file != nullptr) {
+    std::fwrite(text.data(), 1, text.size(), sink.file);
+    std::fflush(sink.file);
+  }
 }
 
 }  // namespace
@@ -73,16 +85,10 @@ void LogMessage::AppendHeader() {
 }
 
 LogMessage::~LogMessage() {
-  *this << '\n';
-  const std::string text = str();
-  LogSink& sink = GetLogSink();
-  {
-    const std::lock_guard<std::mutex> lock(sink.mutex);
-    std::fwrite(text.data(), 1, text.size(), sink.use_stderr ? stderr : stdout);
-    if (sink.file != nullptr) {
-      std::fwrite(text.data(), 1, text.size(), sink.file);
-      std::fflush(sink.file);
-    }
+  try {
+    *this << '\n';
+    Write(str());
+  } catch (const std::bad_alloc&) {  // a record less; what the process does goes on
   }
   if (fatal_) std::exit(1);  // NOLINT(concurrency-mt-unsafe): a failed check ends everything
 }

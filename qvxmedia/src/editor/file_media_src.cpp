@@ -102,9 +102,10 @@ bool FileMediaSrc::OpenConsumers() {
 
 void FileMediaSrc::Start() {
   if (dispatcher_ != nullptr || released_) return;
-  dispatcher_ = std::make_shared<EventDispatcher>();
-  dispatcher_->SetName(url_);
-  dispatcher_->Run();
+  const auto dispatcher = std::make_shared<EventDispatcher>();
+  dispatcher->SetName(url_);
+  dispatcher->Run();
+  dispatcher_ = dispatcher;
   read_event_ = MakeEvent(kSrcEventRead, shared_from_this(), dispatcher_);
   PostToSelf(kSrcEventStart);
 }
@@ -177,13 +178,13 @@ void FileMediaSrc::Fail(int32_t code) {
 void FileMediaSrc::HandleEvent(const std::shared_ptr<Event>& event) {
   switch (event->what()) {
     case kSrcEventStart:
-      PerformStart();
+      FailOnException([this] { PerformStart(); });
       break;
     case kSrcEventSeek:
-      PerformSeek();
+      FailOnException([this] { PerformSeek(); });
       break;
     case kSrcEventRead:
-      PerformRead();
+      FailOnException([this] { PerformRead(); });
       break;
     case kSrcEventInterrupted:
       Report(MediaSrcState::kCanceled, nullptr);
@@ -195,10 +196,21 @@ void FileMediaSrc::HandleEvent(const std::shared_ptr<Event>& event) {
       PerformFailed();
       break;
     case kSrcEventEnd:
-      PerformOnEnd();
+      FailOnException([this] { PerformOnEnd(); });
       break;
     default:
       break;
+  }
+}
+
+// A step that ran out of memory ends the reading, not the process.
+template <typename Step>
+void FileMediaSrc::FailOnException(Step&& step) {
+  try {
+    step();
+  } catch (const std::exception& e) {
+    LUM_LOG(kError) << "reading failed: " << e.what();
+    Fail(kReadErrorCode);
   }
 }
 

@@ -125,6 +125,8 @@ class FileMediaSrc : public MediaSrc,
   bool OpenConsumers();
 
   // Event thread.
+  template <typename Step>
+  void FailOnException(Step&& step);
   void PerformStart();
   void PerformSeek();
   void PerformRead();

@@ -1,5 +1,6 @@
 #include "editor/media_pipe.h"
 
+#include <exception>
 #include <stdexcept>
 
 #include "editor/blocking_post.h"
@@ -94,8 +95,7 @@ std::shared_ptr<Event> MediaPipe::NewEvent(PipeEvent what) {
 void MediaPipe::HandleEvent(const std::shared_ptr<Event>& event) {
   switch (event->what()) {
     case kPipeEventStart:
-      for (const auto& src : srcs_) src->Start();
-      state_ = kMediaPipeStarted;
+      PerformStart();
       break;
     case kPipeEventCancel:
       for (const auto& src : srcs_) src->Interrupt();
@@ -114,6 +114,18 @@ void MediaPipe::HandleEvent(const std::shared_ptr<Event>& event) {
       break;
     default:
       break;
+  }
+}
+
+void MediaPipe::PerformStart() {
+  try {
+    for (const auto& src : srcs_) src->Start();
+    state_ = kMediaPipeStarted;
+  } catch (const std::exception& e) {  // no thread for a source: it could not report a cancellation
+    LUM_LOG(kError) << "a source could not be started: " << e.what();
+    CloseSrcs();
+    state_ = kMediaPipeError;
+    if (on_error_) on_error_(error_code_);
   }
 }
 

@@ -84,6 +84,7 @@ class MediaPipe : public EventHandler, public std::enable_shared_from_this<Media
   [[nodiscard]] std::shared_ptr<Event> NewEvent(PipeEvent what);
   [[nodiscard]] std::shared_ptr<EventDispatcher> dispatcher();
 
+  void PerformStart();
   void PerformOnEnd(const Event& event);
   void PerformOnCancel(const Event& event);
   void PerformRelease(const Event& event);

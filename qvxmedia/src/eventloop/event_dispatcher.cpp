@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
+#include <new>
+#include <system_error>
 
 #include "eventloop/log_sites.h"
 
@@ -39,23 +42,39 @@ EventDispatcher::EventDispatcher() {
 }
 
 void EventDispatcher::Run() {
-  event_config* config = event_config_new();
-  event_config_set_flag(config, kPreciseTimer);
-  event_base_ = event_base_new_with_config(config);
-  event_config_free(config);
+  if (event_config* config = event_config_new()) {
+    event_config_set_flag(config, kPreciseTimer);
+    event_base_ = event_base_new_with_config(config);
+    event_config_free(config);
+  }
   LUM_CHECK_AT(event_base_ != nullptr, site::kBaseMissing) << "event base new failure";
 
   // Without a descriptor it is never ready by itself: it keeps the loop alive while idle, and
   // activating it wakes the loop.
   notify_event_ = event_new(event_base_, kNoDescriptor, EV_READ | EV_PERSIST, &OnNotify, this);
-  event_add(notify_event_, nullptr);
+  LUM_CHECK(notify_event_ != nullptr && event_add(notify_event_, nullptr) == 0)
+      << "no memory for the notify event";
 
   running_.exchange(true);
-  loop_ = std::thread([this] {
-    loop_id_ = std::this_thread::get_id();
-    event_base_dispatch(event_base_);
-    LUM_LOG_AT(kVerbose, site::kThreadExit) << '[' << name_ << ']' << " thread exit ...";
-  });
+  try {
+    loop_ = std::thread([this] {
+      loop_id_ = std::this_thread::get_id();
+      event_base_dispatch(event_base_);
+      LUM_LOG_AT(kVerbose, site::kThreadExit) << '[' << name_ << ']' << " thread exit ...";
+    });
+  } catch (const std::system_error&) {
+    running_ = false;
+    FreeLoop();
+    throw;
+  }
+}
+
+void EventDispatcher::FreeLoop() {
+  if (event_base_ == nullptr) return;
+  event_free(notify_event_);
+  notify_event_ = nullptr;
+  event_base_free(event_base_);
+  event_base_ = nullptr;
 }
 
 void EventDispatcher::Register(const std::shared_ptr<Event>& event) { Enqueue(event); }
@@ -84,11 +103,26 @@ void EventDispatcher::Stop() {
     return;
   }
   // A break asked for before the loop has started would be lost; an event due at once is not.
-  auto* record = new QuitRecord{this, nullptr};
-  record->quit_event = event_new(event_base_, kNoDescriptor, 0, &OnQuitEvent, record);
+  std::unique_ptr<QuitRecord> record(new (std::nothrow) QuitRecord{this, nullptr});
+  if (record != nullptr) {
+    record->quit_event = event_new(event_base_, kNoDescriptor, 0, &OnQuitEvent, record.get());
+  }
+  if (record == nullptr || record->quit_event == nullptr) return QuitWithoutMemory();
   event_priority_set(record->quit_event, 100);
   const timeval at_once{0, 0};
-  event_add(record->quit_event, &at_once);
+  if (event_add(record->quit_event, &at_once) != 0) {
+    event_free(record->quit_event);
+    return QuitWithoutMemory();
+  }
+  record.release();  // OnQuitEvent's now
+}
+
+// Lets the notify event, which exists already, break the loop: whoever waits in Release must not
+// wait for ever.
+void EventDispatcher::QuitWithoutMemory() {
+  break_when_notified_ = true;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (notify_event_ != nullptr) event_active(notify_event_, EV_READ, 0);
 }
 
 void EventDispatcher::Release() {
@@ -105,19 +139,16 @@ void EventDispatcher::Release() {
       delete record;
     }
     timer_events_.clear();
-    if (event_base_ != nullptr) {
-      event_free(notify_event_);
-      notify_event_ = nullptr;
-      event_base_free(event_base_);
-      event_base_ = nullptr;
-    }
+    FreeLoop();
   }
   dropped.clear();
   LUM_LOG_AT(kVerbose, site::kReleased) << '[' << name_ << ']' << " dispatcher release";
 }
 
 void EventDispatcher::OnNotify(int /*descriptor*/, short /*flags*/, void* dispatcher) {
-  static_cast<EventDispatcher*>(dispatcher)->Drain();
+  auto* self = static_cast<EventDispatcher*>(dispatcher);
+  self->Drain();
+  if (self->break_when_notified_) event_base_loopbreak(self->event_base_);
 }
 
 void EventDispatcher::Drain() {
@@ -148,12 +179,16 @@ void EventDispatcher::AddTimer(const std::shared_ptr<Event>& event) {
 
   // A time-out counts from the base's cached time, which is that of the turn's begin.
   event_base_update_cache_time(event_base_);
-  auto* record = new TimerRecord{this, event};
-  struct event* timer = event_new(event_base_, kNoDescriptor, 0, &OnTimerEvent, record);
-  event_add(timer, &timeout);
+  auto record = std::make_unique<TimerRecord>(TimerRecord{this, event});
+  struct event* timer = event_new(event_base_, kNoDescriptor, 0, &OnTimerEvent, record.get());
+  if (timer == nullptr || event_add(timer, &timeout) != 0) {
+    if (timer != nullptr) event_free(timer);
+    LUM_LOG(kError) << "no memory for a timer, dropped what:" << event->what();
+    return;
+  }
+  timer_events_.emplace(record.get(), timer);
   event_priority_set(timer, 1);
-  event->timer_record_ = record;
-  timer_events_.emplace(record, timer);
+  event->timer_record_ = record.release();
 }
 
 void EventDispatcher::OnTimerEvent(int /*descriptor*/, short /*flags*/, void* record_ptr) {

@@ -27,7 +27,8 @@ namespace lum {
 /// mutex, so a handler may post to its own dispatcher. Ownership: created with `std::make_shared`;
 /// events refer to it weakly. The end is, in this order: `Stop`, `Release`, the last reference.
 /// Destroying a dispatcher that runs ends the process. Errors: what cannot be delivered is dropped
-/// with a log record. libevent failing to make a base is a fatal check.
+/// with a log record. libevent failing to make a base is a fatal check. A handler must not throw:
+/// there is nobody to catch it, so it ends the process.
 ///
 /// Enabling libevent's thread support and breaking the loop happen inside VERBOSE log statements:
 /// with a minimum level above VERBOSE they do not take place, and `Release` waits for ever.
@@ -42,6 +43,7 @@ class EventDispatcher {
   void SetName(const std::string& name) { name_ = name; }
 
   /// Starts the loop and its thread.
+  /// @throws std::system_error when there can be no thread; the dispatcher is then not running.
   void Run();
 
   /// Queues `event`. Refused with an ERROR record unless running. `Event::Post` comes to the
@@ -63,6 +65,8 @@ class EventDispatcher {
   static void OnNotify(int descriptor, short flags, void* dispatcher);
   static void OnTimerEvent(int descriptor, short flags, void* record);
   static void OnQuitEvent(int descriptor, short flags, void* record);
+  void FreeLoop();
+  void QuitWithoutMemory();
   void Enqueue(std::shared_ptr<Event> event);
   void Drain();
   void AddTimer(const std::shared_ptr<Event>& event);
@@ -78,6 +82,7 @@ class EventDispatcher {
   std::atomic<std::thread::id> loop_id_{};  // loop_ itself may still be being assigned
   std::thread loop_;
   std::atomic<bool> running_{false};
+  std::atomic<bool> break_when_notified_{false};
   std::string name_;
 };
 
