@@ -109,5 +109,6 @@ std::vector<std::string> ExtractionProblems(const std::string& source_path,
     if (source.prepared()) CheckInputWhole(input, source, filter, result, lines);
   }
   CheckOutputs(filter, lines);
+  if (!source.prepared()) lines.push_back("nothing was extracted from " + input);
   return lines;
 }

@@ -38,7 +38,11 @@ TEST_P(ExtractionTest, WritesTheBytesOfThePlainExtraction) {
   const TempDir dir;
   const auto path = dir / "video.mp4";
   WriteMp4(path, GetParam().tracks(), GetParam().layout);
-  ExpectPlainExtraction(path);
+  if (GetParam().name == "MotionOnlyDelay") {  // FFmpeg finds nothing in such a track
+    ExpectPlainExtraction(path, ::testing::HasSubstr("none of the 452 motion packets"));
+  } else {
+    ExpectPlainExtraction(path);
+  }
 }
 
 std::string CaseName(const ::testing::TestParamInfo<FileCase>& info) { return info.param.name; }

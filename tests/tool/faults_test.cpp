@@ -4,10 +4,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <map>
 #include <string>
@@ -79,6 +81,43 @@ TEST_F(FaultTest, AFileThatShrinksWhileItIsReadIsCalledCut) {
   if (fs::file_size(out() / "gyro.dat") < 400'000U * 56) {
     EXPECT_THAT(run.err, HasSubstr(input().string()));
   }
+}
+
+TEST_F(FaultTest, AFileThatGrowsWhileItIsReadIsReadAsItWas) {
+  WriteMp4(input(), {MotionTrack(90000, /*instants=*/200'000, /*hertz=*/1000)});
+  ASSERT_EQ(Extract().err, "");
+  const auto expected = ReadDirectory(out());
+  fs::remove_all(out());
+  fs::create_directory(out());
+  std::atomic<bool> over{false};
+  std::thread recorder([&] {
+    while (!fs::exists(out() / "gyro.dat")) std::this_thread::yield();
+    std::ofstream file(input(), std::ios::app | std::ios::binary);
+    while (!over) file << std::string(1000, 'x') << std::flush;
+  });
+  EXPECT_EQ(Extract().err, "");
+  over = true;
+  recorder.join();
+  EXPECT_TRUE(SameFiles(expected, ReadDirectory(out())));
+}
+
+TEST_F(FaultTest, AnOutputThatMayNotBeWrittenIsNamedAndKept) {
+  WriteMp4(input(), {VideoTrack(), MotionTrack(90000)});
+  std::ofstream(out() / "gyro.dat") << "kept";
+  fs::permissions(out() / "gyro.dat", fs::perms::owner_read | fs::perms::others_read);
+  std::vector<std::string> command{MOTRACE_TOOL_PATH, input().string(), out().string()};
+  if (geteuid() == 0) {  // root may write everything
+    fs::permissions(out().parent_path(), fs::perms::all);
+    fs::permissions(out(), fs::perms::all);
+    command.insert(command.begin(),
+                   {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+  }
+  const ProcessResult run = RunProcess(command);
+  EXPECT_EQ(run.exit_code, 0);
+  EXPECT_EQ(run.err, "motrace: cannot create '" + (out() / "gyro.dat").string() +
+                         "': Permission denied\nmotrace: nothing was extracted from '" +
+                         input().string() + "'\n");
+  EXPECT_EQ(ReadFile(out() / "gyro.dat"), (Bytes{'k', 'e', 'p', 't'}));
 }
 
 TEST_F(FaultTest, BytesBehindTheEndOfTheFileChangeNothing) {
