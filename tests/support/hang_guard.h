@@ -48,6 +48,8 @@ class HangGuard {
     if (wake_.wait_for(lock, limit, [this] { return over_; })) return;
     std::fprintf(stderr, "HANG: %s: not over after %lld s; the stacks of all threads:\n",
                  what_.c_str(), static_cast<long long>(limit.count()));
+    std::array<void*, 1> frame{};
+    backtrace(frame.data(), 1);  // its first call loads a library, which a signal handler may not
     std::signal(SIGUSR2, &PrintStack);
     if (DIR* tasks = opendir("/proc/self/task")) {
       while (const dirent* task = readdir(tasks)) {  // NOLINT(concurrency-mt-unsafe): own handle
