@@ -2,6 +2,7 @@
 # Installs the Debian 12 packages that are needed, and only those that are missing:
 #   scripts/install-deps.sh tool    what building the tool and its library needs
 #   scripts/install-deps.sh         that, and what the image libraries, tests and benchmarks need
+#   scripts/install-deps.sh lint    all of that, and the checkers of the source
 set -euo pipefail
 
 packages=(
@@ -11,15 +12,16 @@ packages=(
 )
 case "${1:-all}" in
   tool) ;;
-  all)
+  all | lint)
     packages+=(
       libopencv-core-dev libopencv-imgproc-dev ocl-icd-opencl-dev pocl-opencl-icd
       libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
       python3 python3-numpy man-db file
     )
+    if [ "${1:-all}" = lint ]; then packages+=(clang-format-14 clang-tidy-14); fi
     ;;
   *)
-    echo "usage: scripts/install-deps.sh [tool]" >&2
+    echo "usage: scripts/install-deps.sh [tool|lint]" >&2
     exit 2
     ;;
 esac

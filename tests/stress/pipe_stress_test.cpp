@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -79,14 +80,13 @@ TEST(PipeStress, CanceledAndReleasedAtRandomMomentsReportsAtMostOnce) {
     ASSERT_TRUE(pipe->Prepare());
 
     const bool wait_for_report = chance.Below(2) == 0;
-    std::vector<std::thread> cancellers;
     pipe->Start();
-    for (int i = 0; i < 2; ++i) {
-      cancellers.emplace_back([&pipe, seed = chance.Next()] {
-        Chance(seed).Dawdle();
-        pipe->Cancel();
-      });
-    }
+    const auto cancel = [&pipe](uint32_t seed) {
+      Chance(seed).Dawdle();
+      pipe->Cancel();
+    };
+    std::array<std::thread, 2> cancellers{std::thread(cancel, chance.Next()),
+                                          std::thread(cancel, chance.Next())};
     if (wait_for_report) {
       reported.get_future().wait();  // a cancelled pipe always reports
     } else {
@@ -115,6 +115,7 @@ TEST_P(RunnerLimit, GivesOneResult) {
   const HangGuard guard(GetParam().name);
   constexpr int kPipes = 4;  // at once, in one process
   std::vector<std::thread> runs;
+  runs.reserve(kPipes);
   for (int i = 0; i < kPipes; ++i) {
     runs.emplace_back([] {
       std::promise<void> never;

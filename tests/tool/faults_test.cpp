@@ -78,7 +78,7 @@ TEST_F(FaultTest, AFileThatShrinksWhileItIsReadIsCalledCut) {
   const ProcessResult run = Extract(options);
   cutter.join();
   EXPECT_EQ(run.exit_code, 0);
-  if (fs::file_size(out() / "gyro.dat") < 400'000U * 56) {
+  if (fs::file_size(out() / "gyro.dat") < std::uintmax_t{400'000} * 56) {
     EXPECT_THAT(run.err, HasSubstr(input().string()));
   }
 }
@@ -162,7 +162,7 @@ TEST_F(FaultTest, OutOfMemoryIsNamed) {
   const auto whole = ReadDirectory(out());
   int incomplete = 0;
   int complete_in_a_row = 0;
-  constexpr std::uint64_t kMiB = 1024 * 1024;
+  constexpr std::uint64_t kMiB = std::uint64_t{1024} * 1024;
   // From where the libraries cannot be loaded up to where the run wants for nothing.
   for (std::uint64_t mib = 100; mib < 4096 && complete_in_a_row < 5; mib += 2) {
     SCOPED_TRACE(mib);

@@ -26,7 +26,10 @@ int64_t SeekInSource(void* source, int64_t offset, int whence) {
 void ReuseOrRenew(std::shared_ptr<QVXPacket>& packet) {
   if (packet.use_count() == 1) {
     // Counting up and down again orders us behind whoever held it last, maybe on another thread.
-    { const std::shared_ptr<QVXPacket> ordered = packet; }
+    {
+      // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+      const std::shared_ptr<QVXPacket> ordered = packet;
+    }
     av_packet_unref(packet.get());
   } else {
     packet = NewPacket();

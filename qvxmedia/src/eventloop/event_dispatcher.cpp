@@ -114,7 +114,7 @@ void EventDispatcher::Stop() {
     event_free(record->quit_event);
     return QuitWithoutMemory();
   }
-  record.release();  // OnQuitEvent's now
+  static_cast<void>(record.release());  // OnQuitEvent's now
 }
 
 // Lets the notify event, which exists already, break the loop: whoever waits in Release must not
