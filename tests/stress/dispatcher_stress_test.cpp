@@ -29,7 +29,7 @@ class Counter : public lum::EventHandler {
 // and the owner releases it.
 TEST(DispatcherStress, PostingWhileItStopsLosesNoMemoryAndHangsNobody) {
   constexpr uint32_t kPosters = 3;
-  const HangGuard guard("posting while a dispatcher stops");
+  const HangGuard guard("posting while a dispatcher stops", HangLimit());
   SCOPED_TRACE(Seed());
   Chance chance(Seed());
   for (int round = 0; round < Rounds(300); ++round) {

@@ -67,7 +67,7 @@ void Extract(const std::string& input, const std::filesystem::path& directory) {
 }
 
 TEST(ExtractionStress, AThousandRunsLeaveNoDescriptorAndNoThread) {
-  const HangGuard guard("a thousand extractions", std::chrono::seconds(250));
+  const HangGuard guard("a thousand extractions", HangLimit());
   const TempDir dir;
   const std::string input = MakeInput(dir);
   std::filesystem::create_directory(dir / "out");
@@ -86,7 +86,7 @@ TEST(ExtractionStress, AThousandRunsLeaveNoDescriptorAndNoThread) {
 }
 
 TEST(ExtractionStress, PipesAtOnceInOneProcessWriteTheSame) {
-  const HangGuard guard("pipes at once");
+  const HangGuard guard("pipes at once", HangLimit());
   const TempDir dir;
   const std::string input = MakeInput(dir);
   const auto packets = ReadDataStream(input);
@@ -164,7 +164,7 @@ struct FileRun {
 };
 
 TEST(ExtractionStress, CanceledAtRandomMomentsReportsOnceAndReadsNoMore) {
-  const HangGuard guard("cancelling extractions", std::chrono::seconds(250));
+  const HangGuard guard("cancelling extractions", HangLimit());
   const TempDir dir;
   const std::string input = MakeInput(dir);
   SCOPED_TRACE(Seed());
@@ -219,7 +219,7 @@ TEST(ExtractionStress, CanceledAtRandomMomentsReportsOnceAndReadsNoMore) {
 
 // The runner's limit passes while the consumer holds the source's thread.
 TEST(ExtractionStress, TheTimeLimitMayPassInAnyStepOfTheSource) {
-  const HangGuard guard("a time limit during reading, end and close");
+  const HangGuard guard("a time limit during reading, end and close", HangLimit());
   const TempDir dir;
   const std::string input = MakeInput(dir);
 

@@ -57,7 +57,7 @@ class EagerSrc : public FakeMediaSrc {
 // Pipes of one to three sources, cancelled at random moments by several threads, released at
 // another one.
 TEST(PipeStress, CanceledAndReleasedAtRandomMomentsReportsAtMostOnce) {
-  const HangGuard guard("cancelling pipes");
+  const HangGuard guard("cancelling pipes", HangLimit());
   SCOPED_TRACE(Seed());
   Chance chance(Seed());
   for (int round = 0; round < Rounds(1000); ++round) {
@@ -112,7 +112,7 @@ struct LimitCase {
 class RunnerLimit : public ::testing::TestWithParam<LimitCase> {};
 
 TEST_P(RunnerLimit, GivesOneResult) {
-  const HangGuard guard(GetParam().name);
+  const HangGuard guard(GetParam().name, HangLimit());
   constexpr int kPipes = 4;  // at once, in one process
   std::vector<std::thread> runs;
   runs.reserve(kPipes);

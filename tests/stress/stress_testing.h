@@ -3,6 +3,7 @@
 #define MOTRACE_TESTS_STRESS_STRESS_TESTING_H_
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <random>
@@ -19,6 +20,9 @@ inline uint32_t FromEnvironment(const char* name, uint32_t otherwise) {
 inline int Rounds(int rounds) {
   return rounds * static_cast<int>(FromEnvironment("MOTRACE_STRESS_FACTOR", 1));
 }
+
+/// A time that so many rounds never take.
+inline std::chrono::seconds HangLimit() { return std::chrono::seconds(Rounds(250)); }
 
 /// MOTRACE_STRESS_SEED; goes into the trace of a failing test.
 inline uint32_t Seed() { return FromEnvironment("MOTRACE_STRESS_SEED", 20240229); }
