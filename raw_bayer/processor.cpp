@@ -153,7 +153,8 @@ class RepairStripe {
     const Kernels& kernels = kernels::Active();
     Sample* const out = Row(image_, y);
     // Clamped, as the rows beyond the image are asked for only where they do not count.
-    kernels::RepairRow row{{}, nullptr, y};
+    kernels::RepairRow row{
+        {}, Row(image_, std::min(y + Rule::kReach + 1, image_.height - 1)), nullptr, y};
     for (int dy = -Rule::kReach; dy <= Rule::kReach; ++dy) {
       row.rows[2 + dy] = Original(std::clamp(y + dy, 0, image_.height - 1));
     }
@@ -305,6 +306,7 @@ void SplitRaw(const cv::Mat& raw_border, cv::Mat& g, cv::Mat& r, cv::Mat& b, int
         const int done = kernels.split(
             {{Row(raw, ry - 1) + rx, Row(raw, ry) + rx, Row(raw, ry + 1) + rx,
               Row(raw, ry + 2) + rx},
+             {Row(raw, ry + 3) + rx, Row(raw, ry + 4) + rx},
              {rows.To(0, Row(green, 2 * y) + 2 * x), rows.To(1, Row(green, 2 * y + 1) + 2 * x)},
              rows.To(2, Row(red, y) + x),
              rows.To(3, Row(blue, y) + x),

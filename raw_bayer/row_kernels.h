@@ -34,13 +34,15 @@ struct Screen {
 /// A row to repair with the rows around it as they were before any repair.
 struct RepairRow {
   const std::uint16_t* rows[5];  // y - 2 to y + 2; FixBadPixels2 needs the inner three
+  const std::uint16_t* ahead;    // a row that will be read soon
   std::uint16_t* out;            // null: only look for bad samples
   int y;
 };
 
 /// The rows of a span of cells, each from the span's first sample on.
 struct SplitSpan {
-  const std::uint16_t* raw[4];  // from the row above the cells to the one below
+  const std::uint16_t* raw[4];    // from the row above the cells to the one below
+  const std::uint16_t* ahead[2];  // rows that will be read soon
   std::uint16_t* g[2];
   std::uint16_t* r;
   std::uint16_t* b;

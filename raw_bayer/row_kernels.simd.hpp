@@ -20,6 +20,15 @@ inline v_uint16 Load(const Sample* from) { return cv::vx_load(from); }
 inline v_uint32 Pairs(const Sample* from) { return cv::v_reinterpret_as_u32(Load(from)); }
 inline v_uint16 Samples(const v_uint32& pairs) { return cv::v_reinterpret_as_u16(pairs); }
 
+/// The processor's own prefetching ends with each page, which is a quarter of a row.
+inline void Prefetch(const Sample* from) {
+#if defined(__GNUC__)
+  __builtin_prefetch(from);
+#else
+  static_cast<void>(from);
+#endif
+}
+
 inline v_uint16 Max(const v_uint16& a) { return a; }
 template <typename... Vectors>
 inline v_uint16 Max(const v_uint16& a, const Vectors&... others) {
@@ -105,6 +114,7 @@ struct CrossRule {
     const Sample* const above = row.rows[1] + x;
     const Sample* const centre = row.rows[2] + x;
     const Sample* const below = row.rows[3] + x;
+    Prefetch(row.ahead + x);
     const v_uint16 samples = Load(centre);
     v_uint16 good;
     const bool bad = judge.FindGood<kVisit>(
@@ -132,6 +142,7 @@ struct SquareRule {
     const Sample* const above = row.rows[1] + x;
     const Sample* const centre = row.rows[2] + x;
     const Sample* const below = row.rows[3] + x;
+    Prefetch(row.ahead + x);
     const v_uint16 samples = Load(centre);
     const v_uint16 a = Load(above - 1), b = Load(above), c = Load(above + 1);
     const v_uint16 d = Load(centre - 1), e = Load(centre + 1);
@@ -189,6 +200,8 @@ int Split(const SplitSpan& span) {
     v_uint32 blue[2];
     for (int i = 0; i < 2; ++i) {
       const int rx = 2 * x + i * kLanes;
+      Prefetch(span.ahead[0] + rx);
+      Prefetch(span.ahead[1] + rx);
       const v_uint32 top = Pairs(span.raw[1] + rx);     // red, green
       const v_uint32 bottom = Pairs(span.raw[2] + rx);  // green, blue
       const v_uint32 at_red = cv::v_shr<2>((Pairs(span.raw[0] + rx) & low) + cv::v_shr<16>(top) +
