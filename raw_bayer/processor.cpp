@@ -36,10 +36,16 @@ S* Row(const Plane<S>& plane, int y) {
   return plane.data + SampleOffset(0, y, plane.width, plane.height, plane.step);
 }
 
+/// The samples of row y from column x on, which must be below the width.
+template <typename S>
+S* SpanAt(const Plane<S>& plane, int x, int y) {
+  return Row(plane, y) + x;
+}
+
 /// Stripes for work on `rows` rows of `width` samples: some per thread to even out the load, but
 /// none so small that handing it out costs more than the work.
 int StripeCount(int rows, int width) {
-  constexpr std::int64_t kMinSamples = 16 * 1024;
+  constexpr std::int64_t kMinSamples = 1 << 14;
   const std::int64_t samples = static_cast<std::int64_t>(rows) * width;
   const std::int64_t most = std::min<std::int64_t>(samples / kMinSamples, rows);
   return static_cast<int>(
@@ -241,24 +247,28 @@ class Rows {
  public:
   explicit Rows(bool stream) : stream_(stream) {}
 
-  Sample* To(int i, Sample* target) {
+  /// @return where row i is to be written, of which each cell holds some samples.
+  Sample* To(int i, Sample* target, size_t samples_per_cell) {
     targets_[i] = target;
+    samples_[i] = samples_per_cell;
     return stream_ ? buffers_[i] : target;
   }
-  void Flush(const Kernels& kernels, int i, int samples) const {
-    if (stream_) {
-      kernels.stream(targets_[i], buffers_[i], static_cast<size_t>(samples));
+  void Flush(const Kernels& kernels, size_t cells) const {
+    for (int i = 0; stream_ && i < kRows; ++i) {
+      kernels.stream(targets_[i], buffers_[i], cells * samples_[i]);
     }
   }
 
  private:
   bool stream_;
   Sample* targets_[kRows] = {};
-  alignas(64) Sample buffers_[kRows][2 * kChunk];
+  size_t samples_[kRows] = {};
+  alignas(64) Sample buffers_[kRows][2 * kChunk] = {};
 };
 
 /// Goes over all cells of a mosaic of `cells`. `vectors(rows, x, y, count)` treats up to `count`
-/// cells of row y from x on and returns how many; `scalar(x, y)` treats one.
+/// cells of row y from x on, writes where `rows` says and returns how many; `scalar(x, y)` treats
+/// one.
 template <int kRows, typename Vectors, typename Scalar>
 void ForCells(const cv::Size& cells, const Vectors& vectors, const Scalar& scalar) {
   const Kernels& kernels = kernels::Active();
@@ -272,6 +282,7 @@ void ForCells(const cv::Size& cells, const Vectors& vectors, const Scalar& scala
       int x = 0;
       for (int done = 1; has_vectors && done > 0 && x < cells.width; x += done) {
         done = vectors(kernels, rows, x, y, std::min(kChunk, cells.width - x));
+        rows.Flush(kernels, static_cast<size_t>(done));
       }
       for (; x < cells.width; ++x) {
         scalar(x, y);
@@ -303,18 +314,14 @@ void SplitRaw(const cv::Mat& raw_border, cv::Mat& g, cv::Mat& r, cv::Mat& b, int
       [&](const Kernels& kernels, Rows<4>& rows, int x, int y, int count) {
         const int rx = 2 * x + border_size;
         const int ry = 2 * y + border_size;
-        const int done = kernels.split(
-            {{Row(raw, ry - 1) + rx, Row(raw, ry) + rx, Row(raw, ry + 1) + rx,
-              Row(raw, ry + 2) + rx},
-             {Row(raw, ry + 3) + rx, Row(raw, ry + 4) + rx},
-             {rows.To(0, Row(green, 2 * y) + 2 * x), rows.To(1, Row(green, 2 * y + 1) + 2 * x)},
-             rows.To(2, Row(red, y) + x),
-             rows.To(3, Row(blue, y) + x),
-             count});
-        for (int i = 0; i < 4; ++i) {
-          rows.Flush(kernels, i, i < 2 ? 2 * done : done);
-        }
-        return done;
+        return kernels.split({{SpanAt(raw, rx, ry - 1), SpanAt(raw, rx, ry),
+                               SpanAt(raw, rx, ry + 1), SpanAt(raw, rx, ry + 2)},
+                              {SpanAt(raw, rx, ry + 3), SpanAt(raw, rx, ry + 4)},
+                              {rows.To(0, SpanAt(green, 2 * x, 2 * y), 2),
+                               rows.To(1, SpanAt(green, 2 * x, 2 * y + 1), 2)},
+                              rows.To(2, SpanAt(red, x, y), 1),
+                              rows.To(3, SpanAt(blue, x, y), 1),
+                              count});
       },
       [&](int x, int y) { SplitCell(raw, green, red, blue, border_size, x, y); });
 }
@@ -327,15 +334,12 @@ void MergeRaw(const cv::Mat& g, const cv::Mat& r, const cv::Mat& b, cv::Mat& raw
   ForCells<2>(
       r.size(),
       [&](const Kernels& kernels, Rows<2>& rows, int x, int y, int count) {
-        const int done = kernels.merge(
-            {{Row(green, 2 * y) + 2 * x, Row(green, 2 * y + 1) + 2 * x},
-             Row(red, y) + x,
-             Row(blue, y) + x,
-             {rows.To(0, Row(mosaic, 2 * y) + 2 * x), rows.To(1, Row(mosaic, 2 * y + 1) + 2 * x)},
-             count});
-        rows.Flush(kernels, 0, 2 * done);
-        rows.Flush(kernels, 1, 2 * done);
-        return done;
+        return kernels.merge({{SpanAt(green, 2 * x, 2 * y), SpanAt(green, 2 * x, 2 * y + 1)},
+                              SpanAt(red, x, y),
+                              SpanAt(blue, x, y),
+                              {rows.To(0, SpanAt(mosaic, 2 * x, 2 * y), 2),
+                               rows.To(1, SpanAt(mosaic, 2 * x, 2 * y + 1), 2)},
+                              count});
       },
       [&](int x, int y) { MergeCell(green, red, blue, mosaic, x, y); });
 }

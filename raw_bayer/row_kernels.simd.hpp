@@ -3,6 +3,8 @@
 
 #include "raw_bayer/row_kernels.h"
 
+// NOLINTBEGIN(misc-definitions-in-headers): each including file makes other definitions of it.
+
 // Pairs of samples below are taken as the low and high half of 32-bit lanes.
 #if CV_SIMD && defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
 
@@ -19,6 +21,15 @@ constexpr int kLanes = v_uint16::nlanes;
 inline v_uint16 Load(const Sample* from) { return cv::vx_load(from); }
 inline v_uint32 Pairs(const Sample* from) { return cv::v_reinterpret_as_u32(Load(from)); }
 inline v_uint16 Samples(const v_uint32& pairs) { return cv::v_reinterpret_as_u16(pairs); }
+
+inline v_uint32 First(const v_uint32& pairs) { return pairs & cv::vx_setall_u32(0x0000ffffU); }
+inline v_uint32 Second(const v_uint32& pairs) { return cv::v_shr<16>(pairs); }
+inline v_uint16 WithFirst(const v_uint32& pairs, const v_uint32& first) {
+  return Samples((pairs & cv::vx_setall_u32(0xffff0000U)) | first);
+}
+inline v_uint16 WithSecond(const v_uint32& pairs, const v_uint32& second) {
+  return Samples(First(pairs) | cv::v_shl<16>(second));
+}
 
 /// The processor's own prefetching ends with each page, which is a quarter of a row.
 inline void Prefetch(const Sample* from) {
@@ -106,68 +117,83 @@ class Judge {
   bool useful_;
 };
 
-/// The rule of `FixBadPixels` for a vector of samples from column `x` on. @return whether one is
-/// bad.
-struct CrossRule {
-  template <Visit kVisit>
-  static bool Block(const RepairRow& row, const Judge& judge, int x) {
-    const Sample* const above = row.rows[1] + x;
-    const Sample* const centre = row.rows[2] + x;
-    const Sample* const below = row.rows[3] + x;
-    Prefetch(row.ahead + x);
-    const v_uint16 samples = Load(centre);
-    v_uint16 good;
-    const bool bad = judge.FindGood<kVisit>(
-        samples, Max(Load(above), Load(below), Load(centre - 1), Load(centre + 1)), good);
-    if ((bad && kVisit == Visit::kSparse) || kVisit == Visit::kDense) {
-      // At a site of red or blue the samples two away, at a green one the diagonals.
-      const v_uint16 even_lanes = Samples(cv::vx_setall_u32(0x0000ffffU));
-      const v_uint16 coloured = ((x ^ row.y) & 1) == 0 ? even_lanes : ~even_lanes;
-      const auto either = [&](const Sample* same_colour, const Sample* diagonal) {
-        return cv::v_select(coloured, Load(same_colour), Load(diagonal));
-      };
-      const v_uint16 mean =
-          Mean<2>(either(row.rows[0] + x, above - 1), either(centre - 2, above + 1),
-                  either(centre + 2, below - 1), either(row.rows[4] + x, below + 1));
-      cv::v_store(row.out + x, cv::v_select(good, samples, mean));
-    }
-    return bad;
+/// The surroundings of a vector of samples from column `x` on, as `FixBadPixels` sees them.
+class Cross {
+ public:
+  Cross(const RepairRow& row, int x) : row_(row), x_(x) {}
+
+  v_uint16 Brightest() const {
+    return Max(Load(At(-1)), Load(At(0) - 1), Load(At(0) + 1), Load(At(1)));
   }
+  /// Means of the samples two away at sites of red or blue, of the diagonals at green ones.
+  v_uint16 Repaired() const {
+    const v_uint16 even_lanes = Samples(cv::vx_setall_u32(0x0000ffffU));
+    const v_uint16 coloured = ((x_ ^ row_.y) & 1) == 0 ? even_lanes : ~even_lanes;
+    const auto either = [&](const Sample* same_colour, const Sample* diagonal) {
+      return cv::v_select(coloured, Load(same_colour), Load(diagonal));
+    };
+    return Mean<2>(either(At(-2), At(-1) - 1), either(At(0) - 2, At(-1) + 1),
+                   either(At(0) + 2, At(1) - 1), either(At(2), At(1) + 1));
+  }
+
+ private:
+  const Sample* At(int dy) const { return row_.rows[2 + dy] + x_; }
+  const RepairRow& row_;
+  int x_;
 };
 
 /// The same for `FixBadPixels2`.
-struct SquareRule {
-  template <Visit kVisit>
-  static bool Block(const RepairRow& row, const Judge& judge, int x) {
-    const Sample* const above = row.rows[1] + x;
-    const Sample* const centre = row.rows[2] + x;
-    const Sample* const below = row.rows[3] + x;
-    Prefetch(row.ahead + x);
-    const v_uint16 samples = Load(centre);
-    const v_uint16 a = Load(above - 1), b = Load(above), c = Load(above + 1);
-    const v_uint16 d = Load(centre - 1), e = Load(centre + 1);
-    const v_uint16 f = Load(below - 1), g = Load(below), h = Load(below + 1);
-    v_uint16 good;
-    const bool bad = judge.FindGood<kVisit>(samples, Max(a, b, c, d, e, f, g, h), good);
-    if ((bad && kVisit == Visit::kSparse) || kVisit == Visit::kDense) {
-      const v_uint16 mean = Mean<3>(a, b, c, d, e, f, g, h);
-      cv::v_store(row.out + x, cv::v_select(good, samples, mean));
+class Square {
+ public:
+  Square(const RepairRow& row, int x) {
+    int i = 0;
+    for (int dy = -1; dy <= 1; ++dy) {
+      for (int dx = -1; dx <= 1; ++dx) {
+        if (dx != 0 || dy != 0) {
+          around_[i++] = Load(row.rows[2 + dy] + x + dx);
+        }
+      }
     }
-    return bad;
   }
+
+  v_uint16 Brightest() const {
+    return Max(around_[0], around_[1], around_[2], around_[3], around_[4], around_[5], around_[6],
+               around_[7]);
+  }
+  v_uint16 Repaired() const {
+    return Mean<3>(around_[0], around_[1], around_[2], around_[3], around_[4], around_[5],
+                   around_[6], around_[7]);
+  }
+
+ private:
+  v_uint16 around_[8];
 };
+
+/// @return whether a sample of the vector from column `x` on is bad.
+template <typename Around, Visit kVisit>
+inline bool VisitVector(const RepairRow& row, const Judge& judge, int x) {
+  Prefetch(row.ahead + x);
+  const Around around(row, x);
+  const v_uint16 samples = Load(row.rows[2] + x);
+  v_uint16 good;
+  const bool bad = judge.FindGood<kVisit>(samples, around.Brightest(), good);
+  if ((bad && kVisit == Visit::kSparse) || kVisit == Visit::kDense) {
+    cv::v_store(row.out + x, cv::v_select(good, samples, around.Repaired()));
+  }
+  return bad;
+}
 
 /// Visits the samples from `x` to `end` in vectors. The last of them may begin earlier than the one
 /// before ends: its samples come out the same again, as nothing reads `out`.
 /// @return where a search stopped, else `end`.
-template <typename Rule>
+template <typename Around>
 int Fix(const RepairRow& row, const Screen& screen, int x, int end) {
   const Judge judge(screen);
   const int last = end - kLanes;
   if (row.out == nullptr) {
     for (; x < end; x += kLanes) {
       const int at = x < last ? x : last;
-      if (Rule::template Block<Visit::kFind>(row, judge, at)) {
+      if (VisitVector<Around, Visit::kFind>(row, judge, at)) {
         return at;
       }
     }
@@ -181,8 +207,8 @@ int Fix(const RepairRow& row, const Screen& screen, int x, int end) {
     int with_bad = 0;
     for (; vectors < kRun && x < end; ++vectors, x += kLanes) {
       const int at = x < last ? x : last;
-      with_bad += (dense ? Rule::template Block<Visit::kDense>(row, judge, at)
-                         : Rule::template Block<Visit::kSparse>(row, judge, at))
+      with_bad += (dense ? VisitVector<Around, Visit::kDense>(row, judge, at)
+                         : VisitVector<Around, Visit::kSparse>(row, judge, at))
                       ? 1
                       : 0;
     }
@@ -192,8 +218,6 @@ int Fix(const RepairRow& row, const Screen& screen, int x, int end) {
 }
 
 int Split(const SplitSpan& span) {
-  const v_uint32 low = cv::vx_setall_u32(0x0000ffffU);
-  const v_uint32 high = cv::vx_setall_u32(0xffff0000U);
   int x = 0;
   for (; x + kLanes <= span.cells; x += kLanes) {
     v_uint32 red[2];
@@ -204,16 +228,16 @@ int Split(const SplitSpan& span) {
       Prefetch(span.ahead[1] + rx);
       const v_uint32 top = Pairs(span.raw[1] + rx);     // red, green
       const v_uint32 bottom = Pairs(span.raw[2] + rx);  // green, blue
-      const v_uint32 at_red = cv::v_shr<2>((Pairs(span.raw[0] + rx) & low) + cv::v_shr<16>(top) +
-                                           (bottom & low) + (Pairs(span.raw[1] + rx - 1) & low));
+      const v_uint32 greens = Second(top) + First(bottom);
+      const v_uint32 at_red =
+          greens + First(Pairs(span.raw[0] + rx)) + First(Pairs(span.raw[1] + rx - 1));
       // The load one further ends at the first sample behind the span, at most in the border.
       const v_uint32 at_blue =
-          cv::v_shr<2>(cv::v_shr<16>(top) + cv::v_shr<16>(Pairs(span.raw[2] + rx + 1)) +
-                       cv::v_shr<16>(Pairs(span.raw[3] + rx)) + (bottom & low));
-      cv::v_store(span.g[0] + rx, Samples((top & high) | at_red));
-      cv::v_store(span.g[1] + rx, Samples((bottom & low) | cv::v_shl<16>(at_blue)));
-      red[i] = top & low;
-      blue[i] = cv::v_shr<16>(bottom);
+          greens + Second(Pairs(span.raw[2] + rx + 1)) + Second(Pairs(span.raw[3] + rx));
+      cv::v_store(span.g[0] + rx, WithFirst(top, cv::v_shr<2>(at_red)));
+      cv::v_store(span.g[1] + rx, WithSecond(bottom, cv::v_shr<2>(at_blue)));
+      red[i] = First(top);
+      blue[i] = Second(bottom);
     }
     cv::v_store(span.r + x, cv::v_pack(red[0], red[1]));
     cv::v_store(span.b + x, cv::v_pack(blue[0], blue[1]));
@@ -222,19 +246,15 @@ int Split(const SplitSpan& span) {
 }
 
 int Merge(const MergeSpan& span) {
-  const v_uint32 low = cv::vx_setall_u32(0x0000ffffU);
-  const v_uint32 high = cv::vx_setall_u32(0xffff0000U);
   int x = 0;
   for (; x + kLanes <= span.cells; x += kLanes) {
-    v_uint32 red[2];
-    v_uint32 blue[2];
+    v_uint32 red[2], blue[2];
     cv::v_expand(Load(span.r + x), red[0], red[1]);
     cv::v_expand(Load(span.b + x), blue[0], blue[1]);
     for (int i = 0; i < 2; ++i) {
       const int rx = 2 * x + i * kLanes;
-      cv::v_store(span.raw[0] + rx, Samples((Pairs(span.g[0] + rx) & high) | red[i]));
-      cv::v_store(span.raw[1] + rx,
-                  Samples((Pairs(span.g[1] + rx) & low) | cv::v_shl<16>(blue[i])));
+      cv::v_store(span.raw[0] + rx, WithFirst(Pairs(span.g[0] + rx), red[i]));
+      cv::v_store(span.raw[1] + rx, WithSecond(Pairs(span.g[1] + rx), blue[i]));
     }
   }
   return x;
@@ -267,8 +287,7 @@ void FinishStreaming() {
 }  // namespace
 
 const Kernels LUM_RAW_KERNELS = {
-    LUM_RAW_KERNELS_NAME, kLanes, Fix<CrossRule>, Fix<SquareRule>, Split, Merge, Stream,
-    FinishStreaming};
+    LUM_RAW_KERNELS_NAME, kLanes, Fix<Cross>, Fix<Square>, Split, Merge, Stream, FinishStreaming};
 
 }  // namespace lum::raw::kernels
 
@@ -278,3 +297,5 @@ const lum::raw::kernels::Kernels lum::raw::kernels::LUM_RAW_KERNELS = {
     "none", 0x7fffffff, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
 
 #endif
+
+// NOLINTEND(misc-definitions-in-headers)

@@ -1,17 +1,6 @@
-// The row kernels for AVX2; compiled with its flag, run only where the processor has it.
-//
-// OpenCV's headers derive these macros from the target in its own build only; CV_CPU_DISPATCH_MODE
-// puts its vector types into a namespace apart from the baseline's.
-#define CV_SSE3 1
-#define CV_SSSE3 1
-#define CV_SSE4_1 1
-#define CV_SSE4_2 1
-#define CV_AVX 1
-#define CV_AVX2 1
+// The row kernels for AVX2: compiled with its flags, run only where the processor has it.
 #define CV_CPU_DISPATCH_MODE AVX2
-#include <immintrin.h>
-
-#include <opencv2/core/hal/intrin.hpp>
+#include "raw_bayer/x86_intrinsics.h"
 
 #define LUM_RAW_KERNELS kAvx2Kernels
 #define LUM_RAW_KERNELS_NAME "avx2"

@@ -1,18 +1,10 @@
-// The row kernels for AVX-512 (F, CD, BW, DQ, VL); see row_kernels_avx2.cpp.
-#define CV_SSE3 1
-#define CV_SSSE3 1
-#define CV_SSE4_1 1
-#define CV_SSE4_2 1
-#define CV_AVX 1
-#define CV_AVX2 1
-#define CV_FMA3 1
-#define CV_AVX_512F 1
-#define CV_AVX512_COMMON 1
-#define CV_AVX512_SKX 1
+// The row kernels for AVX-512 (F, CD, BW, DQ, VL): compiled with its flags, run only where the
+// processor has it.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"  // GCC 12's own header, where none matters.
+#endif
 #define CV_CPU_DISPATCH_MODE AVX512_SKX
-#include <immintrin.h>
-
-#include <opencv2/core/hal/intrin.hpp>
+#include "raw_bayer/x86_intrinsics.h"
 
 #define LUM_RAW_KERNELS kAvx512Kernels
 #define LUM_RAW_KERNELS_NAME "avx512"
