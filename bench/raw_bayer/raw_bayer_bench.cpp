@@ -3,9 +3,10 @@
 // Each round of a benchmark times its kernel and then its baselines on the same buffers, so that
 // all of them meet the same load; the counters are medians over the rounds, the `_q1` and `_q3`
 // ones quartiles. Rates count bytes read plus written, whole planes each.
-//   vs_memcpy  kernel's rate / rate of memcpy of one mosaic, on as many threads
-//   vs_scalar  time of the plain scalar loop of the tests, on one thread and compiled with the same
-//              flags as the library's callers, / kernel's time
+//   vs_memcpy    kernel's rate / rate of memcpy of one mosaic, on as many threads
+//   memcpy_GBps  that memcpy's rate: how much memory bandwidth others left
+//   vs_scalar    time of the plain scalar loop of the tests, on one thread and compiled with the
+//                flags of the library, / kernel's time
 // Before the clock starts the kernel's result is compared with the plain loop's.
 //
 // A benchmark's name ends in the backend or, for the processor with its instruction set forced, in
@@ -55,7 +56,7 @@ void CopyInParallel(const cv::Mat& from, cv::Mat& to) {
       kThreads);
 }
 
-struct Ratios {
+struct Figures {
   std::vector<double> values;
   void Report(benchmark::State& state, const std::string& name) {
     if (values.empty()) {
@@ -78,22 +79,27 @@ template <typename Reset, typename Kernel, typename Scalar>
 void Measure(benchmark::State& state, double bytes, const Reset& reset, const Kernel& kernel,
              const Scalar& scalar) {
   CopyBuffers copy;
-  Ratios vs_memcpy;
-  Ratios vs_scalar;
+  Figures vs_memcpy;
+  Figures memcpy_rate;
+  Figures vs_scalar;
+  double all_scalar_s = 0;
   for ([[maybe_unused]] auto _ : state) {
     reset();
     const double kernel_s = Seconds(kernel);
     const double copy_s = Seconds([&] { CopyInParallel(copy.from, copy.to); });
     state.SetIterationTime(kernel_s);
-    vs_memcpy.values.push_back(bytes / kernel_s / (2 * Bytes(copy.from) / copy_s));
-    if (vs_scalar.values.size() < 5) {  // Slow: a few are enough.
-      vs_scalar.values.push_back(Seconds(scalar) / kernel_s);
+    const double copy_rate = 2 * Bytes(copy.from) / copy_s;
+    vs_memcpy.values.push_back(bytes / kernel_s / copy_rate);
+    memcpy_rate.values.push_back(copy_rate / 1e9);
+    if (vs_scalar.values.size() < 3 || all_scalar_s < 1.0) {  // Slow: a few are enough.
+      const double scalar_s = Seconds(scalar);
+      all_scalar_s += scalar_s;
+      vs_scalar.values.push_back(scalar_s / kernel_s);
     }
   }
   vs_memcpy.Report(state, "vs_memcpy");
+  memcpy_rate.Report(state, "memcpy_GBps");
   vs_scalar.Report(state, "vs_scalar");
-  state.counters["bytes_per_second"] = benchmark::Counter(
-      bytes * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 /// What a repair is measured on: a smooth scene with some noise, in which one of `samples_per_hot`
