@@ -42,8 +42,6 @@ Screen::Screen(float bad_pixel_rate) : rate(bad_pixel_rate), useful(bad_pixel_ra
   const double exact = 65536.0 / static_cast<double>(rate);
   // The quotient of the doubles may be rounded itself; one unit of the scales is far more.
   high = static_cast<std::uint16_t>(std::min(std::floor(exact) + 1.0, 65535.0));
-  // A scale capped by 1 takes less than 1 from the product.
-  slack = exact >= 65535.0 ? 2 : 1;
   whole = rate == 1.0F ? 0xffff : 0;
   low = rate == 1.0F ? 0 : static_cast<std::uint16_t>(std::max(std::ceil(exact) - 1.0, 0.0));
 }

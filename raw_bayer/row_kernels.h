@@ -16,18 +16,17 @@ namespace lum::raw::kernels {
 ///
 /// Let q = sample / rate, rounded to single precision, and m the brightest neighbour; a sample is
 /// bad if m < q. For a rate of 1 or more
-///   m >= min(sample, floor(sample * high / 65536) + slack)  means good, and
+///   m >= min(sample, floor(sample * high / 65536) + 1)  means good, and
 ///   m < floor(sample * low / 65536) + (sample & whole)      means bad,
-/// because rounding to single precision never crosses a 16-bit integer. Only the one or two values
-/// of m between them need the division. Below a rate of 1 it is used for every sample.
+/// because rounding to single precision never crosses a 16-bit integer. Only the few values of m
+/// between them need the division. Below a rate of 1 it is used for every sample.
 struct Screen {
   explicit Screen(float bad_pixel_rate);
 
   float rate;
   bool useful;              // the rate is 1 or more
-  std::uint16_t high = 0;   // 65536 / rate, rounded up and capped
-  std::uint16_t slack = 0;  // what the floor and the cap take from it
-  std::uint16_t low = 0;    // 65536 / rate, rounded down; 0 for the rate 1, which does not fit
+  std::uint16_t high = 0;   // above 65536 / rate, or 65535, with which the bound is the sample
+  std::uint16_t low = 0;    // below 65536 / rate by at most 1; 0 for the rate 1, which does not fit
   std::uint16_t whole = 0;  // all bits set for the rate 1
 };
 

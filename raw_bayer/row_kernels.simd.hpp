@@ -71,7 +71,6 @@ class Judge {
  public:
   explicit Judge(const Screen& screen)
       : high_(cv::vx_setall_u16(screen.high)),
-        slack_(cv::vx_setall_u16(screen.slack)),
         low_(cv::vx_setall_u16(screen.low)),
         whole_(cv::vx_setall_u16(screen.whole)),
         rate_(cv::vx_setall_f32(screen.rate)),
@@ -84,7 +83,8 @@ class Judge {
     const v_uint16 zero = cv::vx_setzero_u16();
     if (useful_) {
       // Both differences saturate at 0.
-      const v_uint16 bound = cv::v_min(samples, cv::v_mul_hi(samples, high_) + slack_);
+      const v_uint16 bound =
+          cv::v_min(samples, cv::v_mul_hi(samples, high_) + cv::vx_setall_u16(1));
       const v_uint16 surely_good = (bound - brightest) == zero;
       if (kVisit != Visit::kDense && cv::v_check_all(surely_good)) {
         return false;
@@ -112,7 +112,7 @@ class Judge {
     return cv::v_reinterpret_as_u32(Float(samples) / rate_ <= Float(brightest));
   }
 
-  v_uint16 high_, slack_, low_, whole_;
+  v_uint16 high_, low_, whole_;
   v_float32 rate_;
   bool useful_;
 };
