@@ -3,9 +3,14 @@
 // Each round of a benchmark times its kernel and then its baselines on the same buffers, so that
 // all of them meet the same load; the counters are medians over the rounds, the `_q1` and `_q3`
 // ones quartiles. Rates count bytes read plus written, whole planes each.
-//   vs_memcpy  kernel's rate / rate of memcpy of one mosaic, on as many threads
-//   vs_scalar  time of the plain scalar loop on one thread / kernel's time
+//   vs_memcpy    kernel's rate / rate of memcpy of one mosaic, on as many threads
+//   memcpy_GBps  that memcpy's rate: how much memory bandwidth others left
+//   vs_scalar    time of the plain scalar loop of the tests, on one thread and compiled with the
+//                flags of the library, / kernel's time
 // Before the clock starts the kernel's result is compared with the plain loop's.
+//
+// A benchmark's name ends in the backend or, for the processor with its instruction set forced, in
+// the name of that set.
 
 #include <benchmark/benchmark.h>
 
@@ -18,6 +23,7 @@
 #include <vector>
 
 #include "raw_bayer/raw_bayer.h"
+#include "raw_bayer/row_kernels.h"
 #include "tests/raw_bayer/reference.h"
 
 namespace lum::raw {
@@ -50,7 +56,7 @@ void CopyInParallel(const cv::Mat& from, cv::Mat& to) {
       kThreads);
 }
 
-struct Ratios {
+struct Figures {
   std::vector<double> values;
   void Report(benchmark::State& state, const std::string& name) {
     if (values.empty()) {
@@ -73,46 +79,73 @@ template <typename Reset, typename Kernel, typename Scalar>
 void Measure(benchmark::State& state, double bytes, const Reset& reset, const Kernel& kernel,
              const Scalar& scalar) {
   CopyBuffers copy;
-  Ratios vs_memcpy;
-  Ratios vs_scalar;
+  Figures vs_memcpy;
+  Figures memcpy_rate;
+  Figures vs_scalar;
+  double all_scalar_s = 0;
   for ([[maybe_unused]] auto _ : state) {
     reset();
     const double kernel_s = Seconds(kernel);
     const double copy_s = Seconds([&] { CopyInParallel(copy.from, copy.to); });
     state.SetIterationTime(kernel_s);
-    vs_memcpy.values.push_back(bytes / kernel_s / (2 * Bytes(copy.from) / copy_s));
-    if (vs_scalar.values.size() < 5) {  // Slow: a few are enough.
-      vs_scalar.values.push_back(Seconds(scalar) / kernel_s);
+    const double copy_rate = 2 * Bytes(copy.from) / copy_s;
+    vs_memcpy.values.push_back(bytes / kernel_s / copy_rate);
+    memcpy_rate.values.push_back(copy_rate / 1e9);
+    if (vs_scalar.values.size() < 3 || all_scalar_s < 1.0) {  // Slow: a few are enough.
+      const double scalar_s = Seconds(scalar);
+      all_scalar_s += scalar_s;
+      vs_scalar.values.push_back(scalar_s / kernel_s);
     }
   }
   vs_memcpy.Report(state, "vs_memcpy");
+  memcpy_rate.Report(state, "memcpy_GBps");
   vs_scalar.Report(state, "vs_scalar");
-  state.counters["bytes_per_second"] = benchmark::Counter(
-      bytes * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
-/// A smooth scene with noise in which one of a thousand samples is hot, or pure noise, where many
-/// samples are repaired at rate 1.
-cv::Mat Scene(bool noise_only) {
+/// What a repair is measured on: a smooth scene with some noise, in which one of `samples_per_hot`
+/// samples is hot.
+struct Scene {
+  const char* name;
+  int level;
+  int noise;
+  int samples_per_hot;  // 1: nothing but hot ones, that is pure noise
+  float rate;
+};
+constexpr Scene kScenes[] = {
+    {"few", 4000, 100, 100000, 1.5F}, {"scene", 4000, 100, 1000, 1.5F},
+    {"many", 4000, 100, 20, 1.5F},    {"noise", 0, 0, 1, 1.0F},
+    {"dark", 20, 10, 1000, 1.5F},  // Quotients near the neighbours: the division decides.
+};
+constexpr const Scene& kNoise = kScenes[3];
+
+cv::Mat Draw(const Scene& scene) {
   cv::RNG random(7);
   cv::Mat image(kHeight, kWidth, CV_16UC1);
   for (int y = 0; y < kHeight; ++y) {
     for (int x = 0; x < kWidth; ++x) {
-      const int level = 4000 + (x + y) / 4 + random.uniform(-100, 101);
-      const bool hot = random.uniform(0, 1000) == 0;
-      reference::Put(image, x, y, noise_only || hot ? random.uniform(0, 65536) : level);
+      const int level = scene.level + (x + y) * scene.level / 16000 +
+                        random.uniform(-scene.noise, scene.noise + 1);
+      const bool hot = random.uniform(0, scene.samples_per_hot) == 0;
+      reference::Put(image, x, y, hot ? random.uniform(0, 65536) : level);
     }
   }
   return image;
 }
 
-bool Usable(benchmark::State& state, Backend backend) {
+/// Where a benchmark runs; `kernels` is null for the backend's own choice.
+struct Place {
+  Backend backend;
+  const kernels::Kernels* kernels;
+};
+
+bool Usable(benchmark::State& state, const Place& place) {
   const std::vector<Backend> available = AvailableBackends();
-  if (std::find(available.begin(), available.end(), backend) == available.end()) {
-    state.SkipWithError((std::string("no ") + BackendName(backend) + " device").c_str());
+  if (std::find(available.begin(), available.end(), place.backend) == available.end()) {
+    state.SkipWithError((std::string("no ") + BackendName(place.backend) + " device").c_str());
     return false;
   }
   cv::setNumThreads(kThreads);
+  kernels::Force(place.kernels);
   return true;
 }
 
@@ -121,35 +154,34 @@ bool Same(const cv::Mat& a, const cv::Mat& b) { return cv::norm(a, b, cv::NORM_I
 using Fix = void (*)(cv::Mat&, float, Backend);
 using Rule = void (*)(const cv::Mat&, cv::Mat&, float);
 
-void Repair(benchmark::State& state, Fix fix, Rule rule, Backend backend, bool noise_only,
-            float rate) {
-  if (!Usable(state, backend)) {
+void Repair(benchmark::State& state, Fix fix, Rule rule, const Place& place, const Scene& scene) {
+  if (!Usable(state, place)) {
     return;
   }
-  const cv::Mat scene = Scene(noise_only);
-  cv::Mat image = scene.clone();
-  cv::Mat expected = scene.clone();
-  fix(image, rate, backend);
-  rule(scene, expected, rate);
+  const cv::Mat source = Draw(scene);
+  cv::Mat image = source.clone();
+  cv::Mat expected = source.clone();
+  fix(image, scene.rate, place.backend);
+  rule(source, expected, scene.rate);
   if (!Same(image, expected)) {
     state.SkipWithError("result differs from the plain loop's");
     return;
   }
   Measure(
-      state, 2 * Bytes(image), [&] { scene.copyTo(image); }, [&] { fix(image, rate, backend); },
-      [&] { rule(scene, expected, rate); });
+      state, 2 * Bytes(image), [&] { source.copyTo(image); },
+      [&] { fix(image, scene.rate, place.backend); }, [&] { rule(source, expected, scene.rate); });
 }
 
-void Split(benchmark::State& state, Backend backend) {
-  if (!Usable(state, backend)) {
+void Split(benchmark::State& state, const Place& place) {
+  if (!Usable(state, place)) {
     return;
   }
-  const cv::Mat raw = Scene(/*noise_only=*/true);
+  const cv::Mat raw = Draw(kNoise);
   const cv::Size size(kWidth - 2 * kBorder, kHeight - 2 * kBorder);
   cv::Mat planes[] = {cv::Mat(size, CV_16UC1), cv::Mat(size / 2, CV_16UC1),
                       cv::Mat(size / 2, CV_16UC1)};
   cv::Mat g, r, b;
-  const auto kernel = [&] { SplitRaw(raw, g, r, b, kBorder, backend); };
+  const auto kernel = [&] { SplitRaw(raw, g, r, b, kBorder, place.backend); };
   const auto scalar = [&] { reference::SplitRaw(raw, planes[0], planes[1], planes[2], kBorder); };
   kernel();
   scalar();
@@ -161,16 +193,16 @@ void Split(benchmark::State& state, Backend backend) {
       state, Bytes(raw) + Bytes(g) + Bytes(r) + Bytes(b), [] {}, kernel, scalar);
 }
 
-void Merge(benchmark::State& state, Backend backend) {
-  if (!Usable(state, backend)) {
+void Merge(benchmark::State& state, const Place& place) {
+  if (!Usable(state, place)) {
     return;
   }
-  const cv::Mat g = Scene(/*noise_only=*/true);
+  const cv::Mat g = Draw(kNoise);
   const cv::Mat r = g(cv::Rect(0, 0, kWidth / 2, kHeight / 2)).clone();
   const cv::Mat b = g(cv::Rect(9, 9, kWidth / 2, kHeight / 2)).clone();
   cv::Mat expected(g.size(), CV_16UC1);
   cv::Mat raw;
-  const auto kernel = [&] { MergeRaw(g, r, b, raw, 0, backend); };
+  const auto kernel = [&] { MergeRaw(g, r, b, raw, 0, place.backend); };
   const auto scalar = [&] { reference::MergeRaw(g, r, b, expected, 0); };
   kernel();
   scalar();
@@ -182,18 +214,26 @@ void Merge(benchmark::State& state, Backend backend) {
       state, Bytes(g) + Bytes(r) + Bytes(b) + Bytes(raw), [] {}, kernel, scalar);
 }
 
-void Register(const std::string& name, void (*run)(benchmark::State&, Backend), Backend backend) {
-  benchmark::RegisterBenchmark((name + "/" + BackendName(backend)).c_str(), run, backend)
+template <typename Run>
+void Register(const std::string& name, const Run& run) {
+  benchmark::RegisterBenchmark(name.c_str(), run)
       ->UseManualTime()
       ->Unit(benchmark::kMillisecond)
       ->Iterations(15);
 }
 
-template <bool kSquare, bool kNoiseOnly>
-void RepairScene(benchmark::State& state, Backend backend) {
-  Repair(state, kSquare ? FixBadPixels2 : FixBadPixels,
-         kSquare ? reference::FixBadPixels2 : reference::FixBadPixels, backend, kNoiseOnly,
-         kNoiseOnly ? 1.0F : 1.5F);
+void RegisterAll(const std::string& where, const Place& place) {
+  Register("SplitRaw/" + where, [place](benchmark::State& state) { Split(state, place); });
+  Register("MergeRaw/" + where, [place](benchmark::State& state) { Merge(state, place); });
+  for (const Scene& scene : kScenes) {
+    const std::string what = std::string("/") + scene.name + "/" + where;
+    Register("FixBadPixels" + what, [place, &scene](benchmark::State& state) {
+      Repair(state, FixBadPixels, reference::FixBadPixels, place, scene);
+    });
+    Register("FixBadPixels2" + what, [place, &scene](benchmark::State& state) {
+      Repair(state, FixBadPixels2, reference::FixBadPixels2, place, scene);
+    });
+  }
 }
 
 }  // namespace
@@ -202,12 +242,10 @@ void RepairScene(benchmark::State& state, Backend backend) {
 int main(int argc, char** argv) {
   using lum::raw::Backend;
   for (const Backend backend : {Backend::kProcessor, Backend::kOpenCl, Backend::kCuda}) {
-    lum::raw::Register("SplitRaw", lum::raw::Split, backend);
-    lum::raw::Register("MergeRaw", lum::raw::Merge, backend);
-    lum::raw::Register("FixBadPixels/scene", lum::raw::RepairScene<false, false>, backend);
-    lum::raw::Register("FixBadPixels/noise", lum::raw::RepairScene<false, true>, backend);
-    lum::raw::Register("FixBadPixels2/scene", lum::raw::RepairScene<true, false>, backend);
-    lum::raw::Register("FixBadPixels2/noise", lum::raw::RepairScene<true, true>, backend);
+    lum::raw::RegisterAll(lum::raw::BackendName(backend), {backend, nullptr});
+  }
+  for (const auto* set = lum::raw::kernels::Supported(); *set != nullptr; ++set) {
+    lum::raw::RegisterAll((*set)->name, {Backend::kProcessor, *set});
   }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
