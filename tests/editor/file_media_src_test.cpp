@@ -182,20 +182,23 @@ const Strings kAllClosed{"video close", "audio close", "data close"};
 class Hold {
  public:
   Hold(RecordingConsumer& consumer, const std::string& call, int nth) {
-    consumer.on_call = [this, call, left = nth](const std::string& made) mutable {
+    consumer.on_call = [=, state = state_, left = nth](const std::string& made) mutable {
       if (made.rfind(call, 0) == 0 && --left == 0) {
-        there_.set_value();
-        EXPECT_TRUE(Arrives(go_.get_future()));
+        state->there.set_value();
+        EXPECT_TRUE(Arrives(state->go.get_future()));
       }
       return true;
     };
   }
-  void Wait() { EXPECT_TRUE(Arrives(there_.get_future())); }
-  void LetGo() { go_.set_value(); }
+  void Wait() { EXPECT_TRUE(Arrives(state_->there.get_future())); }
+  void LetGo() { state_->go.set_value(); }
 
  private:
-  std::promise<void> there_;
-  std::promise<void> go_;
+  struct State {
+    std::promise<void> there;
+    std::promise<void> go;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 // Milliseconds as ticks; one sample every `duration` of them.
@@ -345,11 +348,15 @@ TEST_F(FileMediaSrcTest, AMissingTimeStampStaysMissing) {
   constexpr int64_t kNone = AV_NOPTS_VALUE;
   {
     SCOPED_TRACE("Matroska stores one time a block: the first B-frames have no decoding time");
-    const EncodedStream avc = EncodeH264();
+    EncodedStream avc = EncodeH264();
+    for (EncodedPacket& packet : avc.packets) {  // half a second later, so that zero is moved
+      packet.pts += 15;
+      packet.dts += 15;
+    }
     MuxWithLibavformat(PathOf("v"), "matroska", &avc, nullptr, nullptr);
     SourceRun run(PathOf("v"));
     EXPECT_EQ(run.ToTheEnd(), Ended(933)) << "the last decodes at 900 ms and lasts 33";
-    EXPECT_THAT(run.Calls("notify 1"), ElementsAre("video notify 1 0"));
+    EXPECT_THAT(run.Calls("notify 1"), ElementsAre("video notify 1 500"));
     ASSERT_THAT(run.video->stamps, SizeIs(30));
     EXPECT_EQ(run.video->stamps[0], (Stamps{0, kNone}));
     EXPECT_EQ(run.video->stamps[1], (Stamps{100, kNone}));
@@ -447,6 +454,7 @@ TEST_F(FileMediaSrcTest, WhateverEndsTheRunEndsThePause) {
     run.Start();
     first.Wait();
     first.LetGo();
+    PassTime(std::chrono::milliseconds(5));  // most likely the source waits by now
     (run.source.get()->*end)();
     run.Finish();
     EXPECT_THAT(run.data->packets, SizeIs(1));
