@@ -330,15 +330,6 @@ TEST_F(FileMediaSrcTest, EstimatesTheEndFromTheLongerOfVideoAndAudio) {
   EXPECT_EQ(run.ToTheEnd(), Ended(33)) << "missing rates count as no frame";
 }
 
-TEST_F(FileMediaSrcTest, AReportIsOptional) {
-  SourceRun run(WriteCamera());
-  run.source->state_callback = nullptr;
-  Hold end(*run.data, "notify 0", 1);
-  run.Start();
-  end.Wait();
-  end.LetGo();
-}
-
 // ---- time stamps that are missing
 
 TEST_F(FileMediaSrcTest, AMissingTimeStampStaysMissing) {
@@ -603,11 +594,7 @@ TEST_P(RefusalTest, FailsTheRunWithTheConsumersError) {
     EXPECT_TRUE(run.video->record->ended);
     EXPECT_TRUE(run.audio->record->ended);
   }
-  size_t recorded = 0;
-  for (const LogRecord& record : log.Records()) {
-    recorded += record.level == "ERROR" && record.text == "consumer failed: out of luck" ? 1 : 0;
-  }
-  EXPECT_EQ(recorded, throws ? 1U : 0U);
+  EXPECT_EQ(log.Text().find("]consumer failed: out of luck\n") != std::string::npos, throws);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -30,16 +30,9 @@ using ::testing::IsEmpty;
 using ::testing::SizeIs;
 namespace fs = std::filesystem;
 
+// Exactly the payload's bytes: a sanitizer sees the first one read behind it.
 std::shared_ptr<lum::QVXPacket> PacketOf(const Bytes& payload, int64_t pts, int64_t dts) {
-  auto packet = lum::NewPacket();
-  if (!payload.empty()) {
-    // Exactly the payload's bytes: a sanitizer sees the first one read behind it.
-    packet->buf = av_buffer_alloc(payload.size());
-    packet->data = packet->buf->data;
-    packet->size = static_cast<int>(payload.size());
-    std::copy(payload.begin(), payload.end(), packet->data);
-  }
-  packet->pts = pts;
+  auto packet = lum::NewAACPacket(payload.data(), static_cast<int>(payload.size()), pts, 0);
   packet->dts = dts;
   return packet;
 }

@@ -99,9 +99,7 @@ std::vector<MessageCase> Cases() {
       {"NoDirectory", {motion}, {"OUT", "No such file or directory"}, "error", 0, 0, "."},
       {"GpsBlocked", {motion}, directory, "error", 0, 0, "gps.json"},
       {"ExposureBlocked", {motion}, directory, "over", 0, 0, "exposure_3.dat"},
-      {"GpsFull", {motion}, full, "over", 0, 0, "gps.json"},
       {"GyroFull", {motion}, full, "over", 0, 0, "gyro.dat"},
-      {"ExposureFull", {motion}, full, "over", 0, 0, "exposure_6.dat"},
   };
 }
 
