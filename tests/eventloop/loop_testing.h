@@ -67,9 +67,9 @@ class TestLoop {
     lum::MakeEvent(what, handler, dispatcher)->PostWithDelay(delay_ms);
   }
   /// Runs `function` on the loop, after `delay_ms`.
-  void Run(FunctionHandler::Function function, int32_t delay_ms = 0) {
+  void Run(const FunctionHandler::Function& function, int32_t delay_ms = 0) {
     lum::MakeEvent(FunctionHandler::kRun, handler, dispatcher)
-        ->SetData("run", std::move(function))
+        ->SetData("run", function)
         ->PostWithDelay(delay_ms);
   }
 

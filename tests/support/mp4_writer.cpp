@@ -38,7 +38,7 @@ Bytes FullBox(const std::string& type, unsigned version, unsigned flags,
   return Box(type, {U32(version << 24 | flags), Concat(parts)});
 }
 Bytes SampleEntry(const std::string& type, std::initializer_list<Bytes> parts) {
-  return Box(type, {Zeros(6), U16(/*data reference=*/1), Concat(parts)});
+  return Box(type, {Zeros(6), U16(1 /*data reference*/), Concat(parts)});
 }
 
 /// The transformation matrix of mvhd and tkhd: identity.
@@ -99,7 +99,7 @@ Mp4Track Mp4Track::Video(const Bytes& avcc, int width, int height, std::uint32_t
   return {"vide",
           SampleEntry("avc1",
                       {Zeros(16), size, Ints(4, {kDotsPerInch, kDotsPerInch, 0}),
-                       U16(/*frames per sample=*/1), Zeros(/*compressor name=*/32),
+                       U16(1 /*frames per sample*/), Zeros(32 /*compressor name*/),
                        Ints(2, {/*depth=*/24, /*no colour table=*/0xFFFF}), Box("avcC", {avcc})}),
           timescale};
 }
@@ -223,8 +223,8 @@ class Mp4FileWriter {
       defaults = Concat({defaults, FullBox("trex", 0, 0, {Ints(4, {t + 1, 1, 0, 0, 0})})});
     }
     return Box("moov", {FullBox("mvhd", 1, 0,
-                                {Zeros(/*creation, modification=*/16), U32(kMovieTimescale),
-                                 U64(duration), U32(/*rate=*/0x10000), U16(/*volume=*/0x100),
+                                {Zeros(16 /*creation, modification*/), U32(kMovieTimescale),
+                                 U64(duration), U32(0x10000 /*rate*/), U16(0x100 /*volume*/),
                                  Zeros(10), Matrix(), Zeros(24), U32(tracks_.size() + 1)}),
                         tracks, fragmented_ ? Box("mvex", {defaults}) : Bytes()});
   }
@@ -355,7 +355,7 @@ class Mp4FileWriter {
   }
 
   void WriteMediaHeader(std::uint64_t payload) {
-    Write(Concat({U32(/*the size follows=*/1), Text("mdat"), U64(payload + kMediaHeaderSize)}));
+    Write(Concat({U32(1 /*the size follows*/), Text("mdat"), U64(payload + kMediaHeaderSize)}));
   }
 
   void WriteMediaData() {

@@ -77,6 +77,7 @@ bool Drain(int fd, std::string& text) {
 
 ProcessResult RunProcess(std::vector<std::string> arguments, const ProcessOptions& options) {
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   const Channel out = OpenPipe();
