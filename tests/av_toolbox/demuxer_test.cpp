@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,9 +11,9 @@
 #include "av_toolbox/ffmpeg_util.h"
 #include "support/av_encode.h"
 #include "support/camm_samples.h"
+#include "support/log_capture.h"
 #include "support/memory_source.h"
 #include "support/mp4_writer.h"
-#include "support/record_log.h"
 #include "support/temp_dir.h"
 
 namespace lum {
@@ -20,16 +21,10 @@ namespace {
 
 using namespace ::motrace::testing;  // NOLINT(google-build-using-namespace): the fixtures' names
 using ::testing::AllOf;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Ge;
 using ::testing::IsEmpty;
 using ::testing::Le;
-using ::testing::Not;
-
-LoggedRecord DemuxerRecord(const char* level, int line, const std::string& text) {
-  return {level, "av_toolbox/demuxer.cpp:" + std::to_string(line), text};
-}
 
 struct PacketCopy {
   int stream;
@@ -57,39 +52,30 @@ std::vector<PacketCopy> ReadAll(Demuxer& demuxer, int* end = nullptr) {
   return packets;
 }
 
-constexpr int kSps = 7;
-constexpr int kPps = 8;
-
-// NAL units behind 4-byte lengths, or behind start codes; without parameter sets.
-std::vector<Bytes> SliceUnits(const Bytes& data, bool annex_b) {
-  std::vector<Bytes> units;
-  const auto at = [&](size_t i) { return data.begin() + static_cast<std::ptrdiff_t>(i); };
-  const auto keep = [&](size_t begin, size_t end) {
-    const int type = data.at(begin) & 0x1F;
-    if (type != kSps && type != kPps) units.emplace_back(at(begin), at(end));
-  };
-  if (!annex_b) {
-    for (size_t i = 0; i < data.size();) {
-      const size_t size = size_t{data.at(i)} << 24 | size_t{data.at(i + 1)} << 16 |
-                          size_t{data.at(i + 2)} << 8 | data.at(i + 3);
-      keep(i + 4, i + 4 + size);
-      i += 4 + size;
-    }
-    return units;
+// Whether the NAL units of an MP4 sample follow each other, each behind a start code.
+bool HoldsUnits(const Bytes& annex_b, const Bytes& length_prefixed) {
+  auto at = annex_b.begin();
+  for (auto unit = length_prefixed.begin(); unit != length_prefixed.end();) {
+    const auto size = unit[0] << 24 | unit[1] << 16 | unit[2] << 8 | unit[3];
+    Bytes expected{0, 0, 1};
+    expected.insert(expected.end(), unit + 4, unit + 4 + size);
+    at = std::search(at, annex_b.end(), expected.begin(), expected.end());
+    if (at == annex_b.end()) return false;
+    unit += 4 + size;
   }
-  size_t begin = 0;
-  for (size_t i = 0; i + 3 <= data.size(); ++i) {
-    if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
-    if (begin != 0) keep(begin, i > 0 && data[i - 1] == 0 ? i - 1 : i);
-    begin = i + 3;
-  }
-  if (begin != 0) keep(begin, data.size());
-  return units;
+  return true;
 }
 
-Mp4Track MotionTrack(int samples, uint32_t timescale = 1000, uint32_t duration = 20) {
-  Mp4Track track = Mp4Track::Camm(timescale);
-  for (int i = 0; i < samples; ++i) track.Add(GyroSample({static_cast<float>(i), 0, 0}), duration);
+Mp4Track MotionTrack(int samples) {
+  Mp4Track track = Mp4Track::Camm(1000);
+  for (int i = 0; i < samples; ++i) track.Add(GyroSample({static_cast<float>(i), 0, 0}), 20);
+  return track;
+}
+
+// A motion track of some length, so that reading it takes several reads of the input.
+Mp4Track LongTrack() {
+  Mp4Track track = Mp4Track::Camm(1000);
+  for (int i = 0; i < 100; ++i) track.Add(Bytes(2000, 1), 10);
   return track;
 }
 
@@ -97,57 +83,65 @@ class DemuxerTest : public ::testing::Test {
  protected:
   DemuxerTest() { InitFFmpeg(); }
 
-  std::string Write(const std::vector<Mp4Track>& tracks, const Mp4Layout& layout = {}) {
-    const auto path = directory_ / "input.mp4";
-    WriteMp4(path, tracks, layout);
-    return path;
+  std::string Write(const std::vector<Mp4Track>& tracks, Mp4Order order = Mp4Order::kMoovLast) {
+    Mp4Layout layout;
+    layout.order = order;
+    WriteMp4(PathOf("input.mp4"), tracks, layout);
+    return PathOf("input.mp4");
   }
   [[nodiscard]] std::string PathOf(const std::string& name) const { return directory_ / name; }
 
   TempDir directory_;
 };
 
-TEST_F(DemuxerTest, AvcInMp4LeavesAsAnnexB) {
+TEST_F(DemuxerTest, AvcInMp4LeavesAsAnnexBAndOtherStreamsAsTheyAre) {
   const EncodedStream video = EncodeH264();
-  const RecordLog log;
-  Demuxer demuxer(Write({ToMp4Track(video, 90000), MotionTrack(30)}));
+  const EncodedStream audio = EncodeAac();
+  const LogCapture log;
+  Demuxer demuxer(Write({ToMp4Track(video, 90000), ToMp4Track(audio, 48000), MotionTrack(30)}));
   ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
   EXPECT_THAT(
-      log.Records(),
-      ElementsAre(DemuxerRecord("VERBOSE", 148, "check is mp4 format, need filter to annexb"),
-                  LoggedRecord{"ERROR", "av_toolbox/bsf_filter.cpp:18", "bsf_init ret:0"}));
+      log.Lines(),
+      ElementsAre("VERBOSE av_toolbox/demuxer.cpp:148 check is mp4 format, need filter to annexb",
+                  "ERROR av_toolbox/bsf_filter.cpp:18 bsf_init ret:0"));
   const AVCodecParameters& par = *demuxer.VideoStream()->codecpar;
   EXPECT_THAT(Bytes(par.extradata, par.extradata + 4), ElementsAre(0, 0, 0, 1));
   EXPECT_EQ(demuxer.VideoStream()->time_base.den, 90000);
 
-  std::vector<PacketCopy> pictures;
-  for (PacketCopy& packet : ReadAll(demuxer)) {
-    if (packet.stream == 0) pictures.push_back(std::move(packet));
+  size_t pictures = 0;
+  size_t sound = 0;
+  float motion = 0;
+  for (const PacketCopy& packet : ReadAll(demuxer)) {
+    if (packet.stream == 0) {
+      const EncodedPacket& written = video.packets.at(pictures++);
+      EXPECT_TRUE(HoldsUnits(packet.data, written.data)) << pictures;
+      EXPECT_EQ(packet.dts, written.dts * 3000);
+      EXPECT_EQ(packet.pts, written.pts * 3000);
+    } else if (packet.stream == 1) {
+      EXPECT_EQ(packet.data, audio.packets.at(sound++).data);
+    } else {
+      EXPECT_EQ(packet.data, GyroSample({motion++, 0, 0}));
+    }
   }
-  ASSERT_EQ(pictures.size(), video.packets.size());
-  for (size_t i = 0; i < pictures.size(); ++i) {
-    EXPECT_EQ(SliceUnits(pictures[i].data, true), SliceUnits(video.packets[i].data, false)) << i;
-    EXPECT_EQ(pictures[i].dts, video.packets[i].dts * 3000) << i;
-    EXPECT_EQ(pictures[i].pts, video.packets[i].pts * 3000) << i;
-  }
+  EXPECT_EQ(pictures, video.packets.size());
+  EXPECT_GE(sound, audio.packets.size() - 1) << "the edit list may cut the priming";
+  EXPECT_EQ(motion, 30);
 }
 
 TEST_F(DemuxerTest, AnnexBFromTheStartIsReadUnfiltered) {
   H264Options options;
   options.annex_b = true;
   const EncodedStream video = EncodeH264(options);
-  const EncodedStream audio = EncodeAac();
-  MuxWithLibavformat(PathOf("v.ts"), "mpegts", &video, &audio, nullptr);
-  const RecordLog log;
+  MuxWithLibavformat(PathOf("v.ts"), "mpegts", &video, nullptr, nullptr);
+  const LogCapture log;
   Demuxer demuxer(PathOf("v.ts"));
+  Demuxer unfiltered(PathOf("v.ts"));
   ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
+  ASSERT_EQ(unfiltered.Open(nullptr, nullptr), 0);
   int end = 0;
   const std::vector<PacketCopy> packets = ReadAll(demuxer, &end);
   EXPECT_EQ(end, AVERROR_EOF);
-  EXPECT_THAT(log.Records(), IsEmpty());
-
-  Demuxer unfiltered(PathOf("v.ts"));
-  ASSERT_EQ(unfiltered.Open(nullptr, nullptr), 0);
+  EXPECT_THAT(log.Lines(), IsEmpty());
   std::shared_ptr<QVXPacket> packet;
   for (const PacketCopy& expected : packets) {
     ASSERT_EQ(unfiltered.ReadPacket(packet), 0);
@@ -158,88 +152,52 @@ TEST_F(DemuxerTest, AnnexBFromTheStartIsReadUnfiltered) {
 TEST_F(DemuxerTest, WithoutVideoTheEndIsPlain) {
   Demuxer demuxer(Write({MotionTrack(3)}));
   ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
-  const RecordLog log;
+  const LogCapture log;
   int end = 0;
   EXPECT_EQ(ReadAll(demuxer, &end).size(), 3U);
   EXPECT_EQ(end, AVERROR_EOF);
   std::shared_ptr<QVXPacket> packet = NewPacket();
   EXPECT_EQ(demuxer.NextPacket(packet), AVERROR_EOF);
   EXPECT_EQ(packet, nullptr);
-  EXPECT_THAT(log.Records(), IsEmpty());
-  EXPECT_EQ(demuxer.VideoStream(), nullptr);
-  EXPECT_EQ(demuxer.AudioStream(), nullptr);
-  EXPECT_EQ(demuxer.VideoDurationMs(), -1);
-  EXPECT_EQ(demuxer.AudioDurationMs(), -1);
+  EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 TEST_F(DemuxerTest, FilteredVideoAnnouncesTheEndOnceAndAgainAfterASeek) {
   Demuxer demuxer(Write({ToMp4Track(EncodeH264(), 90000)}));
   ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
-  const LoggedRecord at_end = DemuxerRecord("VERBOSE", 224, "ReadPacket eof.");
   for (int round = 0; round < 2; ++round) {
-    const RecordLog log;
+    const LogCapture log;
     for (int i = 0; i < 3; ++i) {
       int end = 0;
       EXPECT_EQ(ReadAll(demuxer, &end).size(), i == 0 ? 30U : 0U);
       EXPECT_EQ(end, AVERROR_EOF);
     }
-    EXPECT_THAT(log.Records(), ElementsAre(at_end)) << "round " << round;
+    EXPECT_THAT(log.Lines(), ElementsAre("VERBOSE av_toolbox/demuxer.cpp:224 ReadPacket eof."));
     EXPECT_GE(demuxer.Seek(-1, 0, AVSEEK_FLAG_BACKWARD), 0);
   }
 }
 
-TEST_F(DemuxerTest, OtherStreamsBypassTheFilter) {
-  const EncodedStream audio = EncodeAac();
-  Demuxer demuxer(
-      Write({ToMp4Track(EncodeH264(), 90000), ToMp4Track(audio, 48000), MotionTrack(50)}));
-  ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
-  size_t sound = 0;
-  float motion = 0;
-  for (const PacketCopy& packet : ReadAll(demuxer)) {
-    if (packet.stream == 1) {
-      ASSERT_LT(sound, audio.packets.size());
-      EXPECT_EQ(packet.data, audio.packets[sound].data);
-      ++sound;
-    } else if (packet.stream == 2) {
-      EXPECT_EQ(packet.data, GyroSample({motion, 0, 0}));
-      ++motion;
-    }
-  }
-  EXPECT_EQ(motion, 50);
-  EXPECT_GE(sound, audio.packets.size() - 1) << "the edit list may cut the priming";
-}
-
-TEST_F(DemuxerTest, ReadsFromAByteSource) {
-  const std::vector<Mp4Track> tracks{ToMp4Track(EncodeH264(), 90000), MotionTrack(50)};
-  Mp4Layout layout;
-  layout.order = Mp4Order::kMoovFirst;
-  const std::string path = Write(tracks, layout);
+TEST_F(DemuxerTest, ReadsFromAByteSourceThatCanSeekOrNot) {
+  const std::string path =
+      Write({ToMp4Track(EncodeH264(), 90000), MotionTrack(50)}, Mp4Order::kMoovFirst);
   Demuxer from_file(path);
   ASSERT_EQ(from_file.Open(nullptr, nullptr), 0);
   const std::vector<PacketCopy> expected = ReadAll(from_file);
-
   for (const bool seekable : {true, false}) {
     const auto source = std::make_shared<MemorySource>(ReadFile(path), seekable);
-    const RecordLog log;
-    {
-      Demuxer demuxer("no such file, and none is needed");
-      ASSERT_EQ(demuxer.Open(nullptr, source), 0);
-      EXPECT_EQ(log.Records().front(), DemuxerRecord("INFO", 118, "use custom iosource demux."));
-      EXPECT_EQ(ReadAll(demuxer), expected) << "seekable: " << seekable;
-      EXPECT_EQ(source.use_count(), 2);
-      demuxer.Close();
-      EXPECT_EQ(source.use_count(), 1) << "Close gives the source back";
-    }
+    const LogCapture log;
+    Demuxer demuxer("no such file, and none is needed");
+    ASSERT_EQ(demuxer.Open(nullptr, source), 0);
+    EXPECT_EQ(log.Lines()[0], "INFO av_toolbox/demuxer.cpp:118 use custom iosource demux.");
+    EXPECT_EQ(ReadAll(demuxer), expected) << "seekable: " << seekable;
     EXPECT_EQ(source->seeks > 0, seekable);
+    EXPECT_EQ(source.use_count(), 2);
+    demuxer.Close();
+    EXPECT_EQ(source.use_count(), 1) << "Close gives the source back";
   }
-}
-
-TEST_F(DemuxerTest, ASourceThatCannotSeekIsReadFrontToBack) {
-  Mp4Track track = Mp4Track::Camm(1000);
-  for (int i = 0; i < 100; ++i) track.Add(Bytes(2000, 1), 10);
-  const auto source = std::make_shared<MemorySource>(ReadFile(Write({track})), /*seekable=*/false);
+  // An index that stands last is out of reach without seeking back.
+  const auto source = std::make_shared<MemorySource>(ReadFile(Write({LongTrack()})), false);
   Demuxer demuxer("");
-  // The index stands last: without seeking back there is nothing to read.
   ASSERT_EQ(demuxer.Open(nullptr, source), 0);
   int end = 0;
   EXPECT_THAT(ReadAll(demuxer, &end), IsEmpty());
@@ -248,35 +206,17 @@ TEST_F(DemuxerTest, ASourceThatCannotSeekIsReadFrontToBack) {
 }
 
 TEST_F(DemuxerTest, AFailingReadIsReportedAsItIs) {
-  Mp4Layout layout;
-  layout.order = Mp4Order::kMoovFirst;
-  Mp4Track track = Mp4Track::Camm(1000);
-  for (int i = 0; i < 100; ++i) track.Add(Bytes(2000, 1), 10);
-  const Bytes content = ReadFile(Write({track}, layout));
+  const Bytes content = ReadFile(Write({LongTrack()}, Mp4Order::kMoovFirst));
   const auto source = std::make_shared<MemorySource>(content);
   source->FailFrom(static_cast<int64_t>(content.size() / 2), AVERROR(EIO));
   Demuxer demuxer("");
   ASSERT_EQ(demuxer.Open(nullptr, source), 0);
   int end = 0;
-  const size_t read = ReadAll(demuxer, &end).size();
+  EXPECT_THAT(ReadAll(demuxer, &end).size(), AllOf(Ge(30U), Le(60U)));
   EXPECT_EQ(end, AVERROR(EIO));
-  EXPECT_THAT(read, AllOf(Ge(30U), Le(60U)));
   std::shared_ptr<QVXPacket> packet = NewPacket();
   EXPECT_LT(demuxer.ReadPacket(packet), 0);
   EXPECT_EQ(packet, nullptr);
-}
-
-// The leak check of the sanitizer build watches the buffers; here, the source itself.
-TEST_F(DemuxerTest, AFailedOpenKeepsNothing) {
-  const auto source = std::make_shared<MemorySource>(Bytes(1000, 'x'));
-  const RecordLog log;
-  Demuxer demuxer("");
-  const int result = demuxer.Open(nullptr, source);
-  EXPECT_EQ(result, AVERROR_INVALIDDATA);
-  EXPECT_EQ(log.Records().back(),
-            DemuxerRecord("ERROR", 156,
-                          "avformat open input error:Invalid data found when processing input"));
-  EXPECT_EQ(source.use_count(), 1);
 }
 
 void ExpectNoInput(Demuxer& demuxer) {
@@ -287,6 +227,7 @@ void ExpectNoInput(Demuxer& demuxer) {
   EXPECT_EQ(demuxer.DataStream(), nullptr);
   EXPECT_EQ(demuxer.VideoDurationMs(), -1);
   EXPECT_EQ(demuxer.AudioDurationMs(), -1);
+  EXPECT_EQ(demuxer.MissingBytes(), 0);
   std::shared_ptr<QVXPacket> packet;
   EXPECT_EQ(demuxer.ReadPacket(packet), AVERROR(EINVAL));
   EXPECT_EQ(demuxer.NextPacket(packet), AVERROR(EINVAL));
@@ -296,55 +237,48 @@ void ExpectNoInput(Demuxer& demuxer) {
 }
 
 TEST_F(DemuxerTest, OperationsWithoutAnOpenInputFail) {
-  {
-    SCOPED_TRACE("never opened");
-    Demuxer demuxer("x");
-    ExpectNoInput(demuxer);
-  }
-  {
-    SCOPED_TRACE("failed to open");
-    Demuxer demuxer(PathOf("missing.mp4"));
-    EXPECT_EQ(demuxer.Open(nullptr, nullptr), AVERROR(ENOENT));
-    ExpectNoInput(demuxer);
-  }
-  {
-    SCOPED_TRACE("closed, twice");
-    Demuxer demuxer(Write({ToMp4Track(EncodeH264(), 90000), MotionTrack(3)}));
-    ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
-    EXPECT_EQ(demuxer.Open(nullptr, nullptr), AVERROR(EINVAL)) << "one input per object";
-    demuxer.Close();
-    demuxer.Close();
-    ExpectNoInput(demuxer);
-    EXPECT_EQ(demuxer.Open(nullptr, nullptr), AVERROR(EINVAL));
-  }
+  Demuxer never("x");
+  ExpectNoInput(never);
+
+  // The leak check of the sanitizer build watches the buffers; here, the source itself.
+  const auto source = std::make_shared<MemorySource>(Bytes(1000, 'x'));
+  const LogCapture log;
+  Demuxer failed("");
+  EXPECT_EQ(failed.Open(nullptr, source), AVERROR_INVALIDDATA);
+  EXPECT_EQ(log.Lines().back(),
+            "ERROR av_toolbox/demuxer.cpp:156 avformat open input error:Invalid data found when "
+            "processing input");
+  EXPECT_EQ(source.use_count(), 1);
+  ExpectNoInput(failed);
+
+  Demuxer closed(Write({ToMp4Track(EncodeH264(), 90000), MotionTrack(3)}));
+  ASSERT_EQ(closed.Open(nullptr, nullptr), 0);
+  EXPECT_EQ(closed.Open(nullptr, nullptr), AVERROR(EINVAL)) << "one input per object";
+  closed.Close();
+  closed.Close();
+  ExpectNoInput(closed);
+  EXPECT_EQ(closed.Open(nullptr, nullptr), AVERROR(EINVAL));
 }
 
-TEST_F(DemuxerTest, AvcWithoutItsConfigurationIsReadUnfiltered) {
-  Mp4Track video = Mp4Track::Video(/*avcc=*/{}, 64, 48, 90000);
-  video.Add(Bytes{0, 0, 0, 1, 9}, 3000);
-  const RecordLog log;
-  Demuxer demuxer(Write({video}));
-  ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
-  ASSERT_NE(demuxer.VideoStream(), nullptr);
-  EXPECT_EQ(demuxer.VideoStream()->codecpar->codec_id, AV_CODEC_ID_H264);
-  EXPECT_EQ(ReadAll(demuxer).size(), 1U);
-  EXPECT_THAT(
-      log.Records(),
-      Not(Contains(DemuxerRecord("VERBOSE", 148, "check is mp4 format, need filter to annexb"))));
-}
-
-TEST_F(DemuxerTest, ABrokenConfigurationFailsToOpenAndReadsOnUnconverted) {
-  Mp4Track video = Mp4Track::Video({1, 77, 64, 10, 255}, 64, 48, 90000);
-  video.Add(Bytes{0, 0, 0, 1, 9}, 3000);
-  Demuxer demuxer(Write({video}));
-  EXPECT_EQ(demuxer.Open(nullptr, nullptr), AVERROR_INVALIDDATA);
-  ReadAll(demuxer);  // must not crash
+TEST_F(DemuxerTest, AvcWithoutAWholeConfigurationIsReadUnconverted) {
+  for (const Bytes& configuration : {Bytes{}, Bytes{1, 77, 64, 10, 255}}) {
+    Mp4Track video = Mp4Track::Video(configuration, 64, 48, 90000);
+    video.Add(Bytes{0, 0, 0, 1, 9}, 3000);
+    const LogCapture log;
+    Demuxer demuxer(Write({video}));
+    EXPECT_EQ(demuxer.Open(nullptr, nullptr), configuration.empty() ? 0 : AVERROR_INVALIDDATA);
+    EXPECT_EQ(demuxer.VideoStream()->codecpar->codec_id, AV_CODEC_ID_H264);
+    const size_t read = ReadAll(demuxer).size();  // must not crash
+    if (configuration.empty()) {
+      EXPECT_EQ(read, 1U);
+      EXPECT_THAT(log.Lines("av_toolbox/bsf_filter.cpp"), IsEmpty());
+    }
+  }
 }
 
 TEST_F(DemuxerTest, PassesOptionsToTheContainer) {
-  const std::string path = Write({ToMp4Track(EncodeH264(), 90000)});
   const Demuxer::Options options{{"ignore_editlist", "1"}, {"unknown", "is no error"}};
-  Demuxer demuxer(path);
+  Demuxer demuxer(Write({ToMp4Track(EncodeH264(), 90000)}));
   ASSERT_EQ(demuxer.Open(&options, nullptr), 0);
   EXPECT_EQ(ReadAll(demuxer).front().dts, 0) << "with the edit list it lies below zero";
 }
@@ -364,6 +298,7 @@ TEST_F(DemuxerTest, DurationsAreMilliseconds) {
   ASSERT_EQ(unknown.Open(nullptr, nullptr), 0);
   ASSERT_NE(unknown.VideoStream(), nullptr);
   EXPECT_EQ(unknown.VideoDurationMs(), -1);
+  EXPECT_EQ(unknown.AudioDurationMs(), -1);
 }
 
 TEST_F(DemuxerTest, APacketThatSomebodyKeepsIsLeftAlone) {
@@ -374,20 +309,32 @@ TEST_F(DemuxerTest, APacketThatSomebodyKeepsIsLeftAlone) {
   const std::shared_ptr<QVXPacket> kept = packet;
   const PacketCopy before = Copy(*kept);
   ASSERT_EQ(demuxer.NextPacket(packet), 0);
-  EXPECT_NE(packet, kept);
-  EXPECT_EQ(Copy(*kept), before);
   EXPECT_EQ(packet->dts, 20);
   demuxer.Close();
   EXPECT_EQ(Copy(*kept), before) << "a packet outlives its input";
 }
 
 TEST_F(DemuxerTest, ADiscardedStreamIsSkipped) {
-  Demuxer demuxer(Write({ToMp4Track(EncodeAac(), 48000), MotionTrack(50)}));
+  AacOptions audio;
+  audio.milliseconds = 30'000;  // more than probing buffers
+  Demuxer demuxer(Write({ToMp4Track(EncodeAac(audio), 48000), MotionTrack(50)}));
   ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
   demuxer.DiscardStream(0);
   demuxer.DiscardStream(99);
+  size_t sound = 0;
   size_t motion = 0;
-  for (const PacketCopy& packet : ReadAll(demuxer)) motion += packet.stream == 1 ? 1 : 0;
+  for (const PacketCopy& packet : ReadAll(demuxer)) ++(packet.stream == 1 ? motion : sound);
+  EXPECT_EQ(motion, 50U);
+  EXPECT_LT(sound, 1000U) << "of 1407";
+
+  // Broken pictures that probing has buffered come out unfiltered, and end nothing.
+  Mp4Track broken = Mp4Track::Video(EncodeH264().extradata(), 64, 48, 1000);
+  for (int i = 0; i < 5; ++i) broken.Add(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 1}, 20);
+  Demuxer beside_broken(Write({broken, MotionTrack(50)}));
+  ASSERT_EQ(beside_broken.Open(nullptr, nullptr), 0);
+  beside_broken.DiscardStream(0);
+  motion = 0;
+  for (const PacketCopy& packet : ReadAll(beside_broken)) motion += packet.stream == 1 ? 1 : 0;
   EXPECT_EQ(motion, 50U);
 }
 

@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <stdexcept>
@@ -85,60 +86,49 @@ void SetExtradata(AVCodecParameters* parameters, const Bytes& extradata) {
 
 /// The NAL units of an Annex B byte stream (ITU-T H.264, B.1), without start codes.
 std::vector<Bytes> SplitAnnexB(const Bytes& stream) {
-  std::vector<Bytes> units;
-  std::size_t begin = 0;
-  bool inside = false;
-  std::size_t i = 0;
-  const auto end_unit = [&](std::size_t end) {
-    while (end > begin && stream[end - 1] == 0) --end;  // zeros before a start code
-    if (inside) {
-      units.emplace_back(stream.begin() + static_cast<std::ptrdiff_t>(begin),
-                         stream.begin() + static_cast<std::ptrdiff_t>(end));
-    }
+  constexpr std::array<std::uint8_t, 3> kStartCode{0, 0, 1};
+  const auto next = [&](auto from) {
+    return std::search(from, stream.end(), kStartCode.begin(), kStartCode.end());
   };
-  while (i + 3 <= stream.size()) {
-    if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1) {
-      end_unit(i);
-      i += 3;
-      begin = i;
-      inside = true;
-    } else {
-      ++i;
-    }
+  std::vector<Bytes> units;
+  for (auto begin = next(stream.begin()); begin != stream.end();) {
+    begin += kStartCode.size();
+    const auto end = next(begin);
+    units.emplace_back(begin, end);
+    while (!units.back().empty() && units.back().back() == 0) units.back().pop_back();
+    begin = end;
   }
-  end_unit(stream.size());
   return units;
 }
 
-void AppendBigEndian(Bytes& out, std::size_t value, unsigned width) {
-  for (unsigned i = width; i-- > 0;) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+/// A unit behind its size, a big-endian number.
+Bytes Sized(const Bytes& unit, unsigned width) {
+  Bytes out;
+  for (unsigned i = width; i-- > 0;) {
+    out.push_back(static_cast<std::uint8_t>(unit.size() >> (8 * i)));
+  }
+  return Concat({out, unit});
 }
 
 /// AVCDecoderConfigurationRecord (ISO/IEC 14496-15, 5.3.3.1) of a Main profile stream.
 Bytes ToAvcc(const Bytes& annex_b_extradata) {
-  constexpr std::uint8_t kSps = 7;
-  constexpr std::uint8_t kPps = 8;
+  constexpr int kSps = 7;
+  constexpr int kPps = 8;
   Bytes sps;
   Bytes pps;
   for (const Bytes& unit : SplitAnnexB(annex_b_extradata)) {
     if ((unit.at(0) & 0x1F) == kSps) sps = unit;
     if ((unit.at(0) & 0x1F) == kPps) pps = unit;
   }
-  Bytes avcc{1, sps.at(1), sps.at(2), sps.at(3), 0xFF /*4-byte lengths*/, 0xE1 /*one SPS*/};
-  AppendBigEndian(avcc, sps.size(), 2);
-  avcc.insert(avcc.end(), sps.begin(), sps.end());
-  avcc.push_back(1);
-  AppendBigEndian(avcc, pps.size(), 2);
-  avcc.insert(avcc.end(), pps.begin(), pps.end());
-  return avcc;
+  return Concat({{1, sps.at(1), sps.at(2), sps.at(3), 0xFF /*4-byte lengths*/, 0xE1 /*one SPS*/},
+                 Sized(sps, 2),
+                 {1},
+                 Sized(pps, 2)});
 }
 
 Bytes ToLengthPrefixed(const Bytes& annex_b) {
   Bytes out;
-  for (const Bytes& unit : SplitAnnexB(annex_b)) {
-    AppendBigEndian(out, unit.size(), 4);
-    out.insert(out.end(), unit.begin(), unit.end());
-  }
+  for (const Bytes& unit : SplitAnnexB(annex_b)) out = Concat({out, Sized(unit, 4)});
   return out;
 }
 
@@ -237,8 +227,7 @@ EncodedStream EncodeAac(const AacOptions& options) {
   return stream;
 }
 
-Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale, bool with_edit_list,
-                    std::uint32_t movie_timescale) {
+Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale, bool with_edit_list) {
   const AVCodecParameters& parameters = *stream.parameters;
   Mp4Track track =
       parameters.codec_type == AVMEDIA_TYPE_VIDEO
@@ -262,9 +251,9 @@ Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale, bool w
   // Decode times count from 0 in the file, so time zero stands at -(first dts).
   const std::int64_t zero = packets.empty() ? 0 : -ticks(packets.front().dts);
   if (with_edit_list && zero != 0) {
-    const AVRational movie_base{1, static_cast<int>(movie_timescale)};
+    constexpr AVRational kMovieBase{1, 1000};
     track.edits.push_back(
-        {static_cast<std::uint64_t>(av_rescale_q(end, stream.time_base, movie_base)), zero, 1});
+        {static_cast<std::uint64_t>(av_rescale_q(end, stream.time_base, kMovieBase)), zero, 1});
   }
   return track;
 }

@@ -66,7 +66,7 @@ EncodedStream EncodeAac(const AacOptions& options = {});
 /// lies before time zero (B-frame delay, AAC priming) is cut by an edit list, as common muxers do,
 /// unless `with_edit_list` is false.
 Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale,
-                    bool with_edit_list = true, std::uint32_t movie_timescale = 1000);
+                    bool with_edit_list = true);
 
 /// A data stream for MuxWithLibavformat.
 struct DataStream {

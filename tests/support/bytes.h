@@ -12,7 +12,8 @@ namespace motrace::testing {
 using Bytes = std::vector<std::uint8_t>;
 
 /// The parts one after another.
-inline Bytes Concat(std::initializer_list<Bytes> parts) {
+template <typename Parts = std::initializer_list<Bytes>>
+Bytes Concat(const Parts& parts) {
   Bytes all;
   for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
   return all;

@@ -2,6 +2,7 @@
 #define MOTRACE_TESTS_SUPPORT_CAMM_SAMPLES_H_
 
 #include <cstdint>
+#include <cstring>
 
 #include "support/bytes.h"
 
@@ -13,16 +14,19 @@
 /// bytes hold: the format says 0, real cameras write other values too.
 namespace motrace::testing {
 
-enum class CammType : std::uint16_t {
-  kAngleAxis = 0,
-  kExposure = 1,
-  kGyroscope = 2,
-  kAcceleration = 3,
-  kPosition = 4,
-  kMinimalGps = 5,
-  kGps = 6,
-  kMagneticField = 7,
-};
+/// The fields' bytes one after another, as a little-endian host holds them.
+template <typename... Fields>
+Bytes Packed(Fields... fields) {
+  Bytes bytes;
+  const auto append = [&bytes](auto field) {
+    const std::size_t at = bytes.size();
+    bytes.resize(at + sizeof field);
+    std::memcpy(bytes.data() + at, &field, sizeof field);
+  };
+  (append(fields), ...);
+  return bytes;
+}
+inline void AppendU16(Bytes& out, std::uint16_t value) { out = Concat({out, Packed(value)}); }
 
 /// Three components along the device's axes; the unit is the sample type's.
 struct Vec3 {
@@ -47,33 +51,39 @@ struct GpsFix {
 };
 
 /// The 4-byte header alone, for any type number (also ones that the format does not know).
-Bytes CammHeader(std::uint16_t type, std::uint16_t reserved = 0);
-
-/// Type 0, 16 bytes: orientation as angle-axis, radians.
-Bytes AngleAxisSample(const Vec3& angle_axis, std::uint16_t reserved = 0);
-/// Type 1, 12 bytes: both times in nanoseconds.
-Bytes ExposureSample(std::int32_t pixel_exposure_time, std::int32_t rolling_shutter_skew_time,
-                     std::uint16_t reserved = 0);
-/// Type 2, 16 bytes: radians per second.
-Bytes GyroSample(const Vec3& rate, std::uint16_t reserved = 0);
-/// Type 3, 16 bytes: metres per second squared.
-Bytes AccelSample(const Vec3& acceleration, std::uint16_t reserved = 0);
-/// Type 4, 16 bytes: metres.
-Bytes PositionSample(const Vec3& position, std::uint16_t reserved = 0);
-/// Type 5, 28 bytes: degrees, degrees, metres.
-Bytes MinimalGpsSample(double latitude, double longitude, double altitude,
-                       std::uint16_t reserved = 0);
-/// Type 6, 60 bytes.
-Bytes GpsSample(const GpsFix& fix, std::uint16_t reserved = 0);
-/// Type 7, 16 bytes: microtesla.
-Bytes MagneticFieldSample(const Vec3& field, std::uint16_t reserved = 0);
-
-/// Little-endian pieces, for payloads that no camera writes.
-void AppendU16(Bytes& out, std::uint16_t value);
-void AppendU32(Bytes& out, std::uint32_t value);
-void AppendU64(Bytes& out, std::uint64_t value);
-void AppendFloat(Bytes& out, float value);
-void AppendDouble(Bytes& out, double value);
+inline Bytes CammHeader(std::uint16_t type, std::uint16_t reserved = 0) {
+  return Packed(reserved, type);
+}
+/// A sample of three floats: types 0 (angle-axis, radians), 2, 3, 4 (position, metres), 7.
+inline Bytes Vec3Sample(std::uint16_t type, const Vec3& v, std::uint16_t reserved = 0) {
+  return Packed(reserved, type, v.x, v.y, v.z);
+}
+inline Bytes AngleAxisSample(const Vec3& angle_axis) { return Vec3Sample(0, angle_axis); }
+/// Both times in nanoseconds.
+inline Bytes ExposureSample(std::int32_t pixel_exposure_time,
+                            std::int32_t rolling_shutter_skew_time, std::uint16_t reserved = 0) {
+  return Packed(reserved, std::uint16_t{1}, pixel_exposure_time, rolling_shutter_skew_time);
+}
+/// Radians per second.
+inline Bytes GyroSample(const Vec3& rate, std::uint16_t reserved = 0) {
+  return Vec3Sample(2, rate, reserved);
+}
+/// Metres per second squared.
+inline Bytes AccelSample(const Vec3& acceleration, std::uint16_t reserved = 0) {
+  return Vec3Sample(3, acceleration, reserved);
+}
+inline Bytes PositionSample(const Vec3& position) { return Vec3Sample(4, position); }
+/// Degrees, degrees, metres.
+inline Bytes MinimalGpsSample(double latitude, double longitude, double altitude) {
+  return Packed(std::uint16_t{0}, std::uint16_t{5}, latitude, longitude, altitude);
+}
+inline Bytes GpsSample(const GpsFix& fix, std::uint16_t reserved = 0) {
+  return Packed(reserved, std::uint16_t{6}, fix.time_gps_epoch, fix.gps_fix_type, fix.latitude,
+                fix.longitude, fix.altitude, fix.horizontal_accuracy, fix.vertical_accuracy,
+                fix.velocity_east, fix.velocity_north, fix.velocity_up, fix.speed_accuracy);
+}
+/// Microtesla.
+inline Bytes MagneticFieldSample(const Vec3& field) { return Vec3Sample(7, field); }
 
 }  // namespace motrace::testing
 

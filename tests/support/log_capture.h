@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,18 +26,9 @@ struct LogRecord {
 /// From construction to destruction, a copy of every record of the process. Any thread.
 class LogCapture {
  public:
-  LogCapture() : stream_(open_memstream(&buffer_, &size_)) {
-    lum::LogSink& sink = lum::GetLogSink();
-    const std::lock_guard<std::mutex> lock(sink.mutex);
-    previous_ = sink.file;
-    sink.file = stream_;
-  }
+  LogCapture() : stream_(open_memstream(&buffer_, &size_)) { previous_ = Exchange(stream_); }
   ~LogCapture() {
-    {
-      lum::LogSink& sink = lum::GetLogSink();
-      const std::lock_guard<std::mutex> lock(sink.mutex);
-      sink.file = previous_;
-    }
+    Exchange(previous_);
     std::fclose(stream_);
     std::free(buffer_);  // NOLINT(*-no-malloc): open_memstream's buffer
   }
@@ -48,50 +41,38 @@ class LogCapture {
     return {buffer_, size_};
   }
 
+  /// A line that does not begin as a record belongs to the one before it.
   [[nodiscard]] std::vector<LogRecord> Records() const {
+    static const std::regex kRecord(R"(\[([A-Z]+)\]\[(0x\w+)\]\[([^\]]*)\]\[([^\]]*)\](.*))");
     std::vector<LogRecord> records;
-    const std::string text = Text();
-    for (size_t begin = 0; begin < text.size();) {
-      const size_t end = text.find('\n', begin);
-      records.push_back(Parse(text.substr(begin, end - begin)));
-      begin = end + 1;
+    std::istringstream text(Text());
+    for (std::string line; std::getline(text, line);) {
+      std::smatch match;
+      if (std::regex_match(line, match, kRecord)) {
+        records.push_back({match[1], match[2], match[3], match[4], match[5]});
+      } else if (!records.empty()) {
+        records.back().text += '\n' + line;
+      }
     }
     return records;
   }
 
-  /// Every record as "LEVEL file:line text".
-  [[nodiscard]] std::vector<std::string> Lines() const {
+  /// Every record as "LEVEL file:line text"; of one source file, if one is named.
+  [[nodiscard]] std::vector<std::string> Lines(const std::string& file = "") const {
     std::vector<std::string> lines;
     for (const LogRecord& record : Records()) {
-      lines.push_back(record.level + ' ' + record.site + ' ' + record.text);
-    }
-    return lines;
-  }
-
-  /// `Lines` of one source file.
-  [[nodiscard]] std::vector<std::string> LinesOf(const std::string& file) const {
-    std::vector<std::string> lines;
-    for (const LogRecord& record : Records()) {
-      if (record.site.compare(0, file.size() + 1, file + ':') != 0) continue;
+      if (!file.empty() && record.site.rfind(file + ':', 0) != 0) continue;
       lines.push_back(record.level + ' ' + record.site + ' ' + record.text);
     }
     return lines;
   }
 
  private:
-  static LogRecord Parse(const std::string& line) {
-    LogRecord record;
-    size_t at = 0;
-    for (std::string* field : {&record.level, &record.thread, &record.time, &record.site}) {
-      const size_t close = line.find(']', at);
-      if (at >= line.size() || line[at] != '[' || close == std::string::npos) {
-        return {"not a record", "", "", "", line};
-      }
-      *field = line.substr(at + 1, close - at - 1);
-      at = close + 1;
-    }
-    record.text = line.substr(at);
-    return record;
+  static std::FILE* Exchange(std::FILE* file) {
+    lum::LogSink& sink = lum::GetLogSink();
+    const std::lock_guard<std::mutex> lock(sink.mutex);
+    std::swap(sink.file, file);
+    return file;
   }
 
   char* buffer_ = nullptr;

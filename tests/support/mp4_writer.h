@@ -17,19 +17,9 @@ namespace motrace::testing {
 
 /// One entry of an edit list.
 struct Mp4Edit {
-  std::uint64_t segment_duration = 0;  ///< movie time scale; 0 is written as it is
+  std::uint64_t segment_duration = 0;  ///< movie time scale (1000); 0 is written as it is
   std::int64_t media_time = 0;         ///< track time scale; -1 = empty edit (a delay)
   std::int16_t rate = 1;               ///< integer part of the rate; 0 = dwell
-};
-
-/// Where one sample's bytes are and when it is due.
-struct Mp4Sample {
-  std::uint64_t arena_offset = 0;
-  std::uint32_t size = 0;
-  std::uint32_t duration = 0;           ///< decode time to the next sample, track time scale
-  std::int32_t composition_offset = 0;  ///< pts - dts, track time scale; may be negative
-  bool sync = true;
-  bool hole = false;  ///< `size` bytes of the file that are never written (read back as zeros)
 };
 
 /// One track: what its header says, and its samples. All payloads lie in one arena, so that
@@ -41,20 +31,19 @@ class Mp4Track {
   /// AAC; `audio_specific_config` goes into the esds box.
   static Mp4Track Audio(const Bytes& audio_specific_config, int channels, std::uint32_t sample_rate,
                         std::uint32_t timescale);
-  /// Any other track: `handler` and `sample_entry` are four-character codes. Known: "camm" and
-  /// "meta" handlers with entry "camm"; "tmcd"/"tmcd" (a timecode entry is written whole); anything
-  /// else gets an entry of 8 bytes behind its header.
+  /// Any other track: `handler` and `sample_entry` are four-character codes. A "tmcd" (timecode)
+  /// entry is written whole, anything else gets an entry of 8 bytes behind its header.
   static Mp4Track Data(const std::string& handler, const std::string& sample_entry,
                        std::uint32_t timescale);
   /// A Camera Motion Metadata track: handler "camm", sample entry "camm".
   static Mp4Track Camm(std::uint32_t timescale) { return Data("camm", "camm", timescale); }
 
-  /// Appends a sample with its bytes.
+  /// Appends a sample. `duration` (decode time to the next sample) and `composition_offset` (pts -
+  /// dts, may be negative) are in the track's time scale.
   void Add(const Bytes& payload, std::uint32_t duration, std::int32_t composition_offset = 0,
            bool sync = true);
-  void Add(const std::uint8_t* data, std::size_t size, std::uint32_t duration,
-           std::int32_t composition_offset = 0, bool sync = true);
-  /// Appends a sample whose bytes are a hole of the file: a file of many gigabytes costs no disk.
+  /// Appends a sample whose bytes are a hole of the file, which reads as zeros: a file of many
+  /// gigabytes costs no disk.
   void AddHole(std::uint32_t size, std::uint32_t duration, bool sync = true);
 
   /// Edit list, written when not empty.
@@ -63,27 +52,35 @@ class Mp4Track {
   std::optional<std::uint64_t> media_duration;
   /// The stts box leaves out this many samples at the end, as some cameras do.
   std::size_t samples_without_time = 0;
-
   /// Added to the decode time of every fragment (kFragmented only): a recording cut out of a longer
   /// one does not begin at 0.
   std::uint64_t first_decode_time = 0;
 
-  [[nodiscard]] const std::vector<Mp4Sample>& samples() const { return samples_; }
   [[nodiscard]] std::uint32_t timescale() const { return timescale_; }
   /// Sum of the samples' durations, track time scale.
   [[nodiscard]] std::uint64_t total_duration() const { return total_duration_; }
 
  private:
   friend class Mp4FileWriter;
-  Mp4Track(std::string handler, Bytes sample_entry, std::uint32_t timescale);
+  struct Sample {
+    std::uint64_t arena_offset;
+    std::uint32_t size;
+    std::uint32_t duration;
+    std::int32_t composition_offset;
+    bool sync;
+    bool hole;
+  };
+
+  Mp4Track(std::string handler, Bytes sample_entry, std::uint32_t timescale)
+      : handler_(std::move(handler)),
+        sample_entry_(std::move(sample_entry)),
+        timescale_(timescale) {}
 
   std::string handler_;
   Bytes sample_entry_;  // the whole box
   std::uint32_t timescale_;
-  int width_ = 0;
-  int height_ = 0;
   Bytes arena_;
-  std::vector<Mp4Sample> samples_;
+  std::vector<Sample> samples_;
   std::uint64_t total_duration_ = 0;
 };
 
@@ -96,19 +93,15 @@ enum class Mp4Order {
 struct Mp4Layout {
   Mp4Order order = Mp4Order::kMoovLast;
   /// Chunks (and fragments) hold this much of each track, in milliseconds, and alternate between
-  /// the tracks; 0 = one track after another, each as a single chunk per track.
+  /// the tracks; 0 = one track after another, each as a single chunk.
   std::uint32_t interleave_ms = 500;
-  std::uint32_t movie_timescale = 1000;
-  /// 64-bit chunk offsets and mdat size even where 32 bits are enough (they are always written
-  /// where they are needed).
-  bool force_64bit = false;
   /// Bytes of mdat before the first chunk that belong to no sample. They are a hole of the file, so
   /// that offsets behind 4 GiB can be tested at no cost. Not used by kFragmented.
   std::uint64_t leading_gap = 0;
 };
 
-/// Writes the tracks, in that order in the file's track list. Throws std::runtime_error when the
-/// file cannot be written.
+/// Writes the tracks, in that order in the file's track list. Throws std::ios_base::failure when
+/// the file cannot be written.
 void WriteMp4(const std::filesystem::path& path, const std::vector<Mp4Track>& tracks,
               const Mp4Layout& layout = {});
 

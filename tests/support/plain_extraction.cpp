@@ -14,38 +14,18 @@ extern "C" {
 namespace motrace::testing {
 namespace {
 
-std::uint64_t ReadLittleEndian(const Bytes& bytes, std::size_t at, std::size_t width) {
-  std::uint64_t value = 0;
-  for (std::size_t i = 0; i < width; ++i) value |= std::uint64_t{bytes.at(at + i)} << (8 * i);
+/// A field at a place, as a little-endian host holds it.
+template <typename T>
+T At(const Bytes& bytes, std::size_t at) {
+  T value{};
+  std::memcpy(&value, &bytes.at(at + sizeof value - 1) - (sizeof value - 1), sizeof value);
   return value;
 }
 
-std::int32_t ReadInt32(const Bytes& bytes, std::size_t at) {
-  return static_cast<std::int32_t>(ReadLittleEndian(bytes, at, 4));
-}
-
-double ReadFloat(const Bytes& bytes, std::size_t at) {
-  const auto bits = static_cast<std::uint32_t>(ReadLittleEndian(bytes, at, 4));
-  float value = 0;
-  std::memcpy(&value, &bits, sizeof value);
-  return value;
-}
-
-double ReadDouble(const Bytes& bytes, std::size_t at) {
-  const std::uint64_t bits = ReadLittleEndian(bytes, at, 8);
-  double value = 0;
-  std::memcpy(&value, &bits, sizeof value);
-  return value;
-}
-
-void WriteInt64(Bytes& out, std::uint64_t value) {
-  for (unsigned i = 0; i < 8; ++i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-}
-
-void WriteDouble(Bytes& out, double value) {
-  std::uint64_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  WriteInt64(out, bits);
+template <typename T>
+void Write(Bytes& out, T value) {
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&value);
+  out.insert(out.end(), bytes, bytes + sizeof value);
 }
 
 /// Milliseconds to microseconds; overflow wraps.
@@ -118,34 +98,34 @@ PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets) {
     std::size_t pos = 0;
     while (pos + 2 < data.size()) {
       if (data.size() - pos == 3) break;  // the type is cut in two
-      const std::uint64_t type = ReadLittleEndian(data, pos + 2, 2);
+      const auto type = At<std::uint16_t>(data, pos + 2);
       pos += 4;
       const std::size_t remaining = data.size() - pos;
       if (type == 1 && remaining >= 8) {
-        record["pixel_exposure_time"] = std::to_string(ReadInt32(data, pos));
-        record["rolling_shutter_skew_time"] = std::to_string(ReadInt32(data, pos + 4));
-        exposure.push_back({packet.pts_ms, ReadInt32(data, pos)});
+        record["pixel_exposure_time"] = std::to_string(At<std::int32_t>(data, pos));
+        record["rolling_shutter_skew_time"] = std::to_string(At<std::int32_t>(data, pos + 4));
+        exposure.push_back({packet.pts_ms, At<std::int32_t>(data, pos)});
         pos += 8;
       } else if ((type == 2 || type == 3) && remaining >= 12) {
-        const MotionRecord motion{packet.pts_ms, ReadFloat(data, pos), ReadFloat(data, pos + 4),
-                                  ReadFloat(data, pos + 8)};
+        const MotionRecord motion{packet.pts_ms, At<float>(data, pos), At<float>(data, pos + 4),
+                                  At<float>(data, pos + 8)};
         record["x"] = JsonNumber(motion.x);
         record["y"] = JsonNumber(motion.y);
         record["z"] = JsonNumber(motion.z);
         (type == 2 ? gyro : acceleration).push_back(motion);
         pos += 12;
       } else if (type == 6 && remaining >= 56) {
-        record["time_gps_epoch"] = JsonNumber(ReadDouble(data, pos));
-        record["gps_fix_type"] = std::to_string(ReadInt32(data, pos + 8));
-        record["latitude"] = JsonNumber(ReadDouble(data, pos + 12));
-        record["longitude"] = JsonNumber(ReadDouble(data, pos + 20));
-        record["altitude"] = JsonNumber(ReadFloat(data, pos + 28));
-        record["horizontal_accuracy"] = JsonNumber(ReadFloat(data, pos + 32));
-        record["vertical_accuracy"] = JsonNumber(ReadFloat(data, pos + 36));
-        record["velocity_east"] = JsonNumber(ReadFloat(data, pos + 40));
-        record["velocity_north"] = JsonNumber(ReadFloat(data, pos + 44));
-        record["velocity_up"] = JsonNumber(ReadFloat(data, pos + 48));
-        record["speed_accuracy"] = JsonNumber(ReadFloat(data, pos + 52));
+        record["time_gps_epoch"] = JsonNumber(At<double>(data, pos));
+        record["gps_fix_type"] = std::to_string(At<std::int32_t>(data, pos + 8));
+        record["latitude"] = JsonNumber(At<double>(data, pos + 12));
+        record["longitude"] = JsonNumber(At<double>(data, pos + 20));
+        std::size_t at = pos + 28;
+        for (const char* key :
+             {"altitude", "horizontal_accuracy", "vertical_accuracy", "velocity_east",
+              "velocity_north", "velocity_up", "speed_accuracy"}) {
+          record[key] = JsonNumber(At<float>(data, at));
+          at += 4;
+        }
         gps.push_back(ToText(record));
         pos += 56;
       }
@@ -159,28 +139,22 @@ PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets) {
       result.unpaired_accelerations = acceleration.size() - gyro.size();
       break;
     }
-    WriteInt64(result.gyro, Microseconds(acceleration[i].pts_ms));
+    Write(result.gyro, Microseconds(acceleration[i].pts_ms));
     for (const MotionRecord* motion : {&acceleration[i], &gyro[i]}) {
-      WriteDouble(result.gyro, motion->x);
-      WriteDouble(result.gyro, motion->y);
-      WriteDouble(result.gyro, motion->z);
+      Write(result.gyro, motion->x);
+      Write(result.gyro, motion->y);
+      Write(result.gyro, motion->z);
     }
   }
   for (std::size_t i = 0; i < exposure.size(); ++i) {
     Bytes& file = result.exposure[i % 6];
-    WriteInt64(file, Microseconds(exposure[i].pts_ms));
-    WriteDouble(file, static_cast<double>(exposure[i].nanoseconds) * 1e-9);
+    Write(file, Microseconds(exposure[i].pts_ms));
+    Write(file, static_cast<double>(exposure[i].nanoseconds) * 1e-9);
   }
-  if (gps.empty()) {
-    result.gps_json = "null";
-  } else {
-    result.gps_json = "{\"extended_gps_info\":[";
-    for (std::size_t i = 0; i < gps.size(); ++i) {
-      if (i > 0) result.gps_json += ",";
-      result.gps_json += gps[i];
-    }
-    result.gps_json += "]}";
+  for (const std::string& record : gps) {
+    result.gps_json += (result.gps_json.empty() ? "{\"extended_gps_info\":[" : ",") + record;
   }
+  result.gps_json += gps.empty() ? "null" : "]}";
   return result;
 }
 

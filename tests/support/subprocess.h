@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -17,18 +16,16 @@ struct ProcessResult {
   bool timed_out = false;  ///< the time limit passed and the process was killed
   std::string out;         ///< standard output, whole
   std::string err;         ///< standard error, whole
-  std::chrono::milliseconds elapsed{0};
 };
 
 struct ProcessOptions {
-  std::filesystem::path working_directory;         ///< empty: the caller's
-  std::map<std::string, std::string> environment;  ///< set besides the caller's
-  std::chrono::seconds time_limit{60};             ///< only bounds a hang
+  std::filesystem::path working_directory;  ///< empty: the caller's
+  std::chrono::seconds time_limit{60};      ///< only bounds a hang
   /// Standard error is a terminal (a pseudo terminal) instead of a pipe.
   bool stderr_is_terminal = false;
   /// Called with what standard error has brought so far, each time that more has come.
   std::function<void(const std::string&)> on_stderr;
-  /// Soft limit of the size of a written file in bytes (RLIMIT_FSIZE); 0 = none.
+  /// Limit of the size of a written file in bytes (RLIMIT_FSIZE), SIGXFSZ ignored; 0 = none.
   std::uint64_t file_size_limit = 0;
   /// Limit of the address space in bytes (RLIMIT_AS); 0 = none.
   std::uint64_t address_space_limit = 0;
@@ -37,9 +34,8 @@ struct ProcessOptions {
 };
 
 /// Runs a program to its end and returns all it printed. arguments[0] is the program's path.
-/// Throws std::runtime_error when it can't be started.
-ProcessResult RunProcess(const std::vector<std::string>& arguments,
-                         const ProcessOptions& options = {});
+/// The exit code is 127 when it can't be started.
+ProcessResult RunProcess(std::vector<std::string> arguments, const ProcessOptions& options = {});
 
 }  // namespace motrace::testing
 

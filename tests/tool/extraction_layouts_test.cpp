@@ -4,9 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
-#include <ostream>
-#include <random>
+#include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,507 +19,204 @@
 namespace motrace::testing {
 namespace {
 
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using Tracks = std::vector<Mp4Track>;
 
-struct FileCase {
-  std::string name;
-  std::function<Tracks()> tracks;
-  Mp4Layout layout;
-};
-
-std::ostream& operator<<(std::ostream& out, const FileCase& file_case) {
-  return out << file_case.name;
-}
-
-class ExtractionTest : public ::testing::TestWithParam<FileCase> {};
-
-TEST_P(ExtractionTest, WritesTheBytesOfThePlainExtraction) {
+void ExpectSame(const std::string& what, const Tracks& tracks, const Mp4Layout& layout = {},
+                const ::testing::Matcher<const std::string&>& standard_error = IsEmpty()) {
+  SCOPED_TRACE(what);
   const TempDir dir;
-  const auto path = dir / "video.mp4";
-  WriteMp4(path, GetParam().tracks(), GetParam().layout);
-  if (GetParam().name == "MotionOnlyDelay") {  // FFmpeg finds nothing in such a track
-    ExpectPlainExtraction(path, ::testing::HasSubstr("none of the 452 motion packets"));
-  } else {
-    ExpectPlainExtraction(path);
-  }
+  WriteMp4(dir / "video.mp4", tracks, layout);
+  ExpectPlainExtraction(dir / "video.mp4", standard_error);
 }
-
-std::string CaseName(const ::testing::TestParamInfo<FileCase>& info) { return info.param.name; }
 
 Tracks Camera() { return {VideoTrack(), AudioTrack(), MotionTrack(90000)}; }
-
-// ---- how the container is laid out
-
 Mp4Layout Layout(Mp4Order order, std::uint32_t interleave_ms = 500) {
-  Mp4Layout layout;
-  layout.order = order;
-  layout.interleave_ms = interleave_ms;
-  return layout;
+  return {order, interleave_ms};
 }
 
-Mp4Layout Beyond4GiB(Mp4Order order) {
-  Mp4Layout layout = Layout(order);
-  layout.leading_gap = 4500000000;
-  return layout;
-}
-
-Mp4Layout WideOffsets() {
-  Mp4Layout layout;
-  layout.force_64bit = true;
-  return layout;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Container, ExtractionTest,
-    ::testing::Values(FileCase{"MoovLast", Camera, Layout(Mp4Order::kMoovLast)},
-                      FileCase{"MoovFirst", Camera, Layout(Mp4Order::kMoovFirst)},
-                      FileCase{"FinelyInterleaved", Camera, Layout(Mp4Order::kMoovLast, 10)},
-                      FileCase{"OneTrackAfterAnother", Camera, Layout(Mp4Order::kMoovFirst, 0)},
-                      FileCase{"Fragmented", Camera, Layout(Mp4Order::kFragmented, 100)},
-                      FileCase{"FragmentPerTrack", Camera, Layout(Mp4Order::kFragmented, 0)},
-                      FileCase{"WideOffsets", Camera, WideOffsets()},
-                      FileCase{"Beyond4GiBMoovLast", Camera, Beyond4GiB(Mp4Order::kMoovLast)},
-                      FileCase{"Beyond4GiBMoovFirst", Camera, Beyond4GiB(Mp4Order::kMoovFirst)}),
-    CaseName);
-
-// ---- which tracks there are, and in which order
-
-/// A track of type data whose bytes look like motion samples, so that reading the wrong track
-/// cannot go unnoticed.
-Mp4Track VendorTrack() {
-  Mp4Track track = Mp4Track::Data("meta", "vend", 1000);
-  for (int i = 0; i < 10; ++i) track.Add(ExposureSample(1000 + i, 0), 100);
+/// A motion track of one packet each, 10 ms apart.
+Mp4Track Packets(const std::vector<Bytes>& packets) {
+  Mp4Track track = Mp4Track::Camm(1000);
+  for (const Bytes& packet : packets) track.Add(packet, 10);
   return track;
 }
 
-/// QuickTime timecode: one sample, a frame number.
-Mp4Track TimecodeTrack() {
-  Mp4Track track = Mp4Track::Data("tmcd", "tmcd", 30000);
-  track.Add(Bytes{0, 1, 2, 3}, 30000);
-  return track;
+TEST(Extraction, ContainerLayouts) {
+  ExpectSame("moov last", Camera());
+  ExpectSame("moov first, one track after another", Camera(), Layout(Mp4Order::kMoovFirst, 0));
+  ExpectSame("finely interleaved", Camera(), Layout(Mp4Order::kMoovLast, 10));
+  ExpectSame("fragmented", Camera(), Layout(Mp4Order::kFragmented, 100));
+  ExpectSame("a fragment a track", Camera(), Layout(Mp4Order::kFragmented, 0));
+  for (const Mp4Order order : {Mp4Order::kMoovLast, Mp4Order::kMoovFirst}) {
+    ExpectSame("beyond 4 GiB", Camera(), {order, 500, /*leading_gap=*/4500000000});
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Tracks, ExtractionTest,
-    ::testing::Values(FileCase{"NoAudio",
-                               [] {
-                                 return Tracks{VideoTrack(), MotionTrack(90000)};
-                               },
-                               {}},
-                      FileCase{"NoVideo",
-                               [] {
-                                 return Tracks{AudioTrack(), MotionTrack(90000)};
-                               },
-                               {}},
-                      FileCase{"MotionAlone", [] { return Tracks{MotionTrack(90000)}; }, {}},
-                      FileCase{"MotionFirst",
-                               [] {
-                                 return Tracks{MotionTrack(90000), AudioTrack(), VideoTrack()};
-                               },
-                               {}},
-                      FileCase{"MotionBeforeVendor",
-                               [] {
-                                 return Tracks{VideoTrack(), MotionTrack(90000), VendorTrack()};
-                               },
-                               {}},
-                      FileCase{"MotionTwice",
-                               [] {
-                                 return Tracks{VideoTrack(), MotionTrack(90000, 100, 200, 1),
-                                               MotionTrack(1000, 50, 100, 2)};
-                               },
-                               {}},
-                      FileCase{"TimecodeBehindMotion",
-                               [] {
-                                 return Tracks{VideoTrack(), MotionTrack(90000), TimecodeTrack()};
-                               },
-                               {}},
-                      FileCase{"MetadataHandler",
-                               [] {
-                                 Mp4Track track = Mp4Track::Data("meta", "camm", 1000);
-                                 track.Add(GyroSample({1, 2, 3}), 0);
-                                 track.Add(AccelSample({4, 5, 6}), 10);
-                                 return Tracks{VideoTrack(), track};
-                               },
-                               {}}),
-    CaseName);
-
-// ---- time
-
-FileCase Timescale(std::uint32_t timescale) {
-  return {"Timescale" + std::to_string(timescale),
-          [timescale] {
-            return Tracks{VideoTrack(), MotionTrack(timescale)};
-          },
-          {}};
+TEST(Extraction, ChoicesOfTracks) {
+  const Mp4Track motion = MotionTrack(90000);
+  // Bytes that look like motion samples, so that reading the wrong track cannot go unnoticed.
+  Mp4Track vendor = Mp4Track::Data("meta", "vend", 1000);
+  for (int i = 0; i < 10; ++i) vendor.Add(ExposureSample(1000 + i, 0), 100);
+  Mp4Track timecode = Mp4Track::Data("tmcd", "tmcd", 30000);
+  timecode.Add(Bytes{0, 1, 2, 3}, 30000);
+  Mp4Track metadata = Mp4Track::Data("meta", "camm", 1000);
+  metadata.Add(Concat({GyroSample({1, 2, 3}), AccelSample({4, 5, 6})}), 10);
+  ExpectSame("no audio", {VideoTrack(), motion});
+  ExpectSame("no video", {AudioTrack(), motion});
+  ExpectSame("motion alone", {motion});
+  ExpectSame("motion first", {motion, AudioTrack(), VideoTrack()});
+  ExpectSame("motion before another data track", {VideoTrack(), motion, vendor});
+  ExpectSame("motion twice", {VideoTrack(), motion, MotionTrack(1000, 50, 100, 2)});
+  ExpectSame("timecode behind motion", {VideoTrack(), motion, timecode});
+  ExpectSame("motion under the metadata handler", {VideoTrack(), metadata});
 }
 
-/// 30000/1001 frames per second, as most cameras really run.
-Mp4Track NtscVideo() {
-  EncodedStream stream = EncodeH264();
-  stream.time_base = {1001, 30000};
-  return ToMp4Track(stream, 30000);
-}
-
-Tracks NanosecondsWithoutDuration() {
-  Mp4Track motion = MotionTrack(1000000000);
-  motion.media_duration = 0;
-  motion.samples_without_time = 3;
-  return {VideoTrack(), motion};
-}
-
-Tracks WithoutTimeEntries(std::size_t count) {
-  Mp4Track motion = MotionTrack(90000);
-  motion.samples_without_time = count;
-  return {VideoTrack(), motion};
-}
-
-Tracks NegativeCompositionOffsets() {
-  Mp4Track motion = Mp4Track::Camm(1000);
+TEST(Extraction, Times) {
+  for (const std::uint32_t timescale : {1U, 600U, 1001U, 44100U, 1000000000U, 2147483647U}) {
+    ExpectSame("time scale " + std::to_string(timescale), {VideoTrack(), MotionTrack(timescale)});
+  }
+  ExpectSame("B-frames without edit list",
+             {ToMp4Track(SharedVideo(), 90000, /*with_edit_list=*/false), MotionTrack(90000)});
+  Mp4Track bare = MotionTrack(1000000000);
+  bare.media_duration = 0;
+  bare.samples_without_time = 50;
+  ExpectSame("no duration, and samples without a time entry", {VideoTrack(), bare});
+  Mp4Track composed = Mp4Track::Camm(1000);
+  Mp4Track at_once = Mp4Track::Camm(1000);
+  Mp4Track months_apart = Mp4Track::Camm(1000);
+  const Bytes payload = Concat({GyroSample({1, 2, 3}), AccelSample({}), GpsSample({})});
   for (int i = 0; i < 40; ++i) {
-    const auto t = static_cast<float>(i);
-    motion.Add(Concat({GyroSample({1, 2, t}), AccelSample({}), GpsSample({})}), 10,
-               i % 3 == 0 ? -15 : i % 3 * 20);
+    composed.Add(payload, 10, i % 3 == 0 ? -15 : i % 3 * 20);
+    at_once.Add(payload, 0);
+    if (i < 5) months_apart.Add(payload, 0x7FFFFFFF);
   }
-  return {VideoTrack(), motion};
+  ExpectSame("negative composition offsets", {VideoTrack(), composed});
+  ExpectSame("all at once", {VideoTrack(), at_once});
+  ExpectSame("months apart", {months_apart});
+  Tracks late = Camera();
+  for (Mp4Track& track : late)
+    track.first_decode_time = std::uint64_t{315360000} * track.timescale();
+  ExpectSame("fragments from ten years on", late, Layout(Mp4Order::kFragmented, 100));
+  // Time stamps that don't fit 64 bits as microseconds, and hardly as ticks.
+  Mp4Track last = MotionTrack(1000);
+  last.first_decode_time = 0x7FFFFFFFFFFFFF00 - last.total_duration();
+  ExpectSame("the end of time", {AudioTrack(), last}, Layout(Mp4Order::kFragmented, 0));
 }
 
-Tracks AllAtOnce() {
-  Mp4Track motion = Mp4Track::Camm(1000);
-  for (int i = 0; i < 40; ++i) motion.Add(AccelSample({}), 0);
-  for (int i = 0; i < 40; ++i) motion.Add(GyroSample({static_cast<float>(i), 0, 0}), 0);
-  return {VideoTrack(), motion};
-}
-
-Tracks MonthsApart() {
-  Mp4Track motion = Mp4Track::Camm(1000);
-  for (int i = 0; i < 5; ++i) {
-    motion.Add(Concat({GyroSample({}), AccelSample({}), GpsSample({})}), 0x7FFFFFFF);
+TEST(Extraction, EditLists) {
+  const std::pair<const char*, std::vector<Mp4Edit>> motion_edits[] = {
+      {"whole", {{1000, 0, 1}}},
+      {"delayed", {{333, -1, 1}, {1000, 0, 1}}},
+      {"front cut", {{600, 36000, 1}}},
+      {"delayed and cut", {{100, -1, 1}, {300, 45000, 1}}},
+      {"duration zero behind the start", {{0, 9000, 1}}},
+      {"two parts", {{200, 54000, 1}, {200, 9000, 1}}},
+      {"gap in the middle", {{300, 0, 1}, {500, -1, 1}, {300, 27000, 1}}},
+      {"the same part twice", {{300, 0, 1}, {300, 0, 1}}},
+      {"behind the end", {{1000, 900000, 1}}},
+      {"dwell", {{500, 4500, 0}}}};
+  for (const auto& [what, edits] : motion_edits) {
+    Mp4Track motion = MotionTrack(90000);
+    motion.edits = edits;
+    ExpectSame(what, {VideoTrack(), AudioTrack(), motion});
   }
-  return {motion};
+  Mp4Track motion = MotionTrack(90000);
+  motion.edits = {{500, -1, 1}};  // FFmpeg finds nothing in such a track
+  ExpectSame("only delay", {VideoTrack(), motion}, {}, HasSubstr("none of the 452 motion packets"));
+  motion.edits = {{0, 9000, 1}};
+  ExpectSame("in fragments", {VideoTrack(), motion}, Layout(Mp4Order::kFragmented, 100));
+  Mp4Track video = ToMp4Track(SharedVideo(), 90000, /*with_edit_list=*/false);
+  video.edits = {{700, -1, 1}, {1000, 6000, 1}};
+  ExpectSame("delayed video", {video, MotionTrack(90000)});
 }
 
-/// Fragments whose decode times begin at `seconds`.
-FileCase FragmentsFrom(const std::string& name, std::uint64_t seconds) {
-  return {"FragmentsFrom" + name,
-          [seconds] {
-            Tracks tracks = Camera();
-            for (Mp4Track& track : tracks) track.first_decode_time = seconds * track.timescale();
-            return tracks;
-          },
-          Layout(Mp4Order::kFragmented, 100)};
+TEST(Extraction, Samples) {
+  MotionSource source(3);
+  Bytes everything;
+  for (int i = 0; i < 4000; ++i) everything = Concat({everything, Concat(source.Next())});
+  ExpectSame("everything in one packet", {VideoTrack(), Packets({everything})});
+  std::vector<Bytes> cut;
+  for (const Bytes& whole : {GyroSample({1, 2, 3}), AccelSample({4, 5, 6}), ExposureSample(7, 8),
+                             GpsSample({}), MinimalGpsSample(1, 2, 3)}) {
+    for (std::size_t size = 1; size <= whole.size(); ++size) {
+      cut.emplace_back(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+    }
+  }
+  ExpectSame("samples cut anywhere", {Packets(cut)});
+  ExpectSame("more gyroscope than accelerometer",
+             {Packets({GyroSample({1, 0, 0}), GyroSample({2, 0, 0}), AccelSample({0, 1, 0})})});
+  ExpectSame("hundreds of thousands", {VideoTrack(), MotionTrack(90000, 150000, 1000)});
 }
-
-/// Time stamps that don't fit 64 bits as microseconds, and hardly as ticks.
-Tracks AtTheEndOfTime() {
-  Mp4Track motion = MotionTrack(1000);
-  motion.first_decode_time = 0x7FFFFFFFFFFFFF00 - motion.total_duration();
-  return {AudioTrack(), motion};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Time, ExtractionTest,
-    ::testing::Values(
-        Timescale(1), Timescale(600), Timescale(1000), Timescale(1001), Timescale(24000),
-        Timescale(44100), Timescale(1000000), Timescale(1000000000), Timescale(2147483647),
-        FileCase{"NtscVideo",
-                 [] {
-                   return Tracks{NtscVideo(), MotionTrack(30000)};
-                 },
-                 {}},
-        FileCase{"BFramesWithoutEditList",
-                 [] {
-                   return Tracks{ToMp4Track(SharedVideo(), 90000, false), MotionTrack(90000)};
-                 },
-                 {}},
-        FileCase{"NoBFrames",
-                 [] {
-                   H264Options options;
-                   options.b_frames = 0;
-                   return Tracks{ToMp4Track(EncodeH264(options), 90000), MotionTrack(90000)};
-                 },
-                 {}},
-        FileCase{"NanosecondsWithoutDuration", NanosecondsWithoutDuration, {}},
-        FileCase{"LastSampleWithoutTimeEntry", [] { return WithoutTimeEntries(1); }, {}},
-        FileCase{"ManySamplesWithoutTimeEntry", [] { return WithoutTimeEntries(50); }, {}},
-        FileCase{"NegativeCompositionOffsets", NegativeCompositionOffsets, {}},
-        FragmentsFrom("OneHour", 3600), FragmentsFrom("TenYears", 315360000),
-        FileCase{"AtTheEndOfTime", AtTheEndOfTime, Layout(Mp4Order::kFragmented, 0)},
-        FileCase{"AllAtOnce", AllAtOnce, {}}, FileCase{"MonthsApart", MonthsApart, {}}),
-    CaseName);
 
 // ---- time stamps worked out by hand: relative to the first packet of any track, by decode time
 
-struct HandCase {
-  std::string name;
-  std::function<Tracks(const Mp4Track& motion)> tracks;
-  std::vector<Mp4Edit> motion_edits;
-  std::vector<std::int64_t> microseconds;
-};
-
-std::ostream& operator<<(std::ostream& out, const HandCase& hand_case) {
-  return out << hand_case.name;
+void ExpectTimes(const Tracks& tracks, const std::vector<std::int64_t>& microseconds) {
+  const TempDir dir;
+  WriteMp4(dir / "video.mp4", tracks);
+  RunTool({(dir / "video.mp4").string(), dir.path().string()});
+  const Bytes gyro = ReadFile(dir / "gyro.dat");
+  std::vector<std::int64_t> times(gyro.size() / 56);
+  for (std::size_t i = 0; i < times.size(); ++i) {
+    std::memcpy(&times[i], gyro.data() + 56 * i, sizeof times[i]);
+  }
+  EXPECT_EQ(times, microseconds);
 }
 
-class TimeByHandTest : public ::testing::TestWithParam<HandCase> {};
-
-TEST_P(TimeByHandTest, GyroDatHoldsTheTimeStamps) {
+TEST(Extraction, TimesWorkedOutByHand) {
   Mp4Track motion = Mp4Track::Camm(90000);
   for (int i = 0; i < 2; ++i) motion.Add(Concat({GyroSample({}), AccelSample({})}), 90000);
-  motion.edits = GetParam().motion_edits;
-  const TempDir dir;
-  const TempDir out;
-  WriteMp4(dir / "video.mp4", GetParam().tracks(motion));
-  RunTool({(dir / "video.mp4").string(), out.path().string()});
-  const Bytes gyro = ReadFile(out / "gyro.dat");
-  std::vector<std::int64_t> times;
-  for (std::size_t at = 0; at + 56 <= gyro.size(); at += 56) {
-    std::int64_t time = 0;
-    for (std::size_t i = 8; i-- > 0;) time = time << 8 | gyro[at + i];
-    times.push_back(time);
-  }
-  EXPECT_EQ(times, GetParam().microseconds);
-}
-
-Mp4Track VideoWithoutBFrames() {
-  H264Options options;
-  options.b_frames = 0;
-  return ToMp4Track(EncodeH264(options), 90000);
-}
-
-const std::vector<Mp4Edit> kQuarterSecondLate{{250, -1, 1}, {2000, 0, 1}};
-
-INSTANTIATE_TEST_SUITE_P(
-    Starts, TimeByHandTest,
-    ::testing::Values(
-        HandCase{"MotionAlone", [](const auto& m) { return Tracks{m}; }, {}, {0, 1000000}},
-        // Two frames of B-frame delay at 30 Hz: -66.7 ms, rounded to -67.
-        HandCase{"BFrames",
-                 [](const auto& m) {
-                   return Tracks{VideoTrack(), m};
-                 },
-                 {},
-                 {67000, 1067000}},
-        // 1024 samples of priming at 48 kHz: -21.3 ms, rounded to -21.
-        HandCase{"AudioPriming",
-                 [](const auto& m) {
-                   return Tracks{m, AudioTrack()};
-                 },
-                 {},
-                 {0, 1000000}},
-        HandCase{"AudioPrimingFirstInTheFile",
-                 [](const auto& m) {
-                   return Tracks{AudioTrack(), m};
-                 },
-                 {},
-                 {21000, 1021000}},
-        HandCase{"LateMotionAlone",
-                 [](const auto& m) { return Tracks{m}; },
-                 kQuarterSecondLate,
-                 {0, 1000000}},
-        HandCase{"LateMotion",
-                 [](const auto& m) {
-                   return Tracks{VideoWithoutBFrames(), m};
-                 },
-                 kQuarterSecondLate,
-                 {250000, 1250000}}),
-    [](const auto& test) { return test.param.name; });
-
-// ---- edit lists
-
-/// An edit list on the motion track; movie time scale 1000, track time scale 90000, one second.
-FileCase MotionEdits(const std::string& name, std::vector<Mp4Edit> edits) {
-  return {"Motion" + name,
-          [edits = std::move(edits)] {
-            Mp4Track motion = MotionTrack(90000);
-            motion.edits = edits;
-            return Tracks{VideoTrack(), AudioTrack(), motion};
-          },
-          {}};
-}
-
-FileCase VideoEdits(const std::string& name, std::vector<Mp4Edit> edits) {
-  return {"Video" + name,
-          [edits = std::move(edits)] {
-            Mp4Track video = ToMp4Track(SharedVideo(), 90000, /*with_edit_list=*/false);
-            video.edits = edits;
-            return Tracks{video, MotionTrack(90000)};
-          },
-          {}};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EditLists, ExtractionTest,
-    ::testing::Values(
-        MotionEdits("Whole", {{1000, 0, 1}}), MotionEdits("Delayed", {{333, -1, 1}, {1000, 0, 1}}),
-        MotionEdits("FrontCut", {{600, 36000, 1}}), MotionEdits("BackCut", {{400, 0, 1}}),
-        MotionEdits("DelayedAndCut", {{100, -1, 1}, {300, 45000, 1}}),
-        MotionEdits("DurationZero", {{0, 0, 1}}),
-        MotionEdits("DurationZeroBehindStart", {{0, 9000, 1}}),
-        MotionEdits("TwoParts", {{200, 54000, 1}, {200, 9000, 1}}),
-        MotionEdits("GapInTheMiddle", {{300, 0, 1}, {500, -1, 1}, {300, 27000, 1}}),
-        MotionEdits("TheSamePartTwice", {{300, 0, 1}, {300, 0, 1}}),
-        MotionEdits("BehindTheEnd", {{1000, 900000, 1}}), MotionEdits("Dwell", {{500, 4500, 0}}),
-        MotionEdits("OnlyDelay", {{500, -1, 1}}),
-        VideoEdits("Delayed", {{700, -1, 1}, {1000, 6000, 1}}),
-        VideoEdits("FrontCut", {{500, 48000, 1}}), VideoEdits("DurationZero", {{0, 6000, 1}}),
-        FileCase{"FragmentedWithEdits",
-                 [] {
-                   Mp4Track motion = MotionTrack(90000);
-                   motion.edits = {{0, 9000, 1}};
-                   return Tracks{VideoTrack(), AudioTrack(), motion};
-                 },
-                 Layout(Mp4Order::kFragmented, 100)}),
-    CaseName);
-
-// ---- what is in the samples
-
-Tracks EverythingInOnePacket() {
-  MotionSource source(3);
-  Bytes packet;
-  for (int i = 0; i < 4000; ++i) {
-    for (const Bytes& sample : source.Next()) {
-      packet.insert(packet.end(), sample.begin(), sample.end());
-    }
-  }
-  Mp4Track motion = Mp4Track::Camm(1000);
-  motion.Add(packet, 1000);
-  return {VideoTrack(), motion};
-}
-
-Tracks TinySamples() {
-  Mp4Track motion = Mp4Track::Camm(1000);
-  for (std::size_t size = 1; size < 80; ++size) {
-    for (const Bytes& whole : {GyroSample({1, 2, 3}), AccelSample({4, 5, 6}), ExposureSample(7, 8),
-                               GpsSample({}), MinimalGpsSample(1, 2, 3)}) {
-      if (size <= whole.size()) {
-        motion.Add(whole.data(), size, 1);
-      }
-    }
-  }
-  // The cuts leave more accelerometer than gyroscope samples unpaired in no case: one each.
-  return {motion};
-}
-
-Tracks ReservedBytesSet() {
-  Mp4Track motion = Mp4Track::Camm(1000);
-  for (std::uint16_t i = 0; i < 100; ++i) {
-    const auto reserved = static_cast<std::uint16_t>(i * 655);
-    motion.Add(Concat({GyroSample({1, 2, 3}, reserved), AccelSample({4, 5, 6}, reserved),
-                       ExposureSample(-1, -2, reserved), GpsSample({}, reserved)}),
-               10);
-  }
-  return {motion};
-}
-
-FileCase RandomPayloads(std::uint32_t seed) {
-  return {"RandomPayloadsSeed" + std::to_string(seed),
-          [seed] {
-            std::mt19937 random(seed);
-            Mp4Track motion = Mp4Track::Camm(48000);
-            for (int i = 0; i < 3000; ++i) {
-              motion.Add(RandomPayload(random), static_cast<std::uint32_t>(random() % 4000));
-            }
-            // Every accelerometer sample gets a partner.
-            for (int i = 0; i < 3000; ++i) motion.Add(GyroSample({}), 1);
-            return Tracks{AudioTrack(), motion};
-          },
-          {}};
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Samples, ExtractionTest,
-    ::testing::Values(
-        FileCase{"TenInstantsPerPacket",
-                 [] {
-                   return Tracks{VideoTrack(), GroupedMotionTrack(90000, 400, 200, 10)};
-                 },
-                 {}},
-        FileCase{"EverythingInOnePacket", EverythingInOnePacket, {}},
-        FileCase{"TinySamples", TinySamples, {}},
-        FileCase{"ReservedBytesSet", ReservedBytesSet, {}},
-        FileCase{"NothingDecoded",
-                 [] {
-                   Mp4Track motion = Mp4Track::Camm(1000);
-                   for (int i = 0; i < 20; ++i) motion.Add(AngleAxisSample({0.1F, 0.2F, 0.3F}), 5);
-                   return Tracks{VideoTrack(), motion};
-                 },
-                 {}},
-        FileCase{"MoreGyroscopeThanAccelerometer",
-                 [] {
-                   Mp4Track motion = Mp4Track::Camm(1000);
-                   for (int i = 0; i < 5; ++i) motion.Add(GyroSample({1, 0, 0}), 5);
-                   for (int i = 0; i < 3; ++i) motion.Add(AccelSample({0, 1, 0}), 5);
-                   return Tracks{motion};
-                 },
-                 {}},
-        RandomPayloads(1), RandomPayloads(2), RandomPayloads(3), RandomPayloads(4)),
-    CaseName);
-
-// ---- many
-
-TEST(ExtractionSizeTest, HundredsOfThousandsOfSamples) {
-  const TempDir dir;
-  const auto path = dir / "long.mp4";
-  WriteMp4(path, {VideoTrack(), MotionTrack(90000, 150000, 1000)});
-  ExpectPlainExtraction(path);
+  Mp4Track late = motion;
+  late.edits = {{250, -1, 1}, {2000, 0, 1}};
+  H264Options in_order;
+  in_order.b_frames = 0;
+  ExpectTimes({motion}, {0, 1000000});
+  // Two frames of B-frame delay at 30 Hz: -66.7 ms, rounded to -67.
+  ExpectTimes({VideoTrack(), motion}, {67000, 1067000});
+  // 1024 samples of priming at 48 kHz: -21.3 ms, rounded to -21, where they come first.
+  ExpectTimes({motion, AudioTrack()}, {0, 1000000});
+  ExpectTimes({AudioTrack(), motion}, {21000, 1021000});
+  ExpectTimes({late}, {0, 1000000});
+  ExpectTimes({ToMp4Track(EncodeH264(in_order), 90000), late}, {250000, 1250000});
 }
 
 // ---- other muxers
 
-struct MuxerCase {
-  std::string name;
-  std::string format;
-  AVCodecID data_codec;
-  std::uint32_t data_tag;
-  std::map<std::string, std::string> options;
-};
-
-std::ostream& operator<<(std::ostream& out, const MuxerCase& muxer) { return out << muxer.name; }
-
-class MuxerExtractionTest : public ::testing::TestWithParam<MuxerCase> {};
-
-TEST_P(MuxerExtractionTest, WritesTheBytesOfThePlainExtraction) {
-  const MuxerCase& muxer = GetParam();
-  DataStream data;
-  data.codec_id = muxer.data_codec;
-  data.codec_tag = muxer.data_tag;
-  MotionSource source(5);
-  for (std::int64_t i = 0; i < 100; ++i) {
-    Bytes packet;
-    for (const Bytes& sample : source.Next()) {
-      packet.insert(packet.end(), sample.begin(), sample.end());
+TEST(Extraction, OtherMuxers) {
+  constexpr std::uint32_t kCamm = MKTAG('c', 'a', 'm', 'm');
+  constexpr std::uint32_t kOnlyTagOfMovMuxer = MKTAG('g', 'p', 'm', 'd');
+  const struct {
+    const char* format;
+    AVCodecID data_codec;
+    std::uint32_t data_tag;
+    std::map<std::string, std::string> options;
+  } muxers[] = {{"mov", AV_CODEC_ID_BIN_DATA, kOnlyTagOfMovMuxer, {}},
+                {"mp4", AV_CODEC_ID_BIN_DATA, 0, {{"movflags", "faststart"}}},
+                {"mp4",
+                 AV_CODEC_ID_BIN_DATA,
+                 0,
+                 {{"movflags", "frag_keyframe+empty_moov+default_base_moof"}}},
+                {"mp4", AV_CODEC_ID_BIN_DATA, 0, {{"movflags", "frag_keyframe"}}},
+                {"mpegts", AV_CODEC_ID_SMPTE_KLV, 0, {}},
+                {"mpegts", AV_CODEC_ID_BIN_DATA, 0, {}},
+                {"nut", AV_CODEC_ID_BIN_DATA, kCamm, {}}};
+  for (const auto& muxer : muxers) {
+    SCOPED_TRACE(muxer.format);
+    DataStream data;
+    data.codec_id = muxer.data_codec;
+    data.codec_tag = muxer.data_tag;
+    MotionSource source(5);
+    for (std::int64_t i = 0; i < 100; ++i) {
+      data.packets.push_back({Concat(source.Next()), i * 10, i * 10, 10, true});
     }
-    data.packets.push_back({packet, i * 10, i * 10, 10, true});
+    const TempDir dir;
+    MuxWithLibavformat(dir / "video", muxer.format, &SharedVideo(), &SharedAudio(), &data,
+                       muxer.options);
+    // Most of these muxers cannot tag the stream as camm; the message about it is tested elsewhere.
+    ExpectPlainExtraction(dir / "video", ::testing::_);
   }
-  const TempDir dir;
-  const auto path = dir / "video";
-  MuxWithLibavformat(path, muxer.format, &SharedVideo(), &SharedAudio(), &data, muxer.options);
-  // Most of these muxers cannot tag the stream as camm; the message about it is tested elsewhere.
-  ExpectPlainExtraction(path, ::testing::_);
 }
-
-constexpr std::uint32_t kCamm = MKTAG('c', 'a', 'm', 'm');
-constexpr std::uint32_t kOnlyTagOfMovMuxer = MKTAG('g', 'p', 'm', 'd');
-
-INSTANTIATE_TEST_SUITE_P(
-    Muxers, MuxerExtractionTest,
-    ::testing::Values(
-        MuxerCase{"QuickTime", "mov", AV_CODEC_ID_BIN_DATA, kOnlyTagOfMovMuxer, {}},
-        MuxerCase{"FastStart", "mp4", AV_CODEC_ID_BIN_DATA, 0, {{"movflags", "faststart"}}},
-        MuxerCase{"FragmentPerKeyFrame",
-                  "mp4",
-                  AV_CODEC_ID_BIN_DATA,
-                  0,
-                  {{"movflags", "frag_keyframe+empty_moov+default_base_moof"}}},
-        MuxerCase{"FragmentsBehindASampleTable",
-                  "mp4",
-                  AV_CODEC_ID_BIN_DATA,
-                  0,
-                  {{"movflags", "frag_keyframe"}}},
-        MuxerCase{"TransportStreamMetadata", "mpegts", AV_CODEC_ID_SMPTE_KLV, 0, {}},
-        MuxerCase{"TransportStreamPrivateData", "mpegts", AV_CODEC_ID_BIN_DATA, 0, {}},
-        MuxerCase{"NoDurationInTheFile", "nut", AV_CODEC_ID_BIN_DATA, kCamm, {}}),
-    [](const auto& test) { return test.param.name; });
 
 }  // namespace
 }  // namespace motrace::testing

@@ -1,6 +1,5 @@
 #include "tool/motion_tracks.h"
 
-#include <algorithm>
 #include <cstddef>
 
 namespace motrace::testing {
@@ -43,11 +42,8 @@ std::vector<Bytes> MotionSource::Next() {
 Mp4Track MotionTrack(std::uint32_t timescale, int instants, int hertz, std::uint32_t seed) {
   Mp4Track track = Mp4Track::Camm(timescale);
   MotionSource source(seed);
+  const auto ticks = [=](int instant) { return std::int64_t{timescale} * instant / hertz; };
   for (int i = 0; i < instants; ++i) {
-    const auto ticks = [&](int instant) {
-      return std::uint64_t{timescale} * static_cast<std::uint64_t>(instant) /
-             static_cast<std::uint64_t>(hertz);
-    };
     const std::vector<Bytes> samples = source.Next();
     for (std::size_t s = 0; s < samples.size(); ++s) {
       const bool last = s + 1 == samples.size();
@@ -55,45 +51,6 @@ Mp4Track MotionTrack(std::uint32_t timescale, int instants, int hertz, std::uint
     }
   }
   return track;
-}
-
-Mp4Track GroupedMotionTrack(std::uint32_t timescale, int instants, int hertz,
-                            int instants_per_packet, std::uint32_t seed) {
-  Mp4Track track = Mp4Track::Camm(timescale);
-  MotionSource source(seed);
-  for (int i = 0; i < instants; i += instants_per_packet) {
-    Bytes packet;
-    for (int k = i; k < std::min(instants, i + instants_per_packet); ++k) {
-      for (const Bytes& sample : source.Next()) {
-        packet.insert(packet.end(), sample.begin(), sample.end());
-      }
-    }
-    track.Add(packet, timescale / static_cast<std::uint32_t>(hertz) *
-                          static_cast<std::uint32_t>(instants_per_packet));
-  }
-  return track;
-}
-
-Bytes RandomPayload(std::mt19937& random) {
-  const auto below = [&random](std::uint32_t limit) {
-    return static_cast<std::uint32_t>(random() % limit);
-  };
-  Bytes payload;
-  const std::uint32_t pieces = below(6);
-  for (std::uint32_t i = 0; i < pieces; ++i) {
-    Bytes piece =
-        CammHeader(static_cast<std::uint16_t>(below(9)), static_cast<std::uint16_t>(below(3)));
-    // Whole payloads are 8, 12 or 56 bytes; a byte more or less is as likely as an exact fit.
-    constexpr std::size_t kSizes[] = {0, 3, 7, 8, 9, 11, 12, 13, 24, 55, 56, 57};
-    const std::size_t size = kSizes[below(12)];
-    const bool noise = below(2) == 0;
-    for (std::size_t k = 0; k < size; ++k) {
-      piece.push_back(static_cast<std::uint8_t>(noise ? random() : below(7)));
-    }
-    payload.insert(payload.end(), piece.begin(), piece.end());
-  }
-  for (std::uint32_t i = below(4); i > 0; --i) payload.push_back(static_cast<std::uint8_t>(i));
-  return payload;
 }
 
 }  // namespace motrace::testing

@@ -43,14 +43,6 @@ class MotionSource {
 Mp4Track MotionTrack(std::uint32_t timescale, int instants = 200, int hertz = 200,
                      std::uint32_t seed = 1);
 
-/// The same samples, `instants_per_packet` instants to a packet.
-Mp4Track GroupedMotionTrack(std::uint32_t timescale, int instants, int hertz,
-                            int instants_per_packet, std::uint32_t seed = 1);
-
-/// A payload of pieces that fit and pieces that don't: whole samples, cut ones, unknown types and
-/// noise whose bytes often look like headers.
-Bytes RandomPayload(std::mt19937& random);
-
 }  // namespace motrace::testing
 
 #endif  // MOTRACE_TESTS_TOOL_MOTION_TRACKS_H_

@@ -1,14 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,10 +50,9 @@ namespace {
 using ::motrace::testing::Arrives;
 using ::motrace::testing::FakeMediaSrc;
 using ::motrace::testing::HangGuard;
-using ::motrace::testing::Journal;
 using ::motrace::testing::LogCapture;
 using ::motrace::testing::TestLoop;
-using std::chrono::seconds;
+using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
@@ -65,7 +62,7 @@ using ::testing::Lt;
 // A prepared pipe with one fake source; released at the end of the scope.
 class RunnerRig {
  public:
-  RunnerRig() : src(std::make_shared<FakeMediaSrc>()), pipe(std::make_shared<MediaPipe>()) {
+  RunnerRig() {
     pipe->AddSrc(src);
     EXPECT_TRUE(pipe->Prepare());
     src->on_interrupt = [this] { src->BeCanceled(); };
@@ -76,59 +73,36 @@ class RunnerRig {
 
   int32_t Run(int32_t timeout_seconds = -1) { return RunPipe(pipe, 1, 1.0F, timeout_seconds); }
 
-  std::shared_ptr<FakeMediaSrc> src;
-  std::shared_ptr<MediaPipe> pipe;
+  std::shared_ptr<FakeMediaSrc> src = std::make_shared<FakeMediaSrc>();
+  std::shared_ptr<MediaPipe> pipe = std::make_shared<MediaPipe>();
 
  private:
   HangGuard guard_{"a run"};
 };
 
-struct Outcome {
-  const char* name;
-  std::function<void(FakeMediaSrc&)> report;
-  int32_t result;
-  const char* record;
-};
-
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome) { return out << outcome.name; }
-
-class RunPipeOutcome : public ::testing::TestWithParam<Outcome> {};
-
-TEST_P(RunPipeOutcome, IsTheResultAndOneRecord) {
-  RunnerRig rig;
-  rig.src->on_start = [&rig] { GetParam().report(*rig.src); };  // as early as can be
-  const LogCapture log;
-  EXPECT_EQ(rig.Run(), GetParam().result);
-  EXPECT_THAT(log.LinesOf("utils/vela_util.h"), ElementsAre(GetParam().record));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    RunPipe, RunPipeOutcome,
-    ::testing::Values(Outcome{"End", [](FakeMediaSrc& src) { src.End(); }, 0,
-                              "INFO utils/vela_util.h:41 pipe run over..."},
-                      Outcome{"Cancel", [](FakeMediaSrc& src) { src.BeCanceled(); }, 1,
-                              "INFO utils/vela_util.h:34 pipe run canceled..."},
-                      Outcome{"Error", [](FakeMediaSrc& src) { src.Fail(7); }, 7,
-                              "INFO utils/vela_util.h:47 pipe run error..."},
-                      Outcome{"NegativeError", [](FakeMediaSrc& src) { src.Fail(-1094995529); },
-                              -1094995529, "INFO utils/vela_util.h:47 pipe run error..."},
-                      Outcome{"ErrorZero", [](FakeMediaSrc& src) { src.Fail(0); }, 0,
-                              "INFO utils/vela_util.h:47 pipe run error..."}),
-    [](const auto& outcome) { return std::string(outcome.param.name); });
-
-TEST(RunPipe, BlocksUntilTheReport) {
-  RunnerRig rig;
-  std::promise<void> started;
-  rig.src->on_start = [&started] { started.set_value(); };
-  std::atomic<bool> reported{false};
-  std::thread reporter([&] {
-    EXPECT_TRUE(Arrives(started.get_future()));
-    reported = true;
+TEST(RunPipe, TheOutcomeIsItsResultAndOneRecord) {
+  const struct {
+    std::function<void(FakeMediaSrc&)> report;
+    int32_t result;
+    const char* record;
+  } cases[] = {{[](auto& src) { src.End(); }, 0, "41 pipe run over..."},
+               {[](auto& src) { src.BeCanceled(); }, 1, "34 pipe run canceled..."},
+               {[](auto& src) { src.Fail(7); }, 7, "47 pipe run error..."},
+               {[](auto& src) { src.Fail(-1094995529); }, -1094995529, "47 pipe run error..."},
+               {[](auto& src) { src.Fail(0); }, 0, "47 pipe run error..."}};
+  for (const auto& c : cases) {
+    RunnerRig rig;
+    rig.src->on_start = [&] { c.report(*rig.src); };  // as early as can be
+    const LogCapture log;
+    EXPECT_EQ(rig.Run(), c.result);
+    // The callbacks are still there, and are not called again.
     rig.src->End();
-  });
-  EXPECT_EQ(rig.Run(), 0);
-  EXPECT_TRUE(reported);
-  reporter.join();
+    rig.src->BeCanceled();
+    rig.pipe->Release();
+    EXPECT_THAT(log.Lines("utils/vela_util.h"),
+                ElementsAre(std::string("INFO utils/vela_util.h:") + c.record));
+    EXPECT_EQ(rig.pipe.use_count(), 1) << "nothing keeps the pipe";
+  }
 }
 
 // The pipe's wake-up comes while the caller is on its way into the wait.
@@ -164,23 +138,14 @@ TEST(RunPipe, TheTimeLimitCancelsAtEachPollThatFollowsIt) {
   };
   const auto start = steady_clock::now();
   EXPECT_EQ(rig.Run(/*timeout_seconds=*/1), 1);
-  const auto lasted = steady_clock::now() - start;
-  EXPECT_THAT(lasted / std::chrono::milliseconds(1), AllOf(Ge(2000), Lt(30'000)));
+  EXPECT_THAT((steady_clock::now() - start) / milliseconds(1), AllOf(Ge(2000), Lt(10'000)));
   EXPECT_GE(rig.src->interrupts, 3);
 }
 
-TEST(RunPipe, ARunWithinItsTimeLimitIsNotCanceled) {
-  RunnerRig rig;
-  TestLoop loop;
-  rig.src->on_start = [&] { loop.Run([&rig] { rig.src->End(); }, 600); };
-  EXPECT_EQ(rig.Run(/*timeout_seconds=*/1000), 0);
-  EXPECT_EQ(rig.src->interrupts, 0);
-}
-
-TEST(RunPipe, WithoutATimeLimitNothingIsCanceled) {
+TEST(RunPipe, WithinItsTimeLimitOrWithoutOneNothingIsCanceled) {
   TestLoop loop;
   std::vector<std::thread> runs;  // at once: each lasts a few polls
-  for (const int32_t timeout_seconds : {0, -1, INT32_MIN}) {
+  for (const int32_t timeout_seconds : {0, -1, INT32_MIN, 1000}) {
     runs.emplace_back([&loop, timeout_seconds] {
       RunnerRig rig;
       rig.src->on_start = [&] { loop.Run([&rig] { rig.src->End(); }, 1200); };
@@ -193,29 +158,13 @@ TEST(RunPipe, WithoutATimeLimitNothingIsCanceled) {
 
 // Were the end of a run to wait for the watchdog's next poll, these would last half a minute.
 TEST(RunPipe, LastsNoLongerThanItsWork) {
-  constexpr int kRuns = 60;
   const auto start = steady_clock::now();
-  for (int i = 0; i < kRuns; ++i) {
+  for (int i = 0; i < 60; ++i) {
     RunnerRig rig;
     rig.src->on_start = [&rig] { rig.src->End(); };
     EXPECT_EQ(rig.Run(i % 2), 0);
   }
-  EXPECT_LT(steady_clock::now() - start, seconds(15));
-}
-
-TEST(RunPipe, LeavesNothingBehindThatKeepsThePipe) {
-  const auto src = std::make_shared<FakeMediaSrc>();
-  auto pipe = std::make_shared<MediaPipe>();
-  pipe->AddSrc(src);
-  ASSERT_TRUE(pipe->Prepare());
-  src->on_start = [&src] { src->End(); };
-  EXPECT_EQ(RunPipe(pipe, 1, 1.0F, -1), 0);
-  src->End();  // the callbacks are still there, and are not called again
-  src->BeCanceled();
-  const LogCapture log;
-  pipe->Release();
-  EXPECT_THAT(log.LinesOf("utils/vela_util.h"), ::testing::IsEmpty());
-  EXPECT_EQ(pipe.use_count(), 1);
+  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(15));
 }
 
 }  // namespace
