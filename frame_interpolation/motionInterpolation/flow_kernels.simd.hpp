@@ -30,17 +30,6 @@ inline v_float32 lerp(const v_float32& a, const v_float32& b, const v_float32& t
 }
 inline float lerp(float a, float b, float t) { return a + t * (b - a); }
 
-/// Sums the lanes of four vectors.
-inline void reduceSums(const v_float32& a, const v_float32& b, const v_float32& c,
-                       const v_float32& d, float out[4]) {
-  float lanes[kLanes];
-  v_store(lanes, v_reduce_sum4(a, b, c, d));
-  for (int i = 0; i < 4; ++i) {
-    out[i] = lanes[i];
-    for (int group = 4; group < kLanes; group += 4) out[i] += lanes[group + i];
-  }
-}
-
 // ---------------------------------------------------------------- structure tensor
 
 void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* scratch) {
@@ -100,154 +89,340 @@ void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* s
 // ---------------------------------------------------------------- patch inverse search
 
 constexpr int kMaxPatch = 16;
+constexpr int kBlock = 8;  // columns of a patch that are taken at a time
+/// Rows of `kBlock` pixels in one vector of 16-bit elements.
+constexpr int kBlockRows = v_int16::nlanes / kBlock;
 
-/// One patch of the first image, as floats, and the place where it is matched. `kSize` is the patch
-/// size, or 0 where it is known at run time only.
-template <int kSize>
+inline float mulAdd(float a, float b, float c) {
+#ifdef __FP_FAST_FMAF
+  return __builtin_fmaf(a, b, c);
+#else
+  return a * b + c;
+#endif
+}
+inline double mulAdd(double a, double b, double c) {
+#ifdef __FP_FAST_FMA
+  return __builtin_fma(a, b, c);
+#else
+  return a * b + c;
+#endif
+}
+
+/// `kBlockRows` rows of `kBlock` pixels.
+inline v_int16 loadBlock(const std::uint8_t* p, std::ptrdiff_t stride) {
+#if CV_AVX512_SKX
+  const v_uint8x16 low = v_combine_low(v_load_low(p), v_load_low(p + stride));
+  const v_uint8x16 high = v_combine_low(v_load_low(p + 2 * stride), v_load_low(p + 3 * stride));
+  return v_int16(_mm512_cvtepu8_epi16(_mm256_setr_m128i(low.val, high.val)));
+#elif CV_AVX2
+  const v_uint8x16 rows = v_combine_low(v_load_low(p), v_load_low(p + stride));
+  return v_int16(_mm256_cvtepu8_epi16(rows.val));
+#else
+  (void)stride;
+  return v_reinterpret_as_s16(vx_load_expand(p));
+#endif
+}
+inline v_int16 loadBlock(const std::int16_t* p, std::ptrdiff_t stride) {
+#if CV_AVX512_SKX
+  const v_int16x16 low = v256_load_halves(p, p + stride);
+  const v_int16x16 high = v256_load_halves(p + 2 * stride, p + 3 * stride);
+  return v_int16(_mm512_inserti64x4(_mm512_castsi256_si512(low.val), high.val, 1));
+#elif CV_AVX2
+  return vx_load_halves(p, p + stride);
+#else
+  (void)stride;
+  return vx_load(p);
+#endif
+}
+
+/// The sums over the lanes of four vectors of integers; single precision holds each lane exactly.
+inline v_float32x4 reduceSums(const v_int32& a, const v_int32& b, const v_int32& c,
+                              const v_int32& d) {
+  const v_float32 sums = v_reduce_sum4(v_cvt_f32(a), v_cvt_f32(b), v_cvt_f32(c), v_cvt_f32(d));
+#if CV_AVX512_SKX
+  const v_float32x8 folded = v_float32x8(_mm512_castps512_ps256(sums.val)) +
+                             v_float32x8(_mm512_extractf32x8_ps(sums.val, 1));
+  return v_float32x4(_mm256_castps256_ps128(folded.val)) +
+         v_float32x4(_mm256_extractf128_ps(folded.val, 1));
+#elif CV_AVX2
+  return v_float32x4(_mm256_castps256_ps128(sums.val)) +
+         v_float32x4(_mm256_extractf128_ps(sums.val, 1));
+#else
+  return sums;
+#endif
+}
+
+/// One patch of the first image against the second.
+///
+/// Between four pixels, the difference of a patch pixel is d = e0 + fx e1 + fy e2 + fx fy e3 with
+/// whole numbers e and the position's fractions fx, fy. So all that search asks for, sums of d,
+/// d^2, d Ix and d Iy, are polynomials in (fx, fy) whose coefficients, sums of products of the e,
+/// hold for every position with the same whole part: a cell. They are summed once per cell,
+/// exactly, in integers; most patches settle within one or two cells.
+///
+/// `kFull`: the patch is one whole block and is read in place. Others are copied to zeroed blocks.
+template <bool kFull>
 class PatchMatcher {
  public:
   explicit PatchMatcher(const SearchArgs& args)
       : args_(args),
-        size_(kSize > 0 ? kSize : args.patch_size),
-        inverse_count_(1.0F / static_cast<float>(size_ * size_)),
-        low_(static_cast<float>(args.border - size_ + 1)),
+        inverse_count_(args.mean_normalization ? 1.0 / (args.patch_size * args.patch_size) : 0.0),
+        border_(static_cast<float>(args.border)),
+        low_(static_cast<float>(args.border - args.patch_size + 1)),
         high_x_(static_cast<float>(args.border + args.w - 1)),
-        high_y_(static_cast<float>(args.border + args.h - 1)) {}
+        high_y_(static_cast<float>(args.border + args.h - 1)) {
+    if (kFull) return;
+    for (int row = 0; row < kMaxPatch; ++row) {
+      for (int i = 0; i < kMaxPatch; ++i) {
+        const int at = row * kMaxPatch + i;
+        mask_[at] = row < args.patch_size && i < args.patch_size ? -1 : 0;
+        pixels_[at] = 0;
+        gradient_x_[at] = gradient_y_[at] = 0;
+      }
+    }
+  }
 
-  void setPatch(int left, int top) {
+  void setPatch(int left, int top, std::ptrdiff_t patch) {
     left_ = static_cast<float>(left);
     top_ = static_cast<float>(top);
-    const int size = patchSize();
-    for (int row = 0; row < size; ++row) {
-      const std::uint8_t* i0 = args_.i0 + (top + row) * args_.i0_stride + left;
-      const std::int16_t* gx = args_.ix + (top + row) * args_.grad_stride + left;
-      const std::int16_t* gy = args_.iy + (top + row) * args_.grad_stride + left;
-      float* out = pixels_ + row * size;
-      float* out_x = gradient_x_ + row * size;
-      float* out_y = gradient_y_ + row * size;
-      int i = 0;
-      for (; i <= size - kLanes; i += kLanes) {
-        v_store(out + i, loadFloats(i0 + i));
-        v_store(out_x + i, loadFloats(gx + i));
-        v_store(out_y + i, loadFloats(gy + i));
-      }
-      if (kSize > 0 && kSize % kLanes == 0) continue;
-      for (; i < size; ++i) {
-        out[i] = i0[i];
-        out_x[i] = gx[i];
-        out_y[i] = gy[i];
+    patch_ = patch;
+    for (Cell& cell : cells_) cell.x = cell.y = -1.0F;
+    i0_ = args_.i0 + top * args_.i0_stride + left;
+    ix_ = args_.ix + top * args_.grad_stride + left;
+    iy_ = args_.iy + top * args_.grad_stride + left;
+    if (kFull) {
+      i0_stride_ = args_.i0_stride;
+      gradient_stride_ = args_.grad_stride;
+      return;
+    }
+    for (int row = 0; row < args_.patch_size; ++row) {
+      for (int i = 0; i < args_.patch_size; ++i) {
+        const int at = row * kMaxPatch + i;
+        pixels_[at] = i0_[row * args_.i0_stride + i];
+        gradient_x_[at] = ix_[row * args_.grad_stride + i];
+        gradient_y_[at] = iy_[row * args_.grad_stride + i];
       }
     }
+    i0_ = pixels_;
+    ix_ = gradient_x_;
+    iy_ = gradient_y_;
+    i0_stride_ = gradient_stride_ = kMaxPatch;
   }
 
-  float error(float u, float v) const {
-    float sums[4];
-    measure<false>(u, v, sums);
-    return normalisedError(sums);
+  /// The error at flow (u, v). `take` makes that flow's cell the one that later calls keep.
+  float error(float u, float v) {
+    const Place place = locate(u, v);
+    return errorAt(cells_[probed_], place);
   }
+  /// Keeps the cell of the last call of `error`.
+  void keep() { kept_ = probed_; }
 
-  /// The error, and the gradient sums before mean normalisation with the sum of differences.
-  float errorAndGradient(float u, float v, float patch_x, float patch_y, float& gx,
-                         float& gy) const {
-    float sums[4];
-    measure<true>(u, v, sums);
-    gx = sums[2];
-    gy = sums[3];
-    if (args_.mean_normalization) {
-      const float mean = sums[0] * inverse_count_;
-      gx -= mean * patch_x;
-      gy -= mean * patch_y;
-    }
-    return normalisedError(sums);
+  /// The error at flow (u, v), which it then moves by one step of the descent.
+  float descend(float& u, float& v) {
+    const Place place = locate(u, v);
+    Cell& cell = cells_[probed_];
+    kept_ = probed_;
+    if (!cell.has_steps) sumSteps(cell);
+    const double* a = cell.step_u;
+    const double* b = cell.step_v;
+    const double x = place.x;
+    const double y = place.y;
+    u -= static_cast<float>(mulAdd(y, mulAdd(x, a[3], a[2]), mulAdd(x, a[1], a[0])));
+    v -= static_cast<float>(mulAdd(y, mulAdd(x, b[3], b[2]), mulAdd(x, b[1], b[0])));
+    return errorAt(cell, place);
   }
 
  private:
-  int patchSize() const { return kSize > 0 ? kSize : size_; }
+  struct Cell {
+    float x, y;  // whole part of the position; below 0: none
+    bool has_steps;
+    // Coefficients of the error. They may be large where their polynomial is next to zero, hence
+    // doubles; see errorAt.
+    double square[9];
+    alignas(16) float sum[4];  // sums of e0 to e3
+    double step_u[4];          // coefficients of the step
+    double step_v[4];
+    alignas(64) std::int16_t terms[4][kMaxPatch * kMaxPatch];  // e0 to e3
+  };
+  /// Fractions of a position within its cell, and their product.
+  struct Place {
+    float x, y, xy;
+  };
 
-  float normalisedError(const float sums[4]) const {
-    return args_.mean_normalization ? sums[1] - sums[0] * sums[0] * inverse_count_ : sums[1];
+  static float errorAt(const Cell& cell, const Place& place) {
+    const double* c = cell.square;
+    const double x = place.x;
+    const double y = place.y;
+    const double xy = x * y;
+    const double plain = mulAdd(x, mulAdd(x, c[2], c[1]), mulAdd(y, mulAdd(y, c[4], c[3]), c[0]));
+    const double mixed = mulAdd(xy, c[8], mulAdd(x, c[6], mulAdd(y, c[7], c[5])));
+    return static_cast<float>(mulAdd(xy, mixed, plain));
   }
 
-  /// Sums of d, d^2 and, if asked, d Ix and d Iy.
-  template <bool kGradient>
-  void measure(float u, float v, float sums[4]) const {
-    const float border = static_cast<float>(args_.border);
-    const float x = clampOf(left_ + u + border, low_, high_x_);
-    const float y = clampOf(top_ + v + border, low_, high_y_);
-    const int xi = static_cast<int>(x);
-    const int yi = static_cast<int>(y);
-    const float dx = x - static_cast<float>(xi);
-    const float dy = y - static_cast<float>(yi);
-    const std::uint8_t* const source = args_.i1_ext + yi * args_.i1_ext_stride + xi;
+  static bool holds(const Cell& cell, float x, float y) {
+    return x >= cell.x && y >= cell.y && x < cell.x + 1.0F && y < cell.y + 1.0F;
+  }
 
-    const int size = patchSize();
-    const v_float32 vdx = vx_setall_f32(dx);
-    const v_float32 vdy = vx_setall_f32(dy);
-    // Two sets of sums, for even and odd rows: one alone would make each row wait for the last.
-    v_float32 sum[2] = {vx_setzero_f32(), vx_setzero_f32()};
-    v_float32 squares[2] = {vx_setzero_f32(), vx_setzero_f32()};
-    v_float32 along_x[2] = {vx_setzero_f32(), vx_setzero_f32()};
-    v_float32 along_y[2] = {vx_setzero_f32(), vx_setzero_f32()};
-    int i = 0;
-    for (; i <= size - kLanes; i += kLanes) {
-      const std::uint8_t* p = source + i;
-      v_float32 above = lerp(loadFloats(p), loadFloats(p + 1), vdx);
-      const auto addRow = [&](int row, int set) {
-        p += args_.i1_ext_stride;
-        const v_float32 below = lerp(loadFloats(p), loadFloats(p + 1), vdx);
-        const int at = row * size + i;
-        const v_float32 d = lerp(above, below, vdy) - vx_load(pixels_ + at);
-        sum[set] += d;
-        squares[set] = v_fma(d, d, squares[set]);
-        if (kGradient) {
-          along_x[set] = v_fma(d, vx_load(gradient_x_ + at), along_x[set]);
-          along_y[set] = v_fma(d, vx_load(gradient_y_ + at), along_y[set]);
-        }
-        above = below;
-      };
-      int row = 0;
-      for (; row + 1 < size; row += 2) {
-        addRow(row, 0);
-        addRow(row + 1, 1);
-      }
-      if (row < size) addRow(row, 0);
+  /// Finds the cell of flow (u, v), or sums it up in the place of the one that is not kept, and
+  /// makes it the probed one.
+  Place locate(float u, float v) {
+    const float x = clampOf(left_ + u + border_, low_, high_x_);
+    const float y = clampOf(top_ + v + border_, low_, high_y_);
+    probed_ = kept_;
+    if (!holds(cells_[probed_], x, y)) {
+      probed_ = 1 - kept_;
+      Cell& cell = cells_[probed_];
+      if (!holds(cell, x, y)) sumSquares(cell, static_cast<int>(x), static_cast<int>(y));
     }
-    reduceSums(sum[0] + sum[1], squares[0] + squares[1], along_x[0] + along_x[1],
-               along_y[0] + along_y[1], sums);
-    if (kSize > 0 && kSize % kLanes == 0) return;
-    for (; i < size; ++i) {
-      const std::uint8_t* p = source + i;
-      float above = lerp(p[0], p[1], dx);
-      for (int row = 0; row < size; ++row) {
-        p += args_.i1_ext_stride;
-        const float below = lerp(p[0], p[1], dx);
-        const int at = row * size + i;
-        const float d = lerp(above, below, dy) - pixels_[at];
-        sums[0] += d;
-        sums[1] += d * d;
-        if (kGradient) {
-          sums[2] += d * gradient_x_[at];
-          sums[3] += d * gradient_y_[at];
-        }
-        above = below;
-      }
+    const Cell& cell = cells_[probed_];
+    const float fx = x - cell.x;
+    const float fy = y - cell.y;
+    return {fx, fy, fx * fy};
+  }
+
+  template <typename Body>
+  void forBlocks(const Body& body) const {
+    const int size = kFull ? kBlock : args_.patch_size;
+    for (int column = 0; column < size; column += kBlock) {
+      for (int row = 0; row < size; row += kBlockRows) body(column, row);
     }
+  }
+
+  static int termAt(int column, int row) { return column * kMaxPatch + row * kBlock; }
+
+  void sumSquares(Cell& cell, int column, int row) {
+    cell.x = static_cast<float>(column);
+    cell.y = static_cast<float>(row);
+    cell.has_steps = false;
+    const std::ptrdiff_t stride = args_.i1_ext_stride;
+    const std::uint8_t* const source = args_.i1_ext + row * stride + column;
+    const v_int16 ones = vx_setall_s16(1);
+    v_int32 q00 = vx_setzero_s32(), q01 = q00, q11 = q00, q02 = q00, q22 = q00, q12 = q00,
+            q13 = q00, q23 = q00, q33 = q00;
+    v_int16 s0 = vx_setzero_s16(), s1 = s0, s2 = s0, s3 = s0;  // at most 32 * 510 per lane
+    forBlocks([&](int x, int y) {
+      const std::uint8_t* p = source + y * stride + x;
+      const v_int16 a = loadBlock(p, stride);
+      const v_int16 b = loadBlock(p + 1, stride);
+      const v_int16 c = loadBlock(p + stride, stride);
+      const v_int16 d = loadBlock(p + stride + 1, stride);
+      v_int16 e0 = a - loadBlock(i0_ + y * i0_stride_ + x, i0_stride_);
+      v_int16 e1 = b - a;
+      v_int16 e2 = c - a;
+      v_int16 e3 = d - c - e1;
+      if (!kFull) {
+        const v_int16 mask = loadBlock(mask_ + y * kMaxPatch + x, kMaxPatch);
+        e0 &= mask;
+        e1 &= mask;
+        e2 &= mask;
+        e3 &= mask;
+      }
+      const int at = termAt(x, y);
+      v_store(cell.terms[0] + at, e0);
+      v_store(cell.terms[1] + at, e1);
+      v_store(cell.terms[2] + at, e2);
+      v_store(cell.terms[3] + at, e3);
+      s0 += e0;
+      s1 += e1;
+      s2 += e2;
+      s3 += e3;
+      q00 = v_dotprod_fast(e0, e0, q00);
+      q01 = v_dotprod_fast(e0, e1, q01);
+      q11 = v_dotprod_fast(e1, e1, q11);
+      q02 = v_dotprod_fast(e0, e2, q02);
+      q22 = v_dotprod_fast(e2, e2, q22);
+      q12 = v_dotprod_fast(e0, e3, v_dotprod_fast(e1, e2, q12));  // both belong to fx fy
+      q13 = v_dotprod_fast(e1, e3, q13);
+      q23 = v_dotprod_fast(e2, e3, q23);
+      q33 = v_dotprod_fast(e3, e3, q33);
+    });
+    alignas(16) float q[12];
+    v_store(cell.sum, reduceSums(v_dotprod_fast(s0, ones), v_dotprod_fast(s1, ones),
+                                 v_dotprod_fast(s2, ones), v_dotprod_fast(s3, ones)));
+    v_store(q, reduceSums(q00, q01, q11, q02));
+    v_store(q + 4, reduceSums(q22, q12, q13, q23));
+    v_store(q + 8, reduceSums(q33, q33, q33, q33));
+    const double s[4] = {cell.sum[0], cell.sum[1], cell.sum[2], cell.sum[3]};
+    const double mean[4] = {inverse_count_ * s[0], inverse_count_ * s[1], inverse_count_ * s[2],
+                            inverse_count_ * s[3]};
+    double* c = cell.square;
+    c[0] = q[0] - mean[0] * s[0];
+    c[1] = 2.0 * (q[1] - mean[0] * s[1]);
+    c[2] = q[2] - mean[1] * s[1];
+    c[3] = 2.0 * (q[3] - mean[0] * s[2]);
+    c[4] = q[4] - mean[2] * s[2];
+    c[5] = 2.0 * (q[5] - mean[1] * s[2] - mean[0] * s[3]);
+    c[6] = 2.0 * (q[6] - mean[1] * s[3]);
+    c[7] = 2.0 * (q[7] - mean[2] * s[3]);
+    c[8] = q[8] - mean[3] * s[3];
+  }
+
+  void sumSteps(Cell& cell) {
+    v_int32 x0 = vx_setzero_s32(), x1 = x0, x2 = x0, x3 = x0;
+    v_int32 y0 = x0, y1 = x0, y2 = x0, y3 = x0;
+    forBlocks([&](int x, int y) {
+      const v_int16 gx = loadBlock(ix_ + y * gradient_stride_ + x, gradient_stride_);
+      const v_int16 gy = loadBlock(iy_ + y * gradient_stride_ + x, gradient_stride_);
+      const int at = termAt(x, y);
+      const v_int16 e0 = vx_load(cell.terms[0] + at);
+      const v_int16 e1 = vx_load(cell.terms[1] + at);
+      const v_int16 e2 = vx_load(cell.terms[2] + at);
+      const v_int16 e3 = vx_load(cell.terms[3] + at);
+      x0 = v_dotprod_fast(e0, gx, x0);
+      x1 = v_dotprod_fast(e1, gx, x1);
+      x2 = v_dotprod_fast(e2, gx, x2);
+      x3 = v_dotprod_fast(e3, gx, x3);
+      y0 = v_dotprod_fast(e0, gy, y0);
+      y1 = v_dotprod_fast(e1, gy, y1);
+      y2 = v_dotprod_fast(e2, gy, y2);
+      y3 = v_dotprod_fast(e3, gy, y3);
+    });
+    // Doubles hold the products exactly: along a straight edge their difference is all that
+    // rounding leaves of it.
+    const double xx = args_.xx[patch_];
+    const double yy = args_.yy[patch_];
+    const double xy = args_.xy[patch_];
+    double determinant = xx * yy - xy * xy;
+    if (determinant < 0.001) determinant = 0.001;
+    const double inverse = 1.0 / determinant;
+    alignas(16) float along_x[4];
+    alignas(16) float along_y[4];
+    v_store(along_x, reduceSums(x0, x1, x2, x3));
+    v_store(along_y, reduceSums(y0, y1, y2, y3));
+    const double mean_x = inverse_count_ * args_.x[patch_];
+    const double mean_y = inverse_count_ * args_.y[patch_];
+    for (int i = 0; i < 4; ++i) {
+      const double gx = along_x[i] - cell.sum[i] * mean_x;
+      const double gy = along_y[i] - cell.sum[i] * mean_y;
+      cell.step_u[i] = (yy * gx - xy * gy) * inverse;
+      cell.step_v[i] = (xx * gy - xy * gx) * inverse;
+    }
+    cell.has_steps = true;
   }
 
   const SearchArgs& args_;
-  const int size_;
-  const float inverse_count_;
-  const float low_, high_x_, high_y_;
+  const double inverse_count_;  // of the patch's pixels; 0 without mean normalisation
+  const float border_, low_, high_x_, high_y_;
   float left_ = 0.0F;
   float top_ = 0.0F;
-  alignas(32) float pixels_[kMaxPatch * kMaxPatch];
-  alignas(32) float gradient_x_[kMaxPatch * kMaxPatch];
-  alignas(32) float gradient_y_[kMaxPatch * kMaxPatch];
+  std::ptrdiff_t patch_ = 0;
+  const std::uint8_t* i0_ = nullptr;
+  const std::int16_t* ix_ = nullptr;
+  const std::int16_t* iy_ = nullptr;
+  std::ptrdiff_t i0_stride_ = 0;
+  std::ptrdiff_t gradient_stride_ = 0;
+  int kept_ = 0;
+  int probed_ = 0;
+  Cell cells_[2];
+  std::uint8_t pixels_[kFull ? 1 : kMaxPatch * kMaxPatch];
+  std::int16_t gradient_x_[kFull ? 1 : kMaxPatch * kMaxPatch];
+  std::int16_t gradient_y_[kFull ? 1 : kMaxPatch * kMaxPatch];
+  std::int16_t mask_[kFull ? 1 : kMaxPatch * kMaxPatch];
 };
 
-template <int kSize>
+template <bool kFull>
 void searchStripe(const SearchArgs& args, int begin, int end) {
-  PatchMatcher<kSize> matcher(args);
+  PatchMatcher<kFull> matcher(args);
   const int half = args.patch_size / 2;
   const float reach = static_cast<float>(args.patch_size) * static_cast<float>(args.patch_size);
 
@@ -261,7 +436,7 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
         const int left = js * args.patch_stride;
         const int top = is * args.patch_stride;
         const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(is) * args.ws + js;
-        matcher.setPatch(left, top);
+        matcher.setPatch(left, top, at);
 
         float u;
         float v;
@@ -283,10 +458,12 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
             best = matcher.error(u, v);
             // Rounding may take a normalised error of zero below it.
             best = best > 0.0F ? best : 0.0F;
+            matcher.keep();
           }
           const float error = matcher.error(other_u, other_v);
           if (error < best) {
             best = error > 0.0F ? error : 0.0F;
+            matcher.keep();
             u = other_u;
             v = other_v;
           }
@@ -303,26 +480,11 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
           }
         }
 
-        // Doubles hold the products exactly: along a straight edge their difference is all that
-        // rounding leaves of it.
-        const double xx = args.xx[at];
-        const double yy = args.yy[at];
-        const double xy = args.xy[at];
-        double determinant = xx * yy - xy * xy;
-        if (determinant < 0.001) determinant = 0.001;
-        const float inv_xx = static_cast<float>(yy / determinant);
-        const float inv_xy = static_cast<float>(-xy / determinant);
-        const float inv_yy = static_cast<float>(xx / determinant);
-
         const float start_u = u;
         const float start_v = v;
         float previous = 1e10F;
         for (int iteration = 0; iteration < args.inner_iterations; ++iteration) {
-          float gx;
-          float gy;
-          const float error = matcher.errorAndGradient(u, v, args.x[at], args.y[at], gx, gy);
-          u -= inv_xx * gx + inv_xy * gy;
-          v -= inv_xy * gx + inv_yy * gy;
+          const float error = matcher.descend(u, v);
           if (!(error < previous)) break;  // after the step, which is kept
           previous = error;
         }
@@ -337,10 +499,10 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
 }
 
 void search(const SearchArgs& args, int begin, int end) {
-  if (args.patch_size == 8) {
-    searchStripe<8>(args, begin, end);
+  if (args.patch_size == kBlock) {
+    searchStripe<true>(args, begin, end);
   } else {
-    searchStripe<0>(args, begin, end);
+    searchStripe<false>(args, begin, end);
   }
 }
 
