@@ -186,7 +186,7 @@ class PatchMatcher {
     left_ = static_cast<float>(left);
     top_ = static_cast<float>(top);
     patch_ = patch;
-    for (Cell& cell : cells_) cell.x = cell.y = -1.0F;
+    for (Cell& cell : cells_) cell.x = cell.y = cell.end_x = cell.end_y = -1.0F;
     i0_ = args_.i0 + top * args_.i0_stride + left;
     ix_ = args_.ix + top * args_.grad_stride + left;
     iy_ = args_.iy + top * args_.grad_stride + left;
@@ -209,45 +209,53 @@ class PatchMatcher {
     i0_stride_ = gradient_stride_ = kMaxPatch;
   }
 
-  /// The error at flow (u, v). `take` makes that flow's cell the one that later calls keep.
+  /// The error at flow (u, v).
   float error(float u, float v) {
-    const Place place = locate(u, v);
-    return errorAt(cells_[probed_], place);
+    Cell* cell = kept_;
+    const Place place = locate(u, v, cell);
+    probed_ = cell;
+    return errorAt(*cell, place);
   }
   /// Keeps the cell of the last call of `error`.
   void keep() { kept_ = probed_; }
 
-  /// The error at flow (u, v), which it then moves by one step of the descent.
-  float descend(float& u, float& v) {
-    const Place place = locate(u, v);
-    Cell& cell = cells_[probed_];
-    kept_ = probed_;
-    if (!cell.has_steps) sumSteps(cell);
-    const double* a = cell.step_u;
-    const double* b = cell.step_v;
-    const double x = place.x;
-    const double y = place.y;
-    u -= static_cast<float>(mulAdd(y, mulAdd(x, a[3], a[2]), mulAdd(x, a[1], a[0])));
-    v -= static_cast<float>(mulAdd(y, mulAdd(x, b[3], b[2]), mulAdd(x, b[1], b[0])));
-    return errorAt(cell, place);
+  /// Moves flow (u, v) by at most `iterations` steps, until the error stops falling.
+  void descend(float& u, float& v, int iterations) {
+    Cell* cell = kept_;
+    float previous = 1e10F;
+    for (int i = 0; i < iterations; ++i) {
+      const Place place = locate(u, v, cell);
+      kept_ = cell;
+      if (!cell->has_steps) sumSteps(*cell);
+      u -= polynomial(cell->step_u, place);
+      v -= polynomial(cell->step_v, place);
+      const float error = errorAt(*cell, place);
+      if (!(error < previous)) return;  // after the step, which is kept
+      previous = error;
+    }
   }
 
  private:
   struct Cell {
-    float x, y;  // whole part of the position; below 0: none
+    float x, y;          // whole part of the position; below 0: none
+    float end_x, end_y;  // where the cell ends; its begin where positions are clamped beyond it
     bool has_steps;
     // Coefficients of the error. They may be large where their polynomial is next to zero, hence
     // doubles; see errorAt.
     double square[9];
     alignas(16) float sum[4];  // sums of e0 to e3
-    double step_u[4];          // coefficients of the step
-    double step_v[4];
+    float step_u[4];           // coefficients of the step
+    float step_v[4];
     alignas(64) std::int16_t terms[4][kMaxPatch * kMaxPatch];  // e0 to e3
   };
-  /// Fractions of a position within its cell, and their product.
+  /// Fractions of a position within its cell.
   struct Place {
-    float x, y, xy;
+    float x, y;
   };
+
+  static float polynomial(const float c[4], const Place& p) {
+    return mulAdd(p.y, mulAdd(p.x, c[3], c[2]), mulAdd(p.x, c[1], c[0]));
+  }
 
   static float errorAt(const Cell& cell, const Place& place) {
     const double* c = cell.square;
@@ -259,25 +267,37 @@ class PatchMatcher {
     return static_cast<float>(mulAdd(xy, mixed, plain));
   }
 
-  static bool holds(const Cell& cell, float x, float y) {
-    return x >= cell.x && y >= cell.y && x < cell.x + 1.0F && y < cell.y + 1.0F;
+  /// Finds the cell of flow (u, v), or sums it up in the place of the one that is not kept. The
+  /// given one is tried first; no clamp is needed inside it, and waiting for one would cost time.
+  Place locate(float u, float v, Cell*& cell) {
+    const float x = left_ + u + border_;
+    const float y = top_ + v + border_;
+    if (x >= cell->x && x < cell->end_x && y >= cell->y && y < cell->end_y) {
+      return {x - cell->x, y - cell->y};
+    }
+    return locateAnew(x, y, cell);
   }
 
-  /// Finds the cell of flow (u, v), or sums it up in the place of the one that is not kept, and
-  /// makes it the probed one.
-  Place locate(float u, float v) {
-    const float x = clampOf(left_ + u + border_, low_, high_x_);
-    const float y = clampOf(top_ + v + border_, low_, high_y_);
-    probed_ = kept_;
-    if (!holds(cells_[probed_], x, y)) {
-      probed_ = 1 - kept_;
-      Cell& cell = cells_[probed_];
-      if (!holds(cell, x, y)) sumSquares(cell, static_cast<int>(x), static_cast<int>(y));
+  Place locateAnew(float x, float y, Cell*& cell) {
+    x = clampOf(x, low_, high_x_);
+    y = clampOf(y, low_, high_y_);
+    const int column = static_cast<int>(x);
+    const int row = static_cast<int>(y);
+    const float cell_x = static_cast<float>(column);
+    const float cell_y = static_cast<float>(row);
+    const auto matches = [&](const Cell* c) { return c->x == cell_x && c->y == cell_y; };
+    if (!matches(cell)) {
+      cell = kept_ == cells_ ? cells_ + 1 : cells_;
+      if (!matches(cell)) {
+        cell->x = cell_x;
+        cell->y = cell_y;
+        cell->end_x = cell_x < high_x_ ? cell_x + 1.0F : cell_x;
+        cell->end_y = cell_y < high_y_ ? cell_y + 1.0F : cell_y;
+        cell->has_steps = false;
+        sumSquares(*cell, column, row);
+      }
     }
-    const Cell& cell = cells_[probed_];
-    const float fx = x - cell.x;
-    const float fy = y - cell.y;
-    return {fx, fy, fx * fy};
+    return {x - cell_x, y - cell_y};
   }
 
   template <typename Body>
@@ -291,9 +311,6 @@ class PatchMatcher {
   static int termAt(int column, int row) { return column * kMaxPatch + row * kBlock; }
 
   void sumSquares(Cell& cell, int column, int row) {
-    cell.x = static_cast<float>(column);
-    cell.y = static_cast<float>(row);
-    cell.has_steps = false;
     const std::ptrdiff_t stride = args_.i1_ext_stride;
     const std::uint8_t* const source = args_.i1_ext + row * stride + column;
     const v_int16 ones = vx_setall_s16(1);
@@ -394,8 +411,8 @@ class PatchMatcher {
     for (int i = 0; i < 4; ++i) {
       const double gx = along_x[i] - cell.sum[i] * mean_x;
       const double gy = along_y[i] - cell.sum[i] * mean_y;
-      cell.step_u[i] = (yy * gx - xy * gy) * inverse;
-      cell.step_v[i] = (xx * gy - xy * gx) * inverse;
+      cell.step_u[i] = static_cast<float>((yy * gx - xy * gy) * inverse);
+      cell.step_v[i] = static_cast<float>((xx * gy - xy * gx) * inverse);
     }
     cell.has_steps = true;
   }
@@ -411,9 +428,9 @@ class PatchMatcher {
   const std::int16_t* iy_ = nullptr;
   std::ptrdiff_t i0_stride_ = 0;
   std::ptrdiff_t gradient_stride_ = 0;
-  int kept_ = 0;
-  int probed_ = 0;
   Cell cells_[2];
+  Cell* kept_ = cells_;
+  Cell* probed_ = cells_;
   std::uint8_t pixels_[kFull ? 1 : kMaxPatch * kMaxPatch];
   std::int16_t gradient_x_[kFull ? 1 : kMaxPatch * kMaxPatch];
   std::int16_t gradient_y_[kFull ? 1 : kMaxPatch * kMaxPatch];
@@ -482,12 +499,7 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
 
         const float start_u = u;
         const float start_v = v;
-        float previous = 1e10F;
-        for (int iteration = 0; iteration < args.inner_iterations; ++iteration) {
-          const float error = matcher.descend(u, v);
-          if (!(error < previous)) break;  // after the step, which is kept
-          previous = error;
-        }
+        matcher.descend(u, v, args.inner_iterations);
         const float moved_u = u - start_u;
         const float moved_v = v - start_v;
         const bool within = moved_u * moved_u + moved_v * moved_v <= reach;
