@@ -686,15 +686,6 @@ constexpr float kProximal = 1e-6F;
 
 inline v_float32 inverseRoot(const v_float32& x) { return vx_setall_f32(1.0F) / v_sqrt(x); }
 
-inline int firstX(int y, int colour) { return (y + colour) & 1; }
-
-inline float* rowOf(const ColourPlane& plane, const RefineArgs& args, int colour, int y) {
-  return plane.row0[colour] + y * args.colour_stride;
-}
-
-/// Elements of a row that are computed: all pixels of either colour, up to whole vectors.
-inline int colourCount(const RefineArgs& args) { return (args.w + 1) / 2; }
-
 /// Repeats a row's first and last value in two elements beside it, for the five-point derivative.
 inline void extendRow(float* row, int w) {
   row[-2] = row[-1] = row[0];
@@ -710,87 +701,102 @@ void importRows(const RefineArgs& args, int begin, int end) {
     if (y == args.h - 1) {
       for (int x = -2; x < args.w + 2; ++x) second[x + args.natural_stride] = second[x];
     }
-    const float* flows[2] = {args.u + y * args.u_stride, args.v + y * args.v_stride};
-    float* natural[2] = {args.mean_x + y * args.natural_stride,
-                         args.mean_y + y * args.natural_stride};
-    const ColourPlane* planes[2] = {&args.flow_u, &args.flow_v};
-    for (int i = 0; i < 2; ++i) {
-      for (int x = 0; x < args.w; ++x) natural[i][x] = flows[i][x];
-      float* even = rowOf(*planes[i], args, y & 1, y);
-      float* odd = rowOf(*planes[i], args, 1 - (y & 1), y);
-      for (int k = 0; k < args.w / 2; ++k) {
-        even[k] = flows[i][2 * k];
-        odd[k] = flows[i][2 * k + 1];
-      }
-      if (args.w % 2 != 0) even[args.w / 2] = flows[i][args.w - 1];
-    }
   }
 }
 
-void exportRows(const RefineArgs& args, int begin, int end) {
-  for (int y = begin; y < end; ++y) {
-    float* flows[2] = {args.u + y * args.u_stride, args.v + y * args.v_stride};
-    const ColourPlane* planes[2] = {&args.flow_u, &args.flow_v};
-    for (int i = 0; i < 2; ++i) {
-      const float* even = rowOf(*planes[i], args, y & 1, y);
-      const float* odd = rowOf(*planes[i], args, 1 - (y & 1), y);
-      for (int k = 0; k < args.w / 2; ++k) {
-        flows[i][2 * k] = even[k];
-        flows[i][2 * k + 1] = odd[k];
-      }
-      if (args.w % 2 != 0) flows[i][args.w - 1] = even[args.w / 2];
-    }
-  }
+// The data terms. Rows of what they are made from live in a ring that stays in the cache: the
+// derivatives of a row need two rows on either side, and theirs two more.
+
+enum NaturalPlane { kMean, kDiff, kInside, kMeanX, kMeanY };
+
+inline float* naturalRow(const RefineArgs& args, const Band& band, NaturalPlane plane, int y) {
+  const int slot = (y % kNaturalRows) * kNaturalPlanes + plane;
+  return band.natural + slot * args.natural_stride;
 }
 
-void warpRows(const RefineArgs& args, int begin, int end) {
+/// Half row `index` of row y.
+inline float* halfRow(float* rows, const RefineArgs& args, int halves, int y, int index) {
+  return rows + (static_cast<std::ptrdiff_t>(y) * halves + index) * args.half_stride;
+}
+inline float* flowRow(const RefineArgs& args, int buffer, int y, FlowPlane plane, int colour) {
+  return halfRow(args.flow[buffer], args, kFlowHalves, y, 2 * plane + colour);
+}
+inline float* termRow(const RefineArgs& args, int y, int term, int coefficient, int colour) {
+  return halfRow(args.terms, args, kTermHalves, y, 2 * (3 * term + coefficient) + colour);
+}
+
+inline int firstX(int y, int colour) { return (y + colour) & 1; }
+
+/// Elements of a half row that are computed: all pixels of either colour.
+inline int halfCount(const RefineArgs& args) { return (args.w + 1) / 2; }
+
+void splitRow(const float* row, float* even, float* odd, int w) {
+  for (int k = 0; k < w / 2; ++k) {
+    even[k] = row[2 * k];
+    odd[k] = row[2 * k + 1];
+  }
+  if (w % 2 != 0) even[w / 2] = row[w - 1];
+}
+
+void mergeRow(const float* even, const float* odd, float* row, int w) {
+  for (int k = 0; k < w / 2; ++k) {
+    row[2 * k] = even[k];
+    row[2 * k + 1] = odd[k];
+  }
+  if (w % 2 != 0) row[w - 1] = even[w / 2];
+}
+
+void warpRow(const RefineArgs& args, const Band& band, int y) {
   const v_float32 zero = vx_setzero_f32();
   const v_float32 one = vx_setall_f32(1.0F);
   const v_float32 half = vx_setall_f32(0.5F);
   const v_float32 high_x = vx_setall_f32(static_cast<float>(args.w - 1));
   const v_float32 high_y = vx_setall_f32(static_cast<float>(args.h - 1));
   const v_int32 stride = vx_setall_s32(static_cast<int>(args.natural_stride));
-  alignas(32) float ramp[kLanes];
+  alignas(64) float ramp[kLanes];
   for (int i = 0; i < kLanes; ++i) ramp[i] = static_cast<float>(i);
   const v_float32 lane = vx_load(ramp);
 
-  for (int y = begin; y < end; ++y) {
-    const std::ptrdiff_t offset = y * args.natural_stride;
-    const std::uint8_t* i0 = args.i0 + y * args.i0_stride;
-    float* mean = args.mean + offset;
-    float* diff = args.diff + offset;
-    float* inside = args.inside + offset;
-    for (int x = 0; x < args.w; ++x) mean[x] = i0[x];  // padded copy: vectors may run past the row
-    const v_float32 vy = vx_setall_f32(static_cast<float>(y));
-    for (int x = 0; x < args.w; x += kLanes) {
-      const v_float32 px =
-          vx_setall_f32(static_cast<float>(x)) + lane + vx_load(args.mean_x + offset + x);
-      const v_float32 py = vy + vx_load(args.mean_y + offset + x);
-      const v_float32 within = (px >= zero) & (px <= high_x) & (py >= zero) & (py <= high_y);
-      // Selected, not v_max: what is not a number must become an index too.
-      const v_float32 cx = v_min(v_select(px >= zero, px, zero), high_x);
-      const v_float32 cy = v_min(v_select(py >= zero, py, zero), high_y);
-      const v_int32 xi = v_trunc(cx);
-      const v_int32 yi = v_trunc(cy);
-      const v_float32 dx = cx - v_cvt_f32(xi);
-      const v_float32 dy = cy - v_cvt_f32(yi);
-      const v_int32 index = yi * stride + xi;
-      v_float32 a;
-      v_float32 b;
-      v_float32 c;
-      v_float32 d;
-      v_lut_deinterleave(args.second, index, a, b);
-      v_lut_deinterleave(args.second + args.natural_stride, index, c, d);
-      const v_float32 warped = lerp(lerp(a, b, dx), lerp(c, d, dx), dy);
-      const v_float32 first = vx_load(mean + x);
-      v_store(mean + x, half * (first + warped));
-      v_store(diff + x, warped - first);
-      v_store(inside + x, within & one);
-    }
-    for (int x = args.w; x < args.w + kPad; ++x) inside[x] = 0.0F;
-    extendRow(mean, args.w);
-    extendRow(diff, args.w);
+  const std::uint8_t* i0 = args.i0 + y * args.i0_stride;
+  float* mean = naturalRow(args, band, kMean, y);
+  float* diff = naturalRow(args, band, kDiff, y);
+  float* inside = naturalRow(args, band, kInside, y);
+  // Padded copies: vectors may run past the row.
+  float* u = naturalRow(args, band, kMeanX, y);
+  float* v = naturalRow(args, band, kMeanY, y);
+  for (int x = 0; x < args.w; ++x) {
+    mean[x] = i0[x];
+    u[x] = args.u[y * args.u_stride + x];
+    v[x] = args.v[y * args.v_stride + x];
   }
+  const v_float32 vy = vx_setall_f32(static_cast<float>(y));
+  for (int x = 0; x < args.w; x += kLanes) {
+    const v_float32 px = vx_setall_f32(static_cast<float>(x)) + lane + vx_load(u + x);
+    const v_float32 py = vy + vx_load(v + x);
+    const v_float32 within = (px >= zero) & (px <= high_x) & (py >= zero) & (py <= high_y);
+    // Selected, not v_max: what is not a number must become an index too.
+    const v_float32 cx = v_min(v_select(px >= zero, px, zero), high_x);
+    const v_float32 cy = v_min(v_select(py >= zero, py, zero), high_y);
+    const v_int32 xi = v_trunc(cx);
+    const v_int32 yi = v_trunc(cy);
+    const v_float32 dx = cx - v_cvt_f32(xi);
+    const v_float32 dy = cy - v_cvt_f32(yi);
+    const v_int32 index = yi * stride + xi;
+    v_float32 a;
+    v_float32 b;
+    v_float32 c;
+    v_float32 d;
+    v_lut_deinterleave(args.second, index, a, b);
+    v_lut_deinterleave(args.second + args.natural_stride, index, c, d);
+    const v_float32 warped = lerp(lerp(a, b, dx), lerp(c, d, dx), dy);
+    const v_float32 first = vx_load(mean + x);
+    v_store(mean + x, half * (first + warped));
+    v_store(diff + x, warped - first);
+    v_store(inside + x, within & one);
+  }
+  for (int x = args.w; x < args.w + 2 * kPad; ++x) inside[x] = 0.0F;
+  extendRow(mean, args.w);
+  extendRow(diff, args.w);
 }
 
 /// (-1, 8, 0, -8, 1) / 12, the fourth-order central difference, from the two neighbours on each
@@ -805,11 +811,11 @@ inline v_float32 derivativeX(const float* p) {
 
 /// The rows two above to two below, repeated at the image's border.
 struct RowsAround {
-  RowsAround(const float* plane, const RefineArgs& args, int y)
-      : m2(plane + maxOf(y - 2, 0) * args.natural_stride),
-        m1(plane + maxOf(y - 1, 0) * args.natural_stride),
-        p1(plane + minOf(y + 1, args.h - 1) * args.natural_stride),
-        p2(plane + minOf(y + 2, args.h - 1) * args.natural_stride) {}
+  RowsAround(const RefineArgs& args, const Band& band, NaturalPlane plane, int y)
+      : m2(naturalRow(args, band, plane, maxOf(y - 2, 0))),
+        m1(naturalRow(args, band, plane, maxOf(y - 1, 0))),
+        p1(naturalRow(args, band, plane, minOf(y + 1, args.h - 1))),
+        p2(naturalRow(args, band, plane, minOf(y + 2, args.h - 1))) {}
   v_float32 derivativeY(int x) const {
     return derivative(vx_load(m2 + x), vx_load(m1 + x), vx_load(p1 + x), vx_load(p2 + x));
   }
@@ -819,18 +825,17 @@ struct RowsAround {
   const float* p2;
 };
 
-void firstDerivatives(const RefineArgs& args, int begin, int end) {
-  for (int y = begin; y < end; ++y) {
-    const std::ptrdiff_t offset = y * args.natural_stride;
-    const float* mean = args.mean + offset;
-    const RowsAround rows(args.mean, args, y);
-    for (int x = 0; x < args.w; x += kLanes) {
-      v_store(args.mean_x + offset + x, derivativeX(mean + x));
-      v_store(args.mean_y + offset + x, rows.derivativeY(x));
-    }
-    extendRow(args.mean_x + offset, args.w);
-    extendRow(args.mean_y + offset, args.w);
+void firstDerivatives(const RefineArgs& args, const Band& band, int y) {
+  const float* mean = naturalRow(args, band, kMean, y);
+  float* mean_x = naturalRow(args, band, kMeanX, y);
+  float* mean_y = naturalRow(args, band, kMeanY, y);
+  const RowsAround rows(args, band, kMean, y);
+  for (int x = 0; x < args.w; x += kLanes) {
+    v_store(mean_x + x, derivativeX(mean + x));
+    v_store(mean_y + x, rows.derivativeY(x));
   }
+  extendRow(mean_x, args.w);
+  extendRow(mean_y, args.w);
 }
 
 /// The normalised terms of `kLanes` pixels in a row: r_i = c_i + a_i du + b_i dv.
@@ -838,19 +843,30 @@ struct DataVectors {
   v_float32 a[3], b[3], c[3];
 };
 
-inline DataVectors dataVectors(const RefineArgs& args, const RowsAround& rows_x,
-                               const RowsAround& rows_y, const RowsAround& rows_diff,
-                               std::ptrdiff_t offset, int x) {
+struct DataRows {
+  DataRows(const RefineArgs& args, const Band& band, int y)
+      : mean_x(naturalRow(args, band, kMeanX, y)),
+        mean_y(naturalRow(args, band, kMeanY, y)),
+        diff(naturalRow(args, band, kDiff, y)),
+        inside(naturalRow(args, band, kInside, y)),
+        around_x(args, band, kMeanX, y),
+        around_y(args, band, kMeanY, y),
+        around_diff(args, band, kDiff, y) {}
+  const float* mean_x;
+  const float* mean_y;
+  const float* diff;
+  const float* inside;
+  RowsAround around_x, around_y, around_diff;
+};
+
+inline DataVectors dataVectors(const DataRows& rows, int x) {
   const v_float32 zeta = vx_setall_f32(kZetaSquared);
-  const float* mean_x = args.mean_x + offset + x;
-  const float* mean_y = args.mean_y + offset + x;
-  const float* diff = args.diff + offset + x;
-  const v_float32 inside = vx_load(args.inside + offset + x);
-  const v_float32 ix = vx_load(mean_x);
-  const v_float32 iy = vx_load(mean_y);
-  const v_float32 ixx = derivativeX(mean_x);
-  const v_float32 ixy = rows_x.derivativeY(x);
-  const v_float32 iyy = rows_y.derivativeY(x);
+  const v_float32 inside = vx_load(rows.inside + x);
+  const v_float32 ix = vx_load(rows.mean_x + x);
+  const v_float32 iy = vx_load(rows.mean_y + x);
+  const v_float32 ixx = derivativeX(rows.mean_x + x);
+  const v_float32 ixy = rows.around_x.derivativeY(x);
+  const v_float32 iyy = rows.around_y.derivativeY(x);
   const v_float32 mixed = ixy * ixy;
   const v_float32 scale[3] = {inside * inverseRoot(v_fma(ix, ix, v_fma(iy, iy, zeta))),
                               inside * inverseRoot(v_fma(ixx, ixx, mixed + zeta)),
@@ -858,13 +874,13 @@ inline DataVectors dataVectors(const RefineArgs& args, const RowsAround& rows_x,
   DataVectors out;
   out.a[0] = scale[0] * ix;
   out.b[0] = scale[0] * iy;
-  out.c[0] = scale[0] * vx_load(diff);
+  out.c[0] = scale[0] * vx_load(rows.diff + x);
   out.a[1] = scale[1] * ixx;
   out.b[1] = scale[1] * ixy;
-  out.c[1] = scale[1] * derivativeX(diff);
+  out.c[1] = scale[1] * derivativeX(rows.diff + x);
   out.a[2] = scale[2] * ixy;
   out.b[2] = scale[2] * iyy;
-  out.c[2] = scale[2] * rows_diff.derivativeY(x);
+  out.c[2] = scale[2] * rows.around_diff.derivativeY(x);
   // Each c is now the distance, in pixels, to the motion that the term alone asks for.
   const v_float32 one = vx_setall_f32(1.0F);
   for (int i = 0; i < 3; ++i) {
@@ -876,185 +892,237 @@ inline DataVectors dataVectors(const RefineArgs& args, const RowsAround& rows_x,
   return out;
 }
 
-void dataTerms(const RefineArgs& args, int begin, int end) {
-  const auto split = [](const v_float32& low, const v_float32& high, v_float32& even,
-                        v_float32& odd) {
-    alignas(32) float both[2 * kLanes];
+void dataTerms(const RefineArgs& args, const Band& band, int y) {
+  const auto split = [](const v_float32& low, const v_float32& high, v_float32 halves[2]) {
+    alignas(64) float both[2 * kLanes];
     v_store(both, low);
     v_store(both + kLanes, high);
-    v_load_deinterleave(both, even, odd);
+    v_load_deinterleave(both, halves[0], halves[1]);
   };
-  for (int y = begin; y < end; ++y) {
-    const std::ptrdiff_t offset = y * args.natural_stride;
-    const RowsAround rows_x(args.mean_x, args, y);
-    const RowsAround rows_y(args.mean_y, args, y);
-    const RowsAround rows_diff(args.diff, args, y);
-    const int colour_of_even = y & 1;
-    for (int k = 0; k < colourCount(args); k += kLanes) {
-      const DataVectors low = dataVectors(args, rows_x, rows_y, rows_diff, offset, 2 * k);
-      const DataVectors high = dataVectors(args, rows_x, rows_y, rows_diff, offset, 2 * k + kLanes);
-      for (int i = 0; i < 3; ++i) {
-        v_float32 a[2];
-        v_float32 b[2];
-        v_float32 c[2];
-        split(low.a[i], high.a[i], a[0], a[1]);
-        split(low.b[i], high.b[i], b[0], b[1]);
-        split(low.c[i], high.c[i], c[0], c[1]);
-        for (int odd = 0; odd < 2; ++odd) {
-          const int colour = odd == 0 ? colour_of_even : 1 - colour_of_even;
-          // In terms of the whole flow instead of its increment.
-          const v_float32 u = vx_load(rowOf(args.flow_u, args, colour, y) + k);
-          const v_float32 v = vx_load(rowOf(args.flow_v, args, colour, y) + k);
-          v_store(rowOf(args.a[i], args, colour, y) + k, a[odd]);
-          v_store(rowOf(args.b[i], args, colour, y) + k, b[odd]);
-          v_store(rowOf(args.c[i], args, colour, y) + k, c[odd] - a[odd] * u - b[odd] * v);
-        }
+  const int colours[2] = {y & 1, 1 - (y & 1)};  // of the pixels with even and with odd x
+  const float* flow_u[2];
+  const float* flow_v[2];
+  for (int odd = 0; odd < 2; ++odd) {
+    flow_u[odd] = flowRow(args, 0, y, kFlowU, colours[odd]);
+    flow_v[odd] = flowRow(args, 0, y, kFlowV, colours[odd]);
+  }
+  const DataRows rows(args, band, y);
+  for (int k = 0; k < halfCount(args); k += kLanes) {
+    const DataVectors low = dataVectors(rows, 2 * k);
+    const DataVectors high = dataVectors(rows, 2 * k + kLanes);
+    for (int i = 0; i < 3; ++i) {
+      v_float32 a[2];
+      v_float32 b[2];
+      v_float32 c[2];
+      split(low.a[i], high.a[i], a);
+      split(low.b[i], high.b[i], b);
+      split(low.c[i], high.c[i], c);
+      for (int odd = 0; odd < 2; ++odd) {
+        // In terms of the whole flow instead of its increment.
+        const v_float32 u = vx_load(flow_u[odd] + k);
+        const v_float32 v = vx_load(flow_v[odd] + k);
+        v_store(termRow(args, y, i, 0, colours[odd]) + k, a[odd]);
+        v_store(termRow(args, y, i, 1, colours[odd]) + k, b[odd]);
+        v_store(termRow(args, y, i, 2, colours[odd]) + k, c[odd] - a[odd] * u - b[odd] * v);
       }
     }
   }
 }
 
-void smoothnessRows(const RefineArgs& args, int begin, int end) {
+void termRows(const RefineArgs& args, const Band& band) {
+  constexpr int kReach = 2;  // of one derivative, in rows
+  const int first = maxOf(band.begin - 2 * kReach, 0);
+  const int last = minOf(band.end + 2 * kReach, args.h);
+  for (int step = first; step < band.end + 2 * kReach; ++step) {
+    if (step < last) warpRow(args, band, step);
+    const int derived = step - kReach;
+    if (derived >= maxOf(band.begin - kReach, 0) && derived < minOf(band.end + kReach, args.h)) {
+      firstDerivatives(args, band, derived);
+    }
+    const int y = step - 2 * kReach;
+    if (y < band.begin) continue;
+    const int even = y & 1;
+    splitRow(args.u + y * args.u_stride, flowRow(args, 0, y, kFlowU, even),
+             flowRow(args, 0, y, kFlowU, 1 - even), args.w);
+    splitRow(args.v + y * args.v_stride, flowRow(args, 0, y, kFlowV, even),
+             flowRow(args, 0, y, kFlowV, 1 - even), args.w);
+    dataTerms(args, band, y);
+  }
+}
+
+// One outer iteration. The systems of a row are built when its first half sweep is near, and live
+// in a ring of rows until its last one is done: they never leave the cache.
+
+enum SolverPlane { kU, kV, kRobust, kM11, kM12, kM22, kB1, kB2, kRight, kDown };
+
+inline float* solverRow(const RefineArgs& args, const Band& band, SolverPlane plane, int colour,
+                        int y) {
+  // Above and below the image: zeros.
+  if (y < 0 || y >= args.h) return band.zeros;
+  return halfRow(band.solver, args, kSolverHalves, y & (band.solver_rows - 1), 2 * plane + colour);
+}
+
+void smoothnessRow(const RefineArgs& args, const Band& band, int buffer, int y) {
   const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
   const v_float32 half = vx_setall_f32(0.5F);
-  for (int y = begin; y < end; ++y) {
-    const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
-    const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
-    for (int colour = 0; colour < 2; ++colour) {
-      const int odd = firstX(y, colour);
-      const float* u = rowOf(args.flow_u, args, colour, y);
-      const float* v = rowOf(args.flow_v, args, colour, y);
-      const float* other_u = rowOf(args.flow_u, args, 1 - colour, y);
-      const float* other_v = rowOf(args.flow_v, args, 1 - colour, y);
-      float* out = rowOf(args.robust, args, colour, y);
-      for (int k = 0; k < colourCount(args); k += kLanes) {
-        const v_float32 pu = vx_load(u + k);
-        const v_float32 pv = vx_load(v + k);
-        const auto square = [&](const float* nu, const float* nv) {
-          const v_float32 du = vx_load(nu) - pu;
-          const v_float32 dv = vx_load(nv) - pv;
-          return v_fma(du, du, dv * dv);
-        };
-        const std::ptrdiff_t row = args.colour_stride;
-        v_float32 sum =
-            vx_load(args.has_left[odd] + k) * square(other_u + k - 1 + odd, other_v + k - 1 + odd);
-        sum = v_fma(vx_load(args.has_right[odd] + k), square(other_u + k + odd, other_v + k + odd),
-                    sum);
-        sum = v_fma(has_up, square(other_u + k - row, other_v + k - row), sum);
-        sum = v_fma(has_down, square(other_u + k + row, other_v + k + row), sum);
-        v_store(out + k, inverseRoot(v_fma(half, sum, epsilon)));
-      }
+  const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
+  const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
+  for (int colour = 0; colour < 2; ++colour) {
+    const int odd = firstX(y, colour);
+    const float* u = flowRow(args, buffer, y, kFlowU, colour);
+    const float* v = flowRow(args, buffer, y, kFlowV, colour);
+    const float* side_u = flowRow(args, buffer, y, kFlowU, 1 - colour) - 1 + odd;
+    const float* side_v = flowRow(args, buffer, y, kFlowV, 1 - colour) - 1 + odd;
+    const float* up_u = flowRow(args, buffer, y - 1, kFlowU, 1 - colour);
+    const float* up_v = flowRow(args, buffer, y - 1, kFlowV, 1 - colour);
+    const float* down_u = flowRow(args, buffer, y + 1, kFlowU, 1 - colour);
+    const float* down_v = flowRow(args, buffer, y + 1, kFlowV, 1 - colour);
+    float* out = solverRow(args, band, kRobust, colour, y);
+    for (int k = 0; k < halfCount(args); k += kLanes) {
+      const v_float32 pu = vx_load(u + k);
+      const v_float32 pv = vx_load(v + k);
+      const auto square = [&](const float* nu, const float* nv) {
+        const v_float32 du = vx_load(nu + k) - pu;
+        const v_float32 dv = vx_load(nv + k) - pv;
+        return v_fma(du, du, dv * dv);
+      };
+      v_float32 sum = vx_load(args.has_left[odd] + k) * square(side_u, side_v);
+      sum = v_fma(vx_load(args.has_right[odd] + k), square(side_u + 1, side_v + 1), sum);
+      sum = v_fma(has_up, square(up_u, up_v), sum);
+      sum = v_fma(has_down, square(down_u, down_v), sum);
+      v_store(out + k, inverseRoot(v_fma(half, sum, epsilon)));
     }
   }
 }
 
-void systemRows(const RefineArgs& args, int begin, int end) {
+void systemRow(const RefineArgs& args, const Band& band, int buffer, int y) {
   const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
   const v_float32 half_alpha = vx_setall_f32(0.5F * args.alpha);
   const v_float32 delta = vx_setall_f32(args.delta);
   const v_float32 gamma = vx_setall_f32(args.gamma);
   const v_float32 proximal = vx_setall_f32(kProximal);
   const v_float32 zero = vx_setzero_f32();
-  for (int y = begin; y < end; ++y) {
-    const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
-    const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
-    for (int colour = 0; colour < 2; ++colour) {
-      const int odd = firstX(y, colour);
-      const float* own = rowOf(args.robust, args, colour, y);
-      const float* other = rowOf(args.robust, args, 1 - colour, y);
-      for (int k = 0; k < colourCount(args); k += kLanes) {
-        const v_float32 robust = vx_load(own + k);
-        const v_float32 left =
-            vx_load(args.has_left[odd] + k) * half_alpha * (robust + vx_load(other + k - 1 + odd));
-        const v_float32 right =
-            vx_load(args.has_right[odd] + k) * half_alpha * (robust + vx_load(other + k + odd));
-        const v_float32 up =
-            has_up * half_alpha * (robust + vx_load(other + k - args.colour_stride));
-        const v_float32 down =
-            has_down * half_alpha * (robust + vx_load(other + k + args.colour_stride));
-        const v_float32 smooth = (left + right) + (up + down) + proximal;
+  const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
+  const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
+  for (int colour = 0; colour < 2; ++colour) {
+    const int odd = firstX(y, colour);
+    const auto row = [&](SolverPlane plane) { return solverRow(args, band, plane, colour, y); };
+    const float* own = row(kRobust);
+    const float* side = solverRow(args, band, kRobust, 1 - colour, y) - 1 + odd;
+    const float* above = solverRow(args, band, kRobust, 1 - colour, y - 1);
+    const float* below = solverRow(args, band, kRobust, 1 - colour, y + 1);
+    const float* flow_u = flowRow(args, buffer, y, kFlowU, colour);
+    const float* flow_v = flowRow(args, buffer, y, kFlowV, colour);
+    const float* term[3][3];
+    for (int i = 0; i < 3; ++i) {
+      for (int j = 0; j < 3; ++j) term[i][j] = termRow(args, y, i, j, colour);
+    }
+    float* const out_u = row(kU);
+    float* const out_v = row(kV);
+    float* const m11 = row(kM11);
+    float* const m12 = row(kM12);
+    float* const m22 = row(kM22);
+    float* const out_b1 = row(kB1);
+    float* const out_b2 = row(kB2);
+    float* const out_right = row(kRight);
+    float* const out_down = row(kDown);
+    for (int k = 0; k < halfCount(args); k += kLanes) {
+      const v_float32 robust = vx_load(own + k);
+      const v_float32 left =
+          vx_load(args.has_left[odd] + k) * half_alpha * (robust + vx_load(side + k));
+      const v_float32 right =
+          vx_load(args.has_right[odd] + k) * half_alpha * (robust + vx_load(side + k + 1));
+      const v_float32 up = has_up * half_alpha * (robust + vx_load(above + k));
+      const v_float32 down = has_down * half_alpha * (robust + vx_load(below + k));
+      const v_float32 smooth = (left + right) + (up + down) + proximal;
 
-        const v_float32 u = vx_load(rowOf(args.flow_u, args, colour, y) + k);
-        const v_float32 v = vx_load(rowOf(args.flow_v, args, colour, y) + k);
-        v_float32 a[3];
-        v_float32 b[3];
-        v_float32 c[3];
-        v_float32 residual[3];
-        for (int i = 0; i < 3; ++i) {
-          a[i] = vx_load(rowOf(args.a[i], args, colour, y) + k);
-          b[i] = vx_load(rowOf(args.b[i], args, colour, y) + k);
-          c[i] = vx_load(rowOf(args.c[i], args, colour, y) + k);
-          residual[i] = v_fma(a[i], u, v_fma(b[i], v, c[i]));
-        }
-        const v_float32 colour_weight =
-            delta * inverseRoot(v_fma(residual[0], residual[0], epsilon));
-        const v_float32 gradient_weight =
-            gamma *
-            inverseRoot(v_fma(residual[1], residual[1], v_fma(residual[2], residual[2], epsilon)));
-        v_float32 a11 = zero;
-        v_float32 a12 = zero;
-        v_float32 a22 = zero;
-        v_float32 b1 = proximal * u;
-        v_float32 b2 = proximal * v;
-        for (int i = 0; i < 3; ++i) {
-          const v_float32 weight = i == 0 ? colour_weight : gradient_weight;
-          const v_float32 wa = weight * a[i];
-          const v_float32 wb = weight * b[i];
-          a11 = v_fma(wa, a[i], a11);
-          a12 = v_fma(wa, b[i], a12);
-          a22 = v_fma(wb, b[i], a22);
-          b1 -= wa * c[i];
-          b2 -= wb * c[i];
-        }
-        // det = S^2 + S (A11 + A22) + (A11 A22 - A12^2): no cancellation against S, and the last
-        // term is not negative but for rounding.
-        const v_float32 data_det = v_max(a11 * a22 - a12 * a12, zero);
-        const v_float32 inverse_det =
-            vx_setall_f32(1.0F) / v_fma(smooth, smooth + (a11 + a22), data_det);
-        v_store(rowOf(args.m11, args, colour, y) + k, (a22 + smooth) * inverse_det);
-        v_store(rowOf(args.m12, args, colour, y) + k, a12 * inverse_det);
-        v_store(rowOf(args.m22, args, colour, y) + k, (a11 + smooth) * inverse_det);
-        v_store(rowOf(args.b1, args, colour, y) + k, b1);
-        v_store(rowOf(args.b2, args, colour, y) + k, b2);
-        v_store(rowOf(args.right, args, colour, y) + k, right);
-        v_store(rowOf(args.down, args, colour, y) + k, down);
+      const v_float32 u = vx_load(flow_u + k);
+      const v_float32 v = vx_load(flow_v + k);
+      v_float32 a[3];
+      v_float32 b[3];
+      v_float32 c[3];
+      v_float32 residual[3];
+      for (int i = 0; i < 3; ++i) {
+        a[i] = vx_load(term[i][0] + k);
+        b[i] = vx_load(term[i][1] + k);
+        c[i] = vx_load(term[i][2] + k);
+        residual[i] = v_fma(a[i], u, v_fma(b[i], v, c[i]));
       }
+      const v_float32 colour_weight = delta * inverseRoot(v_fma(residual[0], residual[0], epsilon));
+      const v_float32 gradient_weight =
+          gamma *
+          inverseRoot(v_fma(residual[1], residual[1], v_fma(residual[2], residual[2], epsilon)));
+      v_float32 a11 = zero;
+      v_float32 a12 = zero;
+      v_float32 a22 = zero;
+      v_float32 b1 = proximal * u;
+      v_float32 b2 = proximal * v;
+      for (int i = 0; i < 3; ++i) {
+        const v_float32 weight = i == 0 ? colour_weight : gradient_weight;
+        const v_float32 wa = weight * a[i];
+        const v_float32 wb = weight * b[i];
+        a11 = v_fma(wa, a[i], a11);
+        a12 = v_fma(wa, b[i], a12);
+        a22 = v_fma(wb, b[i], a22);
+        b1 -= wa * c[i];
+        b2 -= wb * c[i];
+      }
+      // det = S^2 + S (A11 + A22) + (A11 A22 - A12^2): no cancellation against S, and the last
+      // term is not negative but for rounding.
+      const v_float32 data_det = v_max(a11 * a22 - a12 * a12, zero);
+      const v_float32 inverse_det =
+          vx_setall_f32(1.0F) / v_fma(smooth, smooth + (a11 + a22), data_det);
+      v_store(m11 + k, (a22 + smooth) * inverse_det);
+      v_store(m12 + k, a12 * inverse_det);
+      v_store(m22 + k, (a11 + smooth) * inverse_det);
+      v_store(out_b1 + k, b1);
+      v_store(out_b2 + k, b2);
+      v_store(out_right + k, right);
+      v_store(out_down + k, down);
+      v_store(out_u + k, u);
+      v_store(out_v + k, v);
     }
   }
 }
 
-void sweepRow(const RefineArgs& args, const SweepBand& band, int colour, int y) {
+void sweepRow(const RefineArgs& args, const Band& band, int colour, int y) {
   const int odd = firstX(y, colour);
-  const std::ptrdiff_t offset = y * args.colour_stride;
-  const std::ptrdiff_t row = args.colour_stride;
-  float* u = band.u[colour] + offset;
-  float* v = band.v[colour] + offset;
-  const float* other_u = band.u[1 - colour] + offset;
-  const float* other_v = band.v[1 - colour] + offset;
-  const float* right = rowOf(args.right, args, colour, y);
-  const float* down = rowOf(args.down, args, colour, y);
-  const float* left = rowOf(args.right, args, 1 - colour, y) - 1 + odd;  // theirs to us
-  const float* up = rowOf(args.down, args, 1 - colour, y) - row;
-  const float* m11 = rowOf(args.m11, args, colour, y);
-  const float* m12 = rowOf(args.m12, args, colour, y);
-  const float* m22 = rowOf(args.m22, args, colour, y);
-  const float* b1 = rowOf(args.b1, args, colour, y);
-  const float* b2 = rowOf(args.b2, args, colour, y);
+  const auto own = [&](SolverPlane plane) { return solverRow(args, band, plane, colour, y); };
+  const auto other = [&](SolverPlane plane, int row) {
+    return solverRow(args, band, plane, 1 - colour, row);
+  };
+  float* u = own(kU);
+  float* v = own(kV);
+  const float* side_u = other(kU, y) - 1 + odd;
+  const float* side_v = other(kV, y) - 1 + odd;
+  const float* up_u = other(kU, y - 1);
+  const float* up_v = other(kV, y - 1);
+  const float* down_u = other(kU, y + 1);
+  const float* down_v = other(kV, y + 1);
+  const float* right = own(kRight);
+  const float* down = own(kDown);
+  const float* left = other(kRight, y) - 1 + odd;  // theirs to us
+  const float* up = other(kDown, y - 1);
+  const float* m11 = own(kM11);
+  const float* m12 = own(kM12);
+  const float* m22 = own(kM22);
+  const float* b1 = own(kB1);
+  const float* b2 = own(kB2);
   const v_float32 omega = vx_setall_f32(args.omega);
-  const int count = colourCount(args);
+  const int count = halfCount(args);
   for (int k = 0; k < count; k += kLanes) {
     const v_float32 w_left = vx_load(left + k);
     const v_float32 w_right = vx_load(right + k);
     const v_float32 w_up = vx_load(up + k);
     const v_float32 w_down = vx_load(down + k);
-    v_float32 ru = v_fma(w_left, vx_load(other_u + k - 1 + odd), vx_load(b1 + k));
-    v_float32 rv = v_fma(w_left, vx_load(other_v + k - 1 + odd), vx_load(b2 + k));
-    ru = v_fma(w_right, vx_load(other_u + k + odd), ru);
-    rv = v_fma(w_right, vx_load(other_v + k + odd), rv);
-    ru = v_fma(w_up, vx_load(other_u + k - row), ru);
-    rv = v_fma(w_up, vx_load(other_v + k - row), rv);
-    ru = v_fma(w_down, vx_load(other_u + k + row), ru);
-    rv = v_fma(w_down, vx_load(other_v + k + row), rv);
+    v_float32 ru = v_fma(w_left, vx_load(side_u + k), vx_load(b1 + k));
+    v_float32 rv = v_fma(w_left, vx_load(side_v + k), vx_load(b2 + k));
+    ru = v_fma(w_right, vx_load(side_u + k + 1), ru);
+    rv = v_fma(w_right, vx_load(side_v + k + 1), rv);
+    ru = v_fma(w_up, vx_load(up_u + k), ru);
+    rv = v_fma(w_up, vx_load(up_v + k), rv);
+    ru = v_fma(w_down, vx_load(down_u + k), ru);
+    rv = v_fma(w_down, vx_load(down_v + k), rv);
     const v_float32 cross = vx_load(m12 + k);
     const v_float32 pu = vx_load(u + k);
     const v_float32 pv = vx_load(v + k);
@@ -1065,26 +1133,53 @@ void sweepRow(const RefineArgs& args, const SweepBand& band, int colour, int y) 
   }
 }
 
-void sweep(const RefineArgs& args, const SweepBand& band) {
-  // A diagonal order through rows and half sweeps: half sweep t follows t rows behind the first, so
-  // each row's coefficients serve all sweeps while they are in the cache. Towards the ends of the
-  // halo each half sweep has one row less whose neighbours are up to date.
-  const int count = band.half_sweeps;
-  for (int step = band.first; step < band.last + count; ++step) {
-    for (int t = 0; t < count; ++t) {
-      const int y = step - t;
-      const int begin = maxOf(band.first, band.begin - (count - 1 - t));
-      const int end = minOf(band.last, band.end + (count - 1 - t));
-      if (y >= begin && y < end) sweepRow(args, band, t & 1, y);
+/// Hands a finished row on: to the next iteration, or to the caller.
+void finishRow(const RefineArgs& args, const Band& band, int buffer, bool last, int y) {
+  const int even = y & 1;
+  for (int i = 0; i < 2; ++i) {
+    const SolverPlane plane = i == 0 ? kU : kV;
+    if (last) {
+      mergeRow(solverRow(args, band, plane, even, y), solverRow(args, band, plane, 1 - even, y),
+               i == 0 ? args.u + y * args.u_stride : args.v + y * args.v_stride, args.w);
+      continue;
     }
+    for (int colour = 0; colour < 2; ++colour) {
+      const float* source = solverRow(args, band, plane, colour, y);
+      float* target = flowRow(args, buffer, y, i == 0 ? kFlowU : kFlowV, colour);
+      for (int k = 0; k < halfCount(args); k += kLanes) v_store(target + k, vx_load(source + k));
+    }
+  }
+}
+
+void solve(const RefineArgs& args, const Band& band, int iteration, bool last) {
+  // A diagonal order through rows and half sweeps: half sweep t follows t rows behind the first.
+  // The band takes in a halo as deep as information travels in the sweeps, so that it needs no
+  // other band; towards the ends of the halo each half sweep has one row less whose neighbours are
+  // up to date.
+  const int count = args.half_sweeps;
+  const int from = iteration % 2;
+  const int first = maxOf(band.begin - count, 0);
+  const int end = minOf(band.end + count, args.h);
+  for (int y = maxOf(first - 1, 0); y <= first; ++y) smoothnessRow(args, band, from, y);
+  for (int step = first; step < band.end + count; ++step) {
+    if (step + 1 < minOf(end + 1, args.h)) smoothnessRow(args, band, from, step + 1);
+    if (step < end) systemRow(args, band, from, step);
+    for (int t = 0; t < count; ++t) {
+      const int y = step - 1 - t;
+      const int margin = count - 1 - t;
+      if (y >= maxOf(first, band.begin - margin) && y < minOf(end, band.end + margin)) {
+        sweepRow(args, band, t & 1, y);
+      }
+    }
+    const int done = step - count;
+    if (done >= band.begin) finishRow(args, band, 1 - from, last, done);
   }
 }
 
 }  // namespace
 
 extern const Kernels LUM_KERNELS;
-const Kernels LUM_KERNELS = {
-    LUM_KERNELS_NAME, structureTensor, search,         densify,    importRows, warpRows,
-    firstDerivatives, dataTerms,       smoothnessRows, systemRows, sweep,      exportRows};
+const Kernels LUM_KERNELS = {LUM_KERNELS_NAME, structureTensor, search, densify,
+                             importRows,       termRows,        solve};
 
 }  // namespace cv::optflow::lum::kernels
