@@ -227,8 +227,8 @@ class PatchMatcher {
       const Place place = locate(u, v, cell);
       kept_ = cell;
       if (!cell->has_steps) sumSteps(*cell);
-      u -= polynomial(cell->step_u, place);
-      v -= polynomial(cell->step_v, place);
+      u -= stepAt(cell->step_u, place);
+      v -= stepAt(cell->step_v, place);
       const float error = errorAt(*cell, place);
       if (!(error < previous)) return;  // after the step, which is kept
       previous = error;
@@ -240,12 +240,12 @@ class PatchMatcher {
     float x, y;          // whole part of the position; below 0: none
     float end_x, end_y;  // where the cell ends; its begin where positions are clamped beyond it
     bool has_steps;
-    // Coefficients of the error. They may be large where their polynomial is next to zero, hence
-    // doubles; see errorAt.
+    // Coefficients of the error and of the step, see errorAt and stepAt. They may be large where
+    // their polynomials are next to zero, hence doubles.
     double square[9];
-    alignas(16) float sum[4];  // sums of e0 to e3
-    float step_u[4];           // coefficients of the step
-    float step_v[4];
+    double step_u[4];
+    double step_v[4];
+    alignas(16) float sum[4];                                  // sums of e0 to e3
     alignas(64) std::int16_t terms[4][kMaxPatch * kMaxPatch];  // e0 to e3
   };
   /// Fractions of a position within its cell.
@@ -253,8 +253,10 @@ class PatchMatcher {
     float x, y;
   };
 
-  static float polynomial(const float c[4], const Place& p) {
-    return mulAdd(p.y, mulAdd(p.x, c[3], c[2]), mulAdd(p.x, c[1], c[0]));
+  static float stepAt(const double c[4], const Place& place) {
+    const double x = place.x;
+    const double y = place.y;
+    return static_cast<float>(mulAdd(y, mulAdd(x, c[3], c[2]), mulAdd(x, c[1], c[0])));
   }
 
   static float errorAt(const Cell& cell, const Place& place) {
@@ -411,8 +413,8 @@ class PatchMatcher {
     for (int i = 0; i < 4; ++i) {
       const double gx = along_x[i] - cell.sum[i] * mean_x;
       const double gy = along_y[i] - cell.sum[i] * mean_y;
-      cell.step_u[i] = static_cast<float>((yy * gx - xy * gy) * inverse);
-      cell.step_v[i] = static_cast<float>((xx * gy - xy * gx) * inverse);
+      cell.step_u[i] = (yy * gx - xy * gy) * inverse;
+      cell.step_v[i] = (xx * gy - xy * gx) * inverse;
     }
     cell.has_steps = true;
   }
