@@ -56,8 +56,9 @@ constexpr int kNaturalRows = 8;
 /// 1). All half rows of image row y lie together, plane by plane, colour by colour.
 enum FlowPlane { kFlowU, kFlowV };
 constexpr int kFlowHalves = 2 * 2;
-constexpr int kTermHalves = 2 * 3 * 3;  // a, b, c of the residuals r_i = c_i + a_i u + b_i v
-constexpr int kSolverHalves = 2 * 10;
+constexpr int kTerms = 3 * 3;  // a, b, c of the residuals r_i = c_i + a_i u + b_i v
+constexpr int kTermHalves = 2 * kTerms;
+constexpr int kSolverHalves = 2 * (3 + 9);
 
 struct RefineArgs {
   int w, h;

@@ -723,8 +723,9 @@ inline float* halfRow(float* rows, const RefineArgs& args, int halves, int y, in
 inline float* flowRow(const RefineArgs& args, int buffer, int y, FlowPlane plane, int colour) {
   return halfRow(args.flow[buffer], args, kFlowHalves, y, 2 * plane + colour);
 }
-inline float* termRow(const RefineArgs& args, int y, int term, int coefficient, int colour) {
-  return halfRow(args.terms, args, kTermHalves, y, 2 * (3 * term + coefficient) + colour);
+/// The data terms of a row, vector by vector: a_0, b_0, c_0, a_1 ... of `kLanes` pixels.
+inline float* termRow(const RefineArgs& args, int y, int colour) {
+  return halfRow(args.terms, args, kTermHalves, y, kTerms * colour);
 }
 
 inline int firstX(int y, int colour) { return (y + colour) & 1; }
@@ -908,6 +909,7 @@ void dataTerms(const RefineArgs& args, const Band& band, int y) {
     flow_u[odd] = flowRow(args, 0, y, kFlowU, colours[odd]);
     flow_v[odd] = flowRow(args, 0, y, kFlowV, colours[odd]);
   }
+  float* const terms[2] = {termRow(args, y, colours[0]), termRow(args, y, colours[1])};
   const DataRows rows(args, band, y);
   for (int k = 0; k < halfCount(args); k += kLanes) {
     const DataVectors low = dataVectors(rows, 2 * k);
@@ -923,9 +925,10 @@ void dataTerms(const RefineArgs& args, const Band& band, int y) {
         // In terms of the whole flow instead of its increment.
         const v_float32 u = vx_load(flow_u[odd] + k);
         const v_float32 v = vx_load(flow_v[odd] + k);
-        v_store(termRow(args, y, i, 0, colours[odd]) + k, a[odd]);
-        v_store(termRow(args, y, i, 1, colours[odd]) + k, b[odd]);
-        v_store(termRow(args, y, i, 2, colours[odd]) + k, c[odd] - a[odd] * u - b[odd] * v);
+        float* const out = terms[odd] + kTerms * k + 3 * i * kLanes;
+        v_store(out, a[odd]);
+        v_store(out + kLanes, b[odd]);
+        v_store(out + 2 * kLanes, c[odd] - a[odd] * u - b[odd] * v);
       }
     }
   }
@@ -955,13 +958,20 @@ void termRows(const RefineArgs& args, const Band& band) {
 // One outer iteration. The systems of a row are built when its first half sweep is near, and live
 // in a ring of rows until its last one is done: they never leave the cache.
 
-enum SolverPlane { kU, kV, kRobust, kM11, kM12, kM22, kB1, kB2, kRight, kDown };
+/// Half rows of the ring. What a pixel does not share lies together vector by vector, in the order
+/// of SystemValue.
+enum SolverPlane { kU, kV, kRobust, kSystem };
+/// A pixel's linear system: the smoothness weights of the edges to its neighbours, the right-hand
+/// side without them, and omega times the inverse of its 2 x 2 matrix.
+enum SystemValue { kLeft, kRight, kUp, kDown, kB1, kB2, kM11, kM12, kM22, kSystemValues };
+static_assert(kSolverHalves == 2 * (kSystem + kSystemValues), "");
 
 inline float* solverRow(const RefineArgs& args, const Band& band, SolverPlane plane, int colour,
                         int y) {
   // Above and below the image: zeros.
   if (y < 0 || y >= args.h) return band.zeros;
-  return halfRow(band.solver, args, kSolverHalves, y & (band.solver_rows - 1), 2 * plane + colour);
+  const int half = plane == kSystem ? 2 * kSystem + kSystemValues * colour : 2 * plane + colour;
+  return halfRow(band.solver, args, kSolverHalves, y & (band.solver_rows - 1), half);
 }
 
 void smoothnessRow(const RefineArgs& args, const Band& band, int buffer, int y) {
@@ -999,6 +1009,7 @@ void smoothnessRow(const RefineArgs& args, const Band& band, int buffer, int y) 
 
 void systemRow(const RefineArgs& args, const Band& band, int buffer, int y) {
   const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
+  const v_float32 omega = vx_setall_f32(args.omega);
   const v_float32 half_alpha = vx_setall_f32(0.5F * args.alpha);
   const v_float32 delta = vx_setall_f32(args.delta);
   const v_float32 gamma = vx_setall_f32(args.gamma);
@@ -1015,19 +1026,10 @@ void systemRow(const RefineArgs& args, const Band& band, int buffer, int y) {
     const float* below = solverRow(args, band, kRobust, 1 - colour, y + 1);
     const float* flow_u = flowRow(args, buffer, y, kFlowU, colour);
     const float* flow_v = flowRow(args, buffer, y, kFlowV, colour);
-    const float* term[3][3];
-    for (int i = 0; i < 3; ++i) {
-      for (int j = 0; j < 3; ++j) term[i][j] = termRow(args, y, i, j, colour);
-    }
+    const float* const terms = termRow(args, y, colour);
     float* const out_u = row(kU);
     float* const out_v = row(kV);
-    float* const m11 = row(kM11);
-    float* const m12 = row(kM12);
-    float* const m22 = row(kM22);
-    float* const out_b1 = row(kB1);
-    float* const out_b2 = row(kB2);
-    float* const out_right = row(kRight);
-    float* const out_down = row(kDown);
+    float* const system = row(kSystem);
     for (int k = 0; k < halfCount(args); k += kLanes) {
       const v_float32 robust = vx_load(own + k);
       const v_float32 left =
@@ -1045,9 +1047,10 @@ void systemRow(const RefineArgs& args, const Band& band, int buffer, int y) {
       v_float32 c[3];
       v_float32 residual[3];
       for (int i = 0; i < 3; ++i) {
-        a[i] = vx_load(term[i][0] + k);
-        b[i] = vx_load(term[i][1] + k);
-        c[i] = vx_load(term[i][2] + k);
+        const float* const term = terms + kTerms * k + 3 * i * kLanes;
+        a[i] = vx_load(term);
+        b[i] = vx_load(term + kLanes);
+        c[i] = vx_load(term + 2 * kLanes);
         residual[i] = v_fma(a[i], u, v_fma(b[i], v, c[i]));
       }
       const v_float32 colour_weight = delta * inverseRoot(v_fma(residual[0], residual[0], epsilon));
@@ -1072,15 +1075,17 @@ void systemRow(const RefineArgs& args, const Band& band, int buffer, int y) {
       // det = S^2 + S (A11 + A22) + (A11 A22 - A12^2): no cancellation against S, and the last
       // term is not negative but for rounding.
       const v_float32 data_det = v_max(a11 * a22 - a12 * a12, zero);
-      const v_float32 inverse_det =
-          vx_setall_f32(1.0F) / v_fma(smooth, smooth + (a11 + a22), data_det);
-      v_store(m11 + k, (a22 + smooth) * inverse_det);
-      v_store(m12 + k, a12 * inverse_det);
-      v_store(m22 + k, (a11 + smooth) * inverse_det);
-      v_store(out_b1 + k, b1);
-      v_store(out_b2 + k, b2);
-      v_store(out_right + k, right);
-      v_store(out_down + k, down);
+      const v_float32 inverse = omega / v_fma(smooth, smooth + (a11 + a22), data_det);
+      float* const out = system + kSystemValues * k;
+      v_store(out + kLeft * kLanes, left);
+      v_store(out + kRight * kLanes, right);
+      v_store(out + kUp * kLanes, up);
+      v_store(out + kDown * kLanes, down);
+      v_store(out + kB1 * kLanes, b1);
+      v_store(out + kB2 * kLanes, b2);
+      v_store(out + kM11 * kLanes, (a22 + smooth) * inverse);
+      v_store(out + kM12 * kLanes, a12 * inverse);
+      v_store(out + kM22 * kLanes, (a11 + smooth) * inverse);
       v_store(out_u + k, u);
       v_store(out_v + k, v);
     }
@@ -1101,37 +1106,28 @@ void sweepRow(const RefineArgs& args, const Band& band, int colour, int y) {
   const float* up_v = other(kV, y - 1);
   const float* down_u = other(kU, y + 1);
   const float* down_v = other(kV, y + 1);
-  const float* right = own(kRight);
-  const float* down = own(kDown);
-  const float* left = other(kRight, y) - 1 + odd;  // theirs to us
-  const float* up = other(kDown, y - 1);
-  const float* m11 = own(kM11);
-  const float* m12 = own(kM12);
-  const float* m22 = own(kM22);
-  const float* b1 = own(kB1);
-  const float* b2 = own(kB2);
-  const v_float32 omega = vx_setall_f32(args.omega);
+  const float* system = own(kSystem);
+  const v_float32 keep = vx_setall_f32(1.0F - args.omega);
   const int count = halfCount(args);
-  for (int k = 0; k < count; k += kLanes) {
-    const v_float32 w_left = vx_load(left + k);
-    const v_float32 w_right = vx_load(right + k);
-    const v_float32 w_up = vx_load(up + k);
-    const v_float32 w_down = vx_load(down + k);
-    v_float32 ru = v_fma(w_left, vx_load(side_u + k), vx_load(b1 + k));
-    v_float32 rv = v_fma(w_left, vx_load(side_v + k), vx_load(b2 + k));
+  for (int k = 0; k < count; k += kLanes, system += kSystemValues * kLanes) {
+    const auto load = [&](SystemValue value) { return vx_load(system + value * kLanes); };
+    const v_float32 w_left = load(kLeft);
+    const v_float32 w_right = load(kRight);
+    const v_float32 w_up = load(kUp);
+    const v_float32 w_down = load(kDown);
+    v_float32 ru = v_fma(w_left, vx_load(side_u + k), load(kB1));
+    v_float32 rv = v_fma(w_left, vx_load(side_v + k), load(kB2));
     ru = v_fma(w_right, vx_load(side_u + k + 1), ru);
     rv = v_fma(w_right, vx_load(side_v + k + 1), rv);
     ru = v_fma(w_up, vx_load(up_u + k), ru);
     rv = v_fma(w_up, vx_load(up_v + k), rv);
     ru = v_fma(w_down, vx_load(down_u + k), ru);
     rv = v_fma(w_down, vx_load(down_v + k), rv);
-    const v_float32 cross = vx_load(m12 + k);
-    const v_float32 pu = vx_load(u + k);
-    const v_float32 pv = vx_load(v + k);
-    const v_float32 next_u = vx_load(m11 + k) * ru - cross * rv;
-    const v_float32 next_v = vx_load(m22 + k) * rv - cross * ru;
-    v_store(u + k, v_fma(omega, next_u - pu, pu));
-    v_store(v + k, v_fma(omega, next_v - pv, pv));
+    const v_float32 cross = load(kM12);
+    const v_float32 next_u = v_fma(load(kM11), ru, keep * vx_load(u + k));
+    const v_float32 next_v = v_fma(load(kM22), rv, keep * vx_load(v + k));
+    v_store(u + k, next_u - cross * rv);
+    v_store(v + k, next_v - cross * ru);
   }
 }
 
