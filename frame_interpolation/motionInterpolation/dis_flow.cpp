@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "flow_kernels.h"
+#include "parallel_for.h"
 
 namespace cv::optflow::lum {
 namespace {
@@ -35,16 +36,11 @@ void parallelStripes(int count, int stripes, const Body& body) {
     body(0, count);
     return;
   }
-  parallel_for_(
-      Range(0, stripes),
-      [&](const Range& range) {
-        for (int stripe = range.start; stripe < range.end; ++stripe) {
-          const int begin = std::min(stripe * rows, count);
-          const int end = std::min(begin + rows, count);
-          if (begin < end) body(begin, end);
-        }
-      },
-      stripes);
+  parallelFor(stripes, [&](int stripe) {
+    const int begin = std::min(stripe * rows, count);
+    const int end = std::min(begin + rows, count);
+    if (begin < end) body(begin, end);
+  });
 }
 
 }  // namespace

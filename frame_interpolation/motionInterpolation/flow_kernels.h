@@ -45,20 +45,25 @@ struct SearchArgs {
   bool mean_normalization, spatial_propagation;
 };
 
-/// Planes that are split into red (x + y even) and black pixels. Pixel (x, y) of colour c is
-/// element k of row y with x = 2k + ((y + c) & 1), so that each colour is contiguous and a vector
-/// holds pixels of one colour only.
-struct ColourPlane {
-  float* row0[2];  // element 0 of row 0, per colour; rows -1 and h and kPad elements on each side
-                   // exist
-};
+constexpr int kPad = 16;  // floats before, and at least as many behind, each row of the refinement
 
-constexpr int kPad = 16;  // floats before and at least as many behind each row
+/// Planes whose rows are kept whole, and the rows of their ring: a power of two, see `termRows`.
+constexpr int kNaturalPlanes = 5;
+constexpr int kNaturalRows = 8;
+
+/// The other planes are split into red (x + y even) and black pixels, so that a vector holds pixels
+/// of one colour only: pixel (x, y) of colour c is element k of a half row with x = 2k + ((y + c) &
+/// 1). All half rows of image row y lie together, plane by plane, colour by colour.
+enum FlowPlane { kFlowU, kFlowV };
+constexpr int kFlowHalves = 2 * 2;
+constexpr int kTerms = 3 * 3;  // a, b, c of the residuals r_i = c_i + a_i u + b_i v
+constexpr int kTermHalves = 2 * kTerms;
+constexpr int kSolverHalves = 2 * (3 + 9);
 
 struct RefineArgs {
   int w, h;
   std::ptrdiff_t natural_stride;  // floats
-  std::ptrdiff_t colour_stride;   // floats
+  std::ptrdiff_t half_stride;     // floats
 
   const std::uint8_t* i0;
   std::ptrdiff_t i0_stride;
@@ -68,35 +73,24 @@ struct RefineArgs {
   float* v;
   std::ptrdiff_t u_stride, v_stride;
 
-  // Rows as in the image, kPad elements on each side; row h of `second` repeats row h - 1.
-  float* second;
-  float* mean;
-  float* diff;
-  float* inside;  // 1 where the warp stays in the image
-  float* mean_x;  // holds u until the warp is done
-  float* mean_y;  // holds v until the warp is done
+  float* second;   // the second image, whole rows; row h repeats row h - 1
+  float* terms;    // kTermHalves half rows per row
+  float* flow[2];  // kFlowHalves per row; rows -1 and h exist. Read and written in turns.
 
-  ColourPlane flow_u, flow_v;
-  // Residuals r_i = c_i + a_i u + b_i v of the three linearised constancy terms.
-  ColourPlane a[3], b[3], c[3];
-  ColourPlane robust;         // derivative of the smoothness penaliser
-  ColourPlane m11, m12, m22;  // inverse of each pixel's 2 x 2 system
-  ColourPlane b1, b2;         // right-hand side without neighbours
-  ColourPlane right, down;    // smoothness weights of the edges to x + 1 and y + 1
-
-  const float* has_left[2];  // 1 or 0 per element of a row, by the row's first x
+  const float* has_left[2];  // 1 or 0 per element of a half row, by the half row's first x
   const float* has_right[2];
 
   float alpha, delta, gamma, omega;
+  int half_sweeps;  // per outer iteration
 };
 
-/// A band of rows whose unknowns are solved by one task.
-struct SweepBand {
-  float* u[2];  // element 0 of image row 0, per colour; may point into a private copy
-  float* v[2];
-  int begin, end;   // rows this band owns
-  int first, last;  // rows present: the owned ones and a halo
-  int half_sweeps;
+/// A band of rows that one task computes, and its scratch memory.
+struct Band {
+  int begin, end;
+  float* natural;   // a ring of kNaturalRows rows of kNaturalPlanes
+  float* solver;    // a ring of solver_rows rows of kSolverHalves half rows
+  float* zeros;     // a half row
+  int solver_rows;  // a power of two, at least 3 + half_sweeps
 };
 
 /// The functions of one instruction set. All row and stripe ranges are [begin, end).
@@ -107,14 +101,13 @@ struct Kernels {
   void (*search)(const SearchArgs&, int begin_patch_row, int end_patch_row);
   void (*densify)(const SearchArgs&, int begin_row, int end_row);
 
+  /// `second` from `i1`.
   void (*importRows)(const RefineArgs&, int begin, int end);
-  void (*warpRows)(const RefineArgs&, int begin, int end);
-  void (*firstDerivatives)(const RefineArgs&, int begin, int end);
-  void (*dataTerms)(const RefineArgs&, int begin, int end);
-  void (*smoothnessRows)(const RefineArgs&, int begin, int end);
-  void (*systemRows)(const RefineArgs&, int begin, int end);
-  void (*sweep)(const RefineArgs&, const SweepBand&);
-  void (*exportRows)(const RefineArgs&, int begin, int end);
+  /// `terms` and `flow[0]` of a band, from `second`, `i0`, `u` and `v`.
+  void (*termRows)(const RefineArgs&, const Band&);
+  /// One outer iteration on a band: from `flow[iteration % 2]` into the other one, or into `u` and
+  /// `v` in the last iteration.
+  void (*solve)(const RefineArgs&, const Band&, int iteration, bool last);
 };
 
 extern const Kernels kPortableKernels;  // plain C++

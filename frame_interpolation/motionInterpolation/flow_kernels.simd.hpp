@@ -30,17 +30,6 @@ inline v_float32 lerp(const v_float32& a, const v_float32& b, const v_float32& t
 }
 inline float lerp(float a, float b, float t) { return a + t * (b - a); }
 
-/// Sums the lanes of four vectors.
-inline void reduceSums(const v_float32& a, const v_float32& b, const v_float32& c,
-                       const v_float32& d, float out[4]) {
-  float lanes[kLanes];
-  v_store(lanes, v_reduce_sum4(a, b, c, d));
-  for (int i = 0; i < 4; ++i) {
-    out[i] = lanes[i];
-    for (int group = 4; group < kLanes; group += 4) out[i] += lanes[group + i];
-  }
-}
-
 // ---------------------------------------------------------------- structure tensor
 
 void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* scratch) {
@@ -100,154 +89,359 @@ void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* s
 // ---------------------------------------------------------------- patch inverse search
 
 constexpr int kMaxPatch = 16;
+constexpr int kBlock = 8;  // columns of a patch that are taken at a time
+/// Rows of `kBlock` pixels in one vector of 16-bit elements.
+constexpr int kBlockRows = v_int16::nlanes / kBlock;
 
-/// One patch of the first image, as floats, and the place where it is matched. `kSize` is the patch
-/// size, or 0 where it is known at run time only.
-template <int kSize>
+inline float mulAdd(float a, float b, float c) {
+#ifdef __FP_FAST_FMAF
+  return __builtin_fmaf(a, b, c);
+#else
+  return a * b + c;
+#endif
+}
+inline double mulAdd(double a, double b, double c) {
+#ifdef __FP_FAST_FMA
+  return __builtin_fma(a, b, c);
+#else
+  return a * b + c;
+#endif
+}
+
+/// `kBlockRows` rows of `kBlock` pixels.
+inline v_int16 loadBlock(const std::uint8_t* p, std::ptrdiff_t stride) {
+#if CV_AVX512_SKX
+  const v_uint8x16 low = v_combine_low(v_load_low(p), v_load_low(p + stride));
+  const v_uint8x16 high = v_combine_low(v_load_low(p + 2 * stride), v_load_low(p + 3 * stride));
+  return v_int16(_mm512_cvtepu8_epi16(_mm256_setr_m128i(low.val, high.val)));
+#elif CV_AVX2
+  const v_uint8x16 rows = v_combine_low(v_load_low(p), v_load_low(p + stride));
+  return v_int16(_mm256_cvtepu8_epi16(rows.val));
+#else
+  (void)stride;
+  return v_reinterpret_as_s16(vx_load_expand(p));
+#endif
+}
+inline v_int16 loadBlock(const std::int16_t* p, std::ptrdiff_t stride) {
+#if CV_AVX512_SKX
+  const v_int16x16 low = v256_load_halves(p, p + stride);
+  const v_int16x16 high = v256_load_halves(p + 2 * stride, p + 3 * stride);
+  return v_int16(_mm512_inserti64x4(_mm512_castsi256_si512(low.val), high.val, 1));
+#elif CV_AVX2
+  return vx_load_halves(p, p + stride);
+#else
+  (void)stride;
+  return vx_load(p);
+#endif
+}
+
+/// The sums over the lanes of four vectors of integers; single precision holds each lane exactly.
+inline v_float32x4 reduceSums(const v_int32& a, const v_int32& b, const v_int32& c,
+                              const v_int32& d) {
+  const v_float32 sums = v_reduce_sum4(v_cvt_f32(a), v_cvt_f32(b), v_cvt_f32(c), v_cvt_f32(d));
+#if CV_AVX512_SKX
+  const v_float32x8 folded = v_float32x8(_mm512_castps512_ps256(sums.val)) +
+                             v_float32x8(_mm512_extractf32x8_ps(sums.val, 1));
+  return v_float32x4(_mm256_castps256_ps128(folded.val)) +
+         v_float32x4(_mm256_extractf128_ps(folded.val, 1));
+#elif CV_AVX2
+  return v_float32x4(_mm256_castps256_ps128(sums.val)) +
+         v_float32x4(_mm256_extractf128_ps(sums.val, 1));
+#else
+  return sums;
+#endif
+}
+
+/// One patch of the first image against the second.
+///
+/// Between four pixels, the difference of a patch pixel is d = e0 + fx e1 + fy e2 + fx fy e3 with
+/// whole numbers e and the position's fractions fx, fy. So all that search asks for, sums of d,
+/// d^2, d Ix and d Iy, are polynomials in (fx, fy) whose coefficients, sums of products of the e,
+/// hold for every position with the same whole part: a cell. They are summed once per cell,
+/// exactly, in integers; most patches settle within one or two cells.
+///
+/// `kFull`: the patch is one whole block and is read in place. Others are copied to zeroed blocks.
+template <bool kFull>
 class PatchMatcher {
  public:
   explicit PatchMatcher(const SearchArgs& args)
       : args_(args),
-        size_(kSize > 0 ? kSize : args.patch_size),
-        inverse_count_(1.0F / static_cast<float>(size_ * size_)),
-        low_(static_cast<float>(args.border - size_ + 1)),
+        inverse_count_(args.mean_normalization ? 1.0 / (args.patch_size * args.patch_size) : 0.0),
+        border_(static_cast<float>(args.border)),
+        low_(static_cast<float>(args.border - args.patch_size + 1)),
         high_x_(static_cast<float>(args.border + args.w - 1)),
-        high_y_(static_cast<float>(args.border + args.h - 1)) {}
+        high_y_(static_cast<float>(args.border + args.h - 1)) {
+    if (kFull) return;
+    for (int row = 0; row < kMaxPatch; ++row) {
+      for (int i = 0; i < kMaxPatch; ++i) {
+        const int at = row * kMaxPatch + i;
+        mask_[at] = row < args.patch_size && i < args.patch_size ? -1 : 0;
+        pixels_[at] = 0;
+        gradient_x_[at] = gradient_y_[at] = 0;
+      }
+    }
+  }
 
-  void setPatch(int left, int top) {
+  void setPatch(int left, int top, std::ptrdiff_t patch) {
     left_ = static_cast<float>(left);
     top_ = static_cast<float>(top);
-    const int size = patchSize();
-    for (int row = 0; row < size; ++row) {
-      const std::uint8_t* i0 = args_.i0 + (top + row) * args_.i0_stride + left;
-      const std::int16_t* gx = args_.ix + (top + row) * args_.grad_stride + left;
-      const std::int16_t* gy = args_.iy + (top + row) * args_.grad_stride + left;
-      float* out = pixels_ + row * size;
-      float* out_x = gradient_x_ + row * size;
-      float* out_y = gradient_y_ + row * size;
-      int i = 0;
-      for (; i <= size - kLanes; i += kLanes) {
-        v_store(out + i, loadFloats(i0 + i));
-        v_store(out_x + i, loadFloats(gx + i));
-        v_store(out_y + i, loadFloats(gy + i));
-      }
-      if (kSize > 0 && kSize % kLanes == 0) continue;
-      for (; i < size; ++i) {
-        out[i] = i0[i];
-        out_x[i] = gx[i];
-        out_y[i] = gy[i];
+    patch_ = patch;
+    for (Cell& cell : cells_) cell.x = cell.y = cell.end_x = cell.end_y = -1.0F;
+    i0_ = args_.i0 + top * args_.i0_stride + left;
+    ix_ = args_.ix + top * args_.grad_stride + left;
+    iy_ = args_.iy + top * args_.grad_stride + left;
+    if (kFull) {
+      i0_stride_ = args_.i0_stride;
+      gradient_stride_ = args_.grad_stride;
+      return;
+    }
+    for (int row = 0; row < args_.patch_size; ++row) {
+      for (int i = 0; i < args_.patch_size; ++i) {
+        const int at = row * kMaxPatch + i;
+        pixels_[at] = i0_[row * args_.i0_stride + i];
+        gradient_x_[at] = ix_[row * args_.grad_stride + i];
+        gradient_y_[at] = iy_[row * args_.grad_stride + i];
       }
     }
+    i0_ = pixels_;
+    ix_ = gradient_x_;
+    iy_ = gradient_y_;
+    i0_stride_ = gradient_stride_ = kMaxPatch;
   }
 
-  float error(float u, float v) const {
-    float sums[4];
-    measure<false>(u, v, sums);
-    return normalisedError(sums);
+  /// The error at flow (u, v).
+  float error(float u, float v) {
+    Cell* cell = kept_;
+    const Place place = locate(u, v, cell);
+    probed_ = cell;
+    return errorAt(*cell, place);
   }
+  /// Keeps the cell of the last call of `error`.
+  void keep() { kept_ = probed_; }
 
-  /// The error, and the gradient sums before mean normalisation with the sum of differences.
-  float errorAndGradient(float u, float v, float patch_x, float patch_y, float& gx,
-                         float& gy) const {
-    float sums[4];
-    measure<true>(u, v, sums);
-    gx = sums[2];
-    gy = sums[3];
-    if (args_.mean_normalization) {
-      const float mean = sums[0] * inverse_count_;
-      gx -= mean * patch_x;
-      gy -= mean * patch_y;
+  /// Moves flow (u, v) by at most `iterations` steps, until the error stops falling.
+  void descend(float& u, float& v, int iterations) {
+    Cell* cell = kept_;
+    float previous = 1e10F;
+    for (int i = 0; i < iterations; ++i) {
+      const Place place = locate(u, v, cell);
+      kept_ = cell;
+      if (!cell->has_steps) sumSteps(*cell);
+      u -= stepAt(cell->step_u, place);
+      v -= stepAt(cell->step_v, place);
+      const float error = errorAt(*cell, place);
+      if (!(error < previous)) return;  // after the step, which is kept
+      previous = error;
     }
-    return normalisedError(sums);
   }
 
  private:
-  int patchSize() const { return kSize > 0 ? kSize : size_; }
+  struct Cell {
+    float x, y;          // whole part of the position; below 0: none
+    float end_x, end_y;  // where the cell ends; its begin where positions are clamped beyond it
+    bool has_steps;
+    // Coefficients of the error and of the step, see errorAt and stepAt. They may be large where
+    // their polynomials are next to zero, hence doubles.
+    double square[9];
+    double step_u[4];
+    double step_v[4];
+    alignas(16) float sum[4];                                  // sums of e0 to e3
+    alignas(64) std::int16_t terms[4][kMaxPatch * kMaxPatch];  // e0 to e3
+  };
+  /// Fractions of a position within its cell.
+  struct Place {
+    float x, y;
+  };
 
-  float normalisedError(const float sums[4]) const {
-    return args_.mean_normalization ? sums[1] - sums[0] * sums[0] * inverse_count_ : sums[1];
+  static float stepAt(const double c[4], const Place& place) {
+    const double x = place.x;
+    const double y = place.y;
+    return static_cast<float>(mulAdd(y, mulAdd(x, c[3], c[2]), mulAdd(x, c[1], c[0])));
   }
 
-  /// Sums of d, d^2 and, if asked, d Ix and d Iy.
-  template <bool kGradient>
-  void measure(float u, float v, float sums[4]) const {
-    const float border = static_cast<float>(args_.border);
-    const float x = clampOf(left_ + u + border, low_, high_x_);
-    const float y = clampOf(top_ + v + border, low_, high_y_);
-    const int xi = static_cast<int>(x);
-    const int yi = static_cast<int>(y);
-    const float dx = x - static_cast<float>(xi);
-    const float dy = y - static_cast<float>(yi);
-    const std::uint8_t* const source = args_.i1_ext + yi * args_.i1_ext_stride + xi;
+  static float errorAt(const Cell& cell, const Place& place) {
+    const double* c = cell.square;
+    const double x = place.x;
+    const double y = place.y;
+    const double xy = x * y;
+    const double plain = mulAdd(x, mulAdd(x, c[2], c[1]), mulAdd(y, mulAdd(y, c[4], c[3]), c[0]));
+    const double mixed = mulAdd(xy, c[8], mulAdd(x, c[6], mulAdd(y, c[7], c[5])));
+    return static_cast<float>(mulAdd(xy, mixed, plain));
+  }
 
-    const int size = patchSize();
-    const v_float32 vdx = vx_setall_f32(dx);
-    const v_float32 vdy = vx_setall_f32(dy);
-    // Two sets of sums, for even and odd rows: one alone would make each row wait for the last.
-    v_float32 sum[2] = {vx_setzero_f32(), vx_setzero_f32()};
-    v_float32 squares[2] = {vx_setzero_f32(), vx_setzero_f32()};
-    v_float32 along_x[2] = {vx_setzero_f32(), vx_setzero_f32()};
-    v_float32 along_y[2] = {vx_setzero_f32(), vx_setzero_f32()};
-    int i = 0;
-    for (; i <= size - kLanes; i += kLanes) {
-      const std::uint8_t* p = source + i;
-      v_float32 above = lerp(loadFloats(p), loadFloats(p + 1), vdx);
-      const auto addRow = [&](int row, int set) {
-        p += args_.i1_ext_stride;
-        const v_float32 below = lerp(loadFloats(p), loadFloats(p + 1), vdx);
-        const int at = row * size + i;
-        const v_float32 d = lerp(above, below, vdy) - vx_load(pixels_ + at);
-        sum[set] += d;
-        squares[set] = v_fma(d, d, squares[set]);
-        if (kGradient) {
-          along_x[set] = v_fma(d, vx_load(gradient_x_ + at), along_x[set]);
-          along_y[set] = v_fma(d, vx_load(gradient_y_ + at), along_y[set]);
-        }
-        above = below;
-      };
-      int row = 0;
-      for (; row + 1 < size; row += 2) {
-        addRow(row, 0);
-        addRow(row + 1, 1);
-      }
-      if (row < size) addRow(row, 0);
+  /// Finds the cell of flow (u, v), or sums it up in the place of the one that is not kept. The
+  /// given one is tried first; no clamp is needed inside it, and waiting for one would cost time.
+  Place locate(float u, float v, Cell*& cell) {
+    const float x = left_ + u + border_;
+    const float y = top_ + v + border_;
+    if (x >= cell->x && x < cell->end_x && y >= cell->y && y < cell->end_y) {
+      return {x - cell->x, y - cell->y};
     }
-    reduceSums(sum[0] + sum[1], squares[0] + squares[1], along_x[0] + along_x[1],
-               along_y[0] + along_y[1], sums);
-    if (kSize > 0 && kSize % kLanes == 0) return;
-    for (; i < size; ++i) {
-      const std::uint8_t* p = source + i;
-      float above = lerp(p[0], p[1], dx);
-      for (int row = 0; row < size; ++row) {
-        p += args_.i1_ext_stride;
-        const float below = lerp(p[0], p[1], dx);
-        const int at = row * size + i;
-        const float d = lerp(above, below, dy) - pixels_[at];
-        sums[0] += d;
-        sums[1] += d * d;
-        if (kGradient) {
-          sums[2] += d * gradient_x_[at];
-          sums[3] += d * gradient_y_[at];
-        }
-        above = below;
+    return locateAnew(x, y, cell);
+  }
+
+  Place locateAnew(float x, float y, Cell*& cell) {
+    x = clampOf(x, low_, high_x_);
+    y = clampOf(y, low_, high_y_);
+    const int column = static_cast<int>(x);
+    const int row = static_cast<int>(y);
+    const float cell_x = static_cast<float>(column);
+    const float cell_y = static_cast<float>(row);
+    const auto matches = [&](const Cell* c) { return c->x == cell_x && c->y == cell_y; };
+    if (!matches(cell)) {
+      cell = kept_ == cells_ ? cells_ + 1 : cells_;
+      if (!matches(cell)) {
+        cell->x = cell_x;
+        cell->y = cell_y;
+        cell->end_x = cell_x < high_x_ ? cell_x + 1.0F : cell_x;
+        cell->end_y = cell_y < high_y_ ? cell_y + 1.0F : cell_y;
+        cell->has_steps = false;
+        sumSquares(*cell, column, row);
       }
     }
+    return {x - cell_x, y - cell_y};
+  }
+
+  template <typename Body>
+  void forBlocks(const Body& body) const {
+    const int size = kFull ? kBlock : args_.patch_size;
+    for (int column = 0; column < size; column += kBlock) {
+      for (int row = 0; row < size; row += kBlockRows) body(column, row);
+    }
+  }
+
+  static int termAt(int column, int row) { return column * kMaxPatch + row * kBlock; }
+
+  void sumSquares(Cell& cell, int column, int row) {
+    const std::ptrdiff_t stride = args_.i1_ext_stride;
+    const std::uint8_t* const source = args_.i1_ext + row * stride + column;
+    const v_int16 ones = vx_setall_s16(1);
+    v_int32 q00 = vx_setzero_s32(), q01 = q00, q11 = q00, q02 = q00, q22 = q00, q12 = q00,
+            q13 = q00, q23 = q00, q33 = q00;
+    v_int16 s0 = vx_setzero_s16(), s1 = s0, s2 = s0, s3 = s0;  // at most 32 * 510 per lane
+    forBlocks([&](int x, int y) {
+      const std::uint8_t* p = source + y * stride + x;
+      const v_int16 a = loadBlock(p, stride);
+      const v_int16 b = loadBlock(p + 1, stride);
+      const v_int16 c = loadBlock(p + stride, stride);
+      const v_int16 d = loadBlock(p + stride + 1, stride);
+      v_int16 e0 = a - loadBlock(i0_ + y * i0_stride_ + x, i0_stride_);
+      v_int16 e1 = b - a;
+      v_int16 e2 = c - a;
+      v_int16 e3 = d - c - e1;
+      if (!kFull) {
+        const v_int16 mask = loadBlock(mask_ + y * kMaxPatch + x, kMaxPatch);
+        e0 &= mask;
+        e1 &= mask;
+        e2 &= mask;
+        e3 &= mask;
+      }
+      const int at = termAt(x, y);
+      v_store(cell.terms[0] + at, e0);
+      v_store(cell.terms[1] + at, e1);
+      v_store(cell.terms[2] + at, e2);
+      v_store(cell.terms[3] + at, e3);
+      s0 += e0;
+      s1 += e1;
+      s2 += e2;
+      s3 += e3;
+      q00 = v_dotprod_fast(e0, e0, q00);
+      q01 = v_dotprod_fast(e0, e1, q01);
+      q11 = v_dotprod_fast(e1, e1, q11);
+      q02 = v_dotprod_fast(e0, e2, q02);
+      q22 = v_dotprod_fast(e2, e2, q22);
+      q12 = v_dotprod_fast(e0, e3, v_dotprod_fast(e1, e2, q12));  // both belong to fx fy
+      q13 = v_dotprod_fast(e1, e3, q13);
+      q23 = v_dotprod_fast(e2, e3, q23);
+      q33 = v_dotprod_fast(e3, e3, q33);
+    });
+    alignas(16) float q[12];
+    v_store(cell.sum, reduceSums(v_dotprod_fast(s0, ones), v_dotprod_fast(s1, ones),
+                                 v_dotprod_fast(s2, ones), v_dotprod_fast(s3, ones)));
+    v_store(q, reduceSums(q00, q01, q11, q02));
+    v_store(q + 4, reduceSums(q22, q12, q13, q23));
+    v_store(q + 8, reduceSums(q33, q33, q33, q33));
+    const double s[4] = {cell.sum[0], cell.sum[1], cell.sum[2], cell.sum[3]};
+    const double mean[4] = {inverse_count_ * s[0], inverse_count_ * s[1], inverse_count_ * s[2],
+                            inverse_count_ * s[3]};
+    double* c = cell.square;
+    c[0] = q[0] - mean[0] * s[0];
+    c[1] = 2.0 * (q[1] - mean[0] * s[1]);
+    c[2] = q[2] - mean[1] * s[1];
+    c[3] = 2.0 * (q[3] - mean[0] * s[2]);
+    c[4] = q[4] - mean[2] * s[2];
+    c[5] = 2.0 * (q[5] - mean[1] * s[2] - mean[0] * s[3]);
+    c[6] = 2.0 * (q[6] - mean[1] * s[3]);
+    c[7] = 2.0 * (q[7] - mean[2] * s[3]);
+    c[8] = q[8] - mean[3] * s[3];
+  }
+
+  void sumSteps(Cell& cell) {
+    v_int32 x0 = vx_setzero_s32(), x1 = x0, x2 = x0, x3 = x0;
+    v_int32 y0 = x0, y1 = x0, y2 = x0, y3 = x0;
+    forBlocks([&](int x, int y) {
+      const v_int16 gx = loadBlock(ix_ + y * gradient_stride_ + x, gradient_stride_);
+      const v_int16 gy = loadBlock(iy_ + y * gradient_stride_ + x, gradient_stride_);
+      const int at = termAt(x, y);
+      const v_int16 e0 = vx_load(cell.terms[0] + at);
+      const v_int16 e1 = vx_load(cell.terms[1] + at);
+      const v_int16 e2 = vx_load(cell.terms[2] + at);
+      const v_int16 e3 = vx_load(cell.terms[3] + at);
+      x0 = v_dotprod_fast(e0, gx, x0);
+      x1 = v_dotprod_fast(e1, gx, x1);
+      x2 = v_dotprod_fast(e2, gx, x2);
+      x3 = v_dotprod_fast(e3, gx, x3);
+      y0 = v_dotprod_fast(e0, gy, y0);
+      y1 = v_dotprod_fast(e1, gy, y1);
+      y2 = v_dotprod_fast(e2, gy, y2);
+      y3 = v_dotprod_fast(e3, gy, y3);
+    });
+    // Doubles hold the products exactly: along a straight edge their difference is all that
+    // rounding leaves of it.
+    const double xx = args_.xx[patch_];
+    const double yy = args_.yy[patch_];
+    const double xy = args_.xy[patch_];
+    double determinant = xx * yy - xy * xy;
+    if (determinant < 0.001) determinant = 0.001;
+    const double inverse = 1.0 / determinant;
+    alignas(16) float along_x[4];
+    alignas(16) float along_y[4];
+    v_store(along_x, reduceSums(x0, x1, x2, x3));
+    v_store(along_y, reduceSums(y0, y1, y2, y3));
+    const double mean_x = inverse_count_ * args_.x[patch_];
+    const double mean_y = inverse_count_ * args_.y[patch_];
+    for (int i = 0; i < 4; ++i) {
+      const double gx = along_x[i] - cell.sum[i] * mean_x;
+      const double gy = along_y[i] - cell.sum[i] * mean_y;
+      cell.step_u[i] = (yy * gx - xy * gy) * inverse;
+      cell.step_v[i] = (xx * gy - xy * gx) * inverse;
+    }
+    cell.has_steps = true;
   }
 
   const SearchArgs& args_;
-  const int size_;
-  const float inverse_count_;
-  const float low_, high_x_, high_y_;
+  const double inverse_count_;  // of the patch's pixels; 0 without mean normalisation
+  const float border_, low_, high_x_, high_y_;
   float left_ = 0.0F;
   float top_ = 0.0F;
-  alignas(32) float pixels_[kMaxPatch * kMaxPatch];
-  alignas(32) float gradient_x_[kMaxPatch * kMaxPatch];
-  alignas(32) float gradient_y_[kMaxPatch * kMaxPatch];
+  std::ptrdiff_t patch_ = 0;
+  const std::uint8_t* i0_ = nullptr;
+  const std::int16_t* ix_ = nullptr;
+  const std::int16_t* iy_ = nullptr;
+  std::ptrdiff_t i0_stride_ = 0;
+  std::ptrdiff_t gradient_stride_ = 0;
+  Cell cells_[2];
+  Cell* kept_ = cells_;
+  Cell* probed_ = cells_;
+  std::uint8_t pixels_[kFull ? 1 : kMaxPatch * kMaxPatch];
+  std::int16_t gradient_x_[kFull ? 1 : kMaxPatch * kMaxPatch];
+  std::int16_t gradient_y_[kFull ? 1 : kMaxPatch * kMaxPatch];
+  std::int16_t mask_[kFull ? 1 : kMaxPatch * kMaxPatch];
 };
 
-template <int kSize>
+template <bool kFull>
 void searchStripe(const SearchArgs& args, int begin, int end) {
-  PatchMatcher<kSize> matcher(args);
+  PatchMatcher<kFull> matcher(args);
   const int half = args.patch_size / 2;
   const float reach = static_cast<float>(args.patch_size) * static_cast<float>(args.patch_size);
 
@@ -261,7 +455,7 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
         const int left = js * args.patch_stride;
         const int top = is * args.patch_stride;
         const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(is) * args.ws + js;
-        matcher.setPatch(left, top);
+        matcher.setPatch(left, top, at);
 
         float u;
         float v;
@@ -283,10 +477,12 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
             best = matcher.error(u, v);
             // Rounding may take a normalised error of zero below it.
             best = best > 0.0F ? best : 0.0F;
+            matcher.keep();
           }
           const float error = matcher.error(other_u, other_v);
           if (error < best) {
             best = error > 0.0F ? error : 0.0F;
+            matcher.keep();
             u = other_u;
             v = other_v;
           }
@@ -303,29 +499,9 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
           }
         }
 
-        // Doubles hold the products exactly: along a straight edge their difference is all that
-        // rounding leaves of it.
-        const double xx = args.xx[at];
-        const double yy = args.yy[at];
-        const double xy = args.xy[at];
-        double determinant = xx * yy - xy * xy;
-        if (determinant < 0.001) determinant = 0.001;
-        const float inv_xx = static_cast<float>(yy / determinant);
-        const float inv_xy = static_cast<float>(-xy / determinant);
-        const float inv_yy = static_cast<float>(xx / determinant);
-
         const float start_u = u;
         const float start_v = v;
-        float previous = 1e10F;
-        for (int iteration = 0; iteration < args.inner_iterations; ++iteration) {
-          float gx;
-          float gy;
-          const float error = matcher.errorAndGradient(u, v, args.x[at], args.y[at], gx, gy);
-          u -= inv_xx * gx + inv_xy * gy;
-          v -= inv_xy * gx + inv_yy * gy;
-          if (!(error < previous)) break;  // after the step, which is kept
-          previous = error;
-        }
+        matcher.descend(u, v, args.inner_iterations);
         const float moved_u = u - start_u;
         const float moved_v = v - start_v;
         const bool within = moved_u * moved_u + moved_v * moved_v <= reach;
@@ -337,10 +513,10 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
 }
 
 void search(const SearchArgs& args, int begin, int end) {
-  if (args.patch_size == 8) {
-    searchStripe<8>(args, begin, end);
+  if (args.patch_size == kBlock) {
+    searchStripe<true>(args, begin, end);
   } else {
-    searchStripe<0>(args, begin, end);
+    searchStripe<false>(args, begin, end);
   }
 }
 
@@ -512,15 +688,6 @@ constexpr float kProximal = 1e-6F;
 
 inline v_float32 inverseRoot(const v_float32& x) { return vx_setall_f32(1.0F) / v_sqrt(x); }
 
-inline int firstX(int y, int colour) { return (y + colour) & 1; }
-
-inline float* rowOf(const ColourPlane& plane, const RefineArgs& args, int colour, int y) {
-  return plane.row0[colour] + y * args.colour_stride;
-}
-
-/// Elements of a row that are computed: all pixels of either colour, up to whole vectors.
-inline int colourCount(const RefineArgs& args) { return (args.w + 1) / 2; }
-
 /// Repeats a row's first and last value in two elements beside it, for the five-point derivative.
 inline void extendRow(float* row, int w) {
   row[-2] = row[-1] = row[0];
@@ -536,87 +703,103 @@ void importRows(const RefineArgs& args, int begin, int end) {
     if (y == args.h - 1) {
       for (int x = -2; x < args.w + 2; ++x) second[x + args.natural_stride] = second[x];
     }
-    const float* flows[2] = {args.u + y * args.u_stride, args.v + y * args.v_stride};
-    float* natural[2] = {args.mean_x + y * args.natural_stride,
-                         args.mean_y + y * args.natural_stride};
-    const ColourPlane* planes[2] = {&args.flow_u, &args.flow_v};
-    for (int i = 0; i < 2; ++i) {
-      for (int x = 0; x < args.w; ++x) natural[i][x] = flows[i][x];
-      float* even = rowOf(*planes[i], args, y & 1, y);
-      float* odd = rowOf(*planes[i], args, 1 - (y & 1), y);
-      for (int k = 0; k < args.w / 2; ++k) {
-        even[k] = flows[i][2 * k];
-        odd[k] = flows[i][2 * k + 1];
-      }
-      if (args.w % 2 != 0) even[args.w / 2] = flows[i][args.w - 1];
-    }
   }
 }
 
-void exportRows(const RefineArgs& args, int begin, int end) {
-  for (int y = begin; y < end; ++y) {
-    float* flows[2] = {args.u + y * args.u_stride, args.v + y * args.v_stride};
-    const ColourPlane* planes[2] = {&args.flow_u, &args.flow_v};
-    for (int i = 0; i < 2; ++i) {
-      const float* even = rowOf(*planes[i], args, y & 1, y);
-      const float* odd = rowOf(*planes[i], args, 1 - (y & 1), y);
-      for (int k = 0; k < args.w / 2; ++k) {
-        flows[i][2 * k] = even[k];
-        flows[i][2 * k + 1] = odd[k];
-      }
-      if (args.w % 2 != 0) flows[i][args.w - 1] = even[args.w / 2];
-    }
-  }
+// The data terms. Rows of what they are made from live in a ring that stays in the cache: the
+// derivatives of a row need two rows on either side, and theirs two more.
+
+enum NaturalPlane { kMean, kDiff, kInside, kMeanX, kMeanY };
+
+inline float* naturalRow(const RefineArgs& args, const Band& band, NaturalPlane plane, int y) {
+  const int slot = (y % kNaturalRows) * kNaturalPlanes + plane;
+  return band.natural + slot * args.natural_stride;
 }
 
-void warpRows(const RefineArgs& args, int begin, int end) {
+/// Half row `index` of row y.
+inline float* halfRow(float* rows, const RefineArgs& args, int halves, int y, int index) {
+  return rows + (static_cast<std::ptrdiff_t>(y) * halves + index) * args.half_stride;
+}
+inline float* flowRow(const RefineArgs& args, int buffer, int y, FlowPlane plane, int colour) {
+  return halfRow(args.flow[buffer], args, kFlowHalves, y, 2 * plane + colour);
+}
+/// The data terms of a row, vector by vector: a_0, b_0, c_0, a_1 ... of `kLanes` pixels.
+inline float* termRow(const RefineArgs& args, int y, int colour) {
+  return halfRow(args.terms, args, kTermHalves, y, kTerms * colour);
+}
+
+inline int firstX(int y, int colour) { return (y + colour) & 1; }
+
+/// Elements of a half row that are computed: all pixels of either colour.
+inline int halfCount(const RefineArgs& args) { return (args.w + 1) / 2; }
+
+void splitRow(const float* row, float* even, float* odd, int w) {
+  for (int k = 0; k < w / 2; ++k) {
+    even[k] = row[2 * k];
+    odd[k] = row[2 * k + 1];
+  }
+  if (w % 2 != 0) even[w / 2] = row[w - 1];
+}
+
+void mergeRow(const float* even, const float* odd, float* row, int w) {
+  for (int k = 0; k < w / 2; ++k) {
+    row[2 * k] = even[k];
+    row[2 * k + 1] = odd[k];
+  }
+  if (w % 2 != 0) row[w - 1] = even[w / 2];
+}
+
+void warpRow(const RefineArgs& args, const Band& band, int y) {
   const v_float32 zero = vx_setzero_f32();
   const v_float32 one = vx_setall_f32(1.0F);
   const v_float32 half = vx_setall_f32(0.5F);
   const v_float32 high_x = vx_setall_f32(static_cast<float>(args.w - 1));
   const v_float32 high_y = vx_setall_f32(static_cast<float>(args.h - 1));
   const v_int32 stride = vx_setall_s32(static_cast<int>(args.natural_stride));
-  alignas(32) float ramp[kLanes];
+  alignas(64) float ramp[kLanes];
   for (int i = 0; i < kLanes; ++i) ramp[i] = static_cast<float>(i);
   const v_float32 lane = vx_load(ramp);
 
-  for (int y = begin; y < end; ++y) {
-    const std::ptrdiff_t offset = y * args.natural_stride;
-    const std::uint8_t* i0 = args.i0 + y * args.i0_stride;
-    float* mean = args.mean + offset;
-    float* diff = args.diff + offset;
-    float* inside = args.inside + offset;
-    for (int x = 0; x < args.w; ++x) mean[x] = i0[x];  // padded copy: vectors may run past the row
-    const v_float32 vy = vx_setall_f32(static_cast<float>(y));
-    for (int x = 0; x < args.w; x += kLanes) {
-      const v_float32 px =
-          vx_setall_f32(static_cast<float>(x)) + lane + vx_load(args.mean_x + offset + x);
-      const v_float32 py = vy + vx_load(args.mean_y + offset + x);
-      const v_float32 within = (px >= zero) & (px <= high_x) & (py >= zero) & (py <= high_y);
-      // Selected, not v_max: what is not a number must become an index too.
-      const v_float32 cx = v_min(v_select(px >= zero, px, zero), high_x);
-      const v_float32 cy = v_min(v_select(py >= zero, py, zero), high_y);
-      const v_int32 xi = v_trunc(cx);
-      const v_int32 yi = v_trunc(cy);
-      const v_float32 dx = cx - v_cvt_f32(xi);
-      const v_float32 dy = cy - v_cvt_f32(yi);
-      const v_int32 index = yi * stride + xi;
-      v_float32 a;
-      v_float32 b;
-      v_float32 c;
-      v_float32 d;
-      v_lut_deinterleave(args.second, index, a, b);
-      v_lut_deinterleave(args.second + args.natural_stride, index, c, d);
-      const v_float32 warped = lerp(lerp(a, b, dx), lerp(c, d, dx), dy);
-      const v_float32 first = vx_load(mean + x);
-      v_store(mean + x, half * (first + warped));
-      v_store(diff + x, warped - first);
-      v_store(inside + x, within & one);
-    }
-    for (int x = args.w; x < args.w + kPad; ++x) inside[x] = 0.0F;
-    extendRow(mean, args.w);
-    extendRow(diff, args.w);
+  const std::uint8_t* i0 = args.i0 + y * args.i0_stride;
+  float* mean = naturalRow(args, band, kMean, y);
+  float* diff = naturalRow(args, band, kDiff, y);
+  float* inside = naturalRow(args, band, kInside, y);
+  // Padded copies: vectors may run past the row.
+  float* u = naturalRow(args, band, kMeanX, y);
+  float* v = naturalRow(args, band, kMeanY, y);
+  for (int x = 0; x < args.w; ++x) {
+    mean[x] = i0[x];
+    u[x] = args.u[y * args.u_stride + x];
+    v[x] = args.v[y * args.v_stride + x];
   }
+  const v_float32 vy = vx_setall_f32(static_cast<float>(y));
+  for (int x = 0; x < args.w; x += kLanes) {
+    const v_float32 px = vx_setall_f32(static_cast<float>(x)) + lane + vx_load(u + x);
+    const v_float32 py = vy + vx_load(v + x);
+    const v_float32 within = (px >= zero) & (px <= high_x) & (py >= zero) & (py <= high_y);
+    // Selected, not v_max: what is not a number must become an index too.
+    const v_float32 cx = v_min(v_select(px >= zero, px, zero), high_x);
+    const v_float32 cy = v_min(v_select(py >= zero, py, zero), high_y);
+    const v_int32 xi = v_trunc(cx);
+    const v_int32 yi = v_trunc(cy);
+    const v_float32 dx = cx - v_cvt_f32(xi);
+    const v_float32 dy = cy - v_cvt_f32(yi);
+    const v_int32 index = yi * stride + xi;
+    v_float32 a;
+    v_float32 b;
+    v_float32 c;
+    v_float32 d;
+    v_lut_deinterleave(args.second, index, a, b);
+    v_lut_deinterleave(args.second + args.natural_stride, index, c, d);
+    const v_float32 warped = lerp(lerp(a, b, dx), lerp(c, d, dx), dy);
+    const v_float32 first = vx_load(mean + x);
+    v_store(mean + x, half * (first + warped));
+    v_store(diff + x, warped - first);
+    v_store(inside + x, within & one);
+  }
+  for (int x = args.w; x < args.w + 2 * kPad; ++x) inside[x] = 0.0F;
+  extendRow(mean, args.w);
+  extendRow(diff, args.w);
 }
 
 /// (-1, 8, 0, -8, 1) / 12, the fourth-order central difference, from the two neighbours on each
@@ -631,11 +814,11 @@ inline v_float32 derivativeX(const float* p) {
 
 /// The rows two above to two below, repeated at the image's border.
 struct RowsAround {
-  RowsAround(const float* plane, const RefineArgs& args, int y)
-      : m2(plane + maxOf(y - 2, 0) * args.natural_stride),
-        m1(plane + maxOf(y - 1, 0) * args.natural_stride),
-        p1(plane + minOf(y + 1, args.h - 1) * args.natural_stride),
-        p2(plane + minOf(y + 2, args.h - 1) * args.natural_stride) {}
+  RowsAround(const RefineArgs& args, const Band& band, NaturalPlane plane, int y)
+      : m2(naturalRow(args, band, plane, maxOf(y - 2, 0))),
+        m1(naturalRow(args, band, plane, maxOf(y - 1, 0))),
+        p1(naturalRow(args, band, plane, minOf(y + 1, args.h - 1))),
+        p2(naturalRow(args, band, plane, minOf(y + 2, args.h - 1))) {}
   v_float32 derivativeY(int x) const {
     return derivative(vx_load(m2 + x), vx_load(m1 + x), vx_load(p1 + x), vx_load(p2 + x));
   }
@@ -645,18 +828,17 @@ struct RowsAround {
   const float* p2;
 };
 
-void firstDerivatives(const RefineArgs& args, int begin, int end) {
-  for (int y = begin; y < end; ++y) {
-    const std::ptrdiff_t offset = y * args.natural_stride;
-    const float* mean = args.mean + offset;
-    const RowsAround rows(args.mean, args, y);
-    for (int x = 0; x < args.w; x += kLanes) {
-      v_store(args.mean_x + offset + x, derivativeX(mean + x));
-      v_store(args.mean_y + offset + x, rows.derivativeY(x));
-    }
-    extendRow(args.mean_x + offset, args.w);
-    extendRow(args.mean_y + offset, args.w);
+void firstDerivatives(const RefineArgs& args, const Band& band, int y) {
+  const float* mean = naturalRow(args, band, kMean, y);
+  float* mean_x = naturalRow(args, band, kMeanX, y);
+  float* mean_y = naturalRow(args, band, kMeanY, y);
+  const RowsAround rows(args, band, kMean, y);
+  for (int x = 0; x < args.w; x += kLanes) {
+    v_store(mean_x + x, derivativeX(mean + x));
+    v_store(mean_y + x, rows.derivativeY(x));
   }
+  extendRow(mean_x, args.w);
+  extendRow(mean_y, args.w);
 }
 
 /// The normalised terms of `kLanes` pixels in a row: r_i = c_i + a_i du + b_i dv.
@@ -664,19 +846,30 @@ struct DataVectors {
   v_float32 a[3], b[3], c[3];
 };
 
-inline DataVectors dataVectors(const RefineArgs& args, const RowsAround& rows_x,
-                               const RowsAround& rows_y, const RowsAround& rows_diff,
-                               std::ptrdiff_t offset, int x) {
+struct DataRows {
+  DataRows(const RefineArgs& args, const Band& band, int y)
+      : mean_x(naturalRow(args, band, kMeanX, y)),
+        mean_y(naturalRow(args, band, kMeanY, y)),
+        diff(naturalRow(args, band, kDiff, y)),
+        inside(naturalRow(args, band, kInside, y)),
+        around_x(args, band, kMeanX, y),
+        around_y(args, band, kMeanY, y),
+        around_diff(args, band, kDiff, y) {}
+  const float* mean_x;
+  const float* mean_y;
+  const float* diff;
+  const float* inside;
+  RowsAround around_x, around_y, around_diff;
+};
+
+inline DataVectors dataVectors(const DataRows& rows, int x) {
   const v_float32 zeta = vx_setall_f32(kZetaSquared);
-  const float* mean_x = args.mean_x + offset + x;
-  const float* mean_y = args.mean_y + offset + x;
-  const float* diff = args.diff + offset + x;
-  const v_float32 inside = vx_load(args.inside + offset + x);
-  const v_float32 ix = vx_load(mean_x);
-  const v_float32 iy = vx_load(mean_y);
-  const v_float32 ixx = derivativeX(mean_x);
-  const v_float32 ixy = rows_x.derivativeY(x);
-  const v_float32 iyy = rows_y.derivativeY(x);
+  const v_float32 inside = vx_load(rows.inside + x);
+  const v_float32 ix = vx_load(rows.mean_x + x);
+  const v_float32 iy = vx_load(rows.mean_y + x);
+  const v_float32 ixx = derivativeX(rows.mean_x + x);
+  const v_float32 ixy = rows.around_x.derivativeY(x);
+  const v_float32 iyy = rows.around_y.derivativeY(x);
   const v_float32 mixed = ixy * ixy;
   const v_float32 scale[3] = {inside * inverseRoot(v_fma(ix, ix, v_fma(iy, iy, zeta))),
                               inside * inverseRoot(v_fma(ixx, ixx, mixed + zeta)),
@@ -684,13 +877,13 @@ inline DataVectors dataVectors(const RefineArgs& args, const RowsAround& rows_x,
   DataVectors out;
   out.a[0] = scale[0] * ix;
   out.b[0] = scale[0] * iy;
-  out.c[0] = scale[0] * vx_load(diff);
+  out.c[0] = scale[0] * vx_load(rows.diff + x);
   out.a[1] = scale[1] * ixx;
   out.b[1] = scale[1] * ixy;
-  out.c[1] = scale[1] * derivativeX(diff);
+  out.c[1] = scale[1] * derivativeX(rows.diff + x);
   out.a[2] = scale[2] * ixy;
   out.b[2] = scale[2] * iyy;
-  out.c[2] = scale[2] * rows_diff.derivativeY(x);
+  out.c[2] = scale[2] * rows.around_diff.derivativeY(x);
   // Each c is now the distance, in pixels, to the motion that the term alone asks for.
   const v_float32 one = vx_setall_f32(1.0F);
   for (int i = 0; i < 3; ++i) {
@@ -702,215 +895,289 @@ inline DataVectors dataVectors(const RefineArgs& args, const RowsAround& rows_x,
   return out;
 }
 
-void dataTerms(const RefineArgs& args, int begin, int end) {
-  const auto split = [](const v_float32& low, const v_float32& high, v_float32& even,
-                        v_float32& odd) {
-    alignas(32) float both[2 * kLanes];
+void dataTerms(const RefineArgs& args, const Band& band, int y) {
+  const auto split = [](const v_float32& low, const v_float32& high, v_float32 halves[2]) {
+    alignas(64) float both[2 * kLanes];
     v_store(both, low);
     v_store(both + kLanes, high);
-    v_load_deinterleave(both, even, odd);
+    v_load_deinterleave(both, halves[0], halves[1]);
   };
-  for (int y = begin; y < end; ++y) {
-    const std::ptrdiff_t offset = y * args.natural_stride;
-    const RowsAround rows_x(args.mean_x, args, y);
-    const RowsAround rows_y(args.mean_y, args, y);
-    const RowsAround rows_diff(args.diff, args, y);
-    const int colour_of_even = y & 1;
-    for (int k = 0; k < colourCount(args); k += kLanes) {
-      const DataVectors low = dataVectors(args, rows_x, rows_y, rows_diff, offset, 2 * k);
-      const DataVectors high = dataVectors(args, rows_x, rows_y, rows_diff, offset, 2 * k + kLanes);
-      for (int i = 0; i < 3; ++i) {
-        v_float32 a[2];
-        v_float32 b[2];
-        v_float32 c[2];
-        split(low.a[i], high.a[i], a[0], a[1]);
-        split(low.b[i], high.b[i], b[0], b[1]);
-        split(low.c[i], high.c[i], c[0], c[1]);
-        for (int odd = 0; odd < 2; ++odd) {
-          const int colour = odd == 0 ? colour_of_even : 1 - colour_of_even;
-          // In terms of the whole flow instead of its increment.
-          const v_float32 u = vx_load(rowOf(args.flow_u, args, colour, y) + k);
-          const v_float32 v = vx_load(rowOf(args.flow_v, args, colour, y) + k);
-          v_store(rowOf(args.a[i], args, colour, y) + k, a[odd]);
-          v_store(rowOf(args.b[i], args, colour, y) + k, b[odd]);
-          v_store(rowOf(args.c[i], args, colour, y) + k, c[odd] - a[odd] * u - b[odd] * v);
-        }
+  const int colours[2] = {y & 1, 1 - (y & 1)};  // of the pixels with even and with odd x
+  const float* flow_u[2];
+  const float* flow_v[2];
+  for (int odd = 0; odd < 2; ++odd) {
+    flow_u[odd] = flowRow(args, 0, y, kFlowU, colours[odd]);
+    flow_v[odd] = flowRow(args, 0, y, kFlowV, colours[odd]);
+  }
+  float* const terms[2] = {termRow(args, y, colours[0]), termRow(args, y, colours[1])};
+  const DataRows rows(args, band, y);
+  for (int k = 0; k < halfCount(args); k += kLanes) {
+    const DataVectors low = dataVectors(rows, 2 * k);
+    const DataVectors high = dataVectors(rows, 2 * k + kLanes);
+    for (int i = 0; i < 3; ++i) {
+      v_float32 a[2];
+      v_float32 b[2];
+      v_float32 c[2];
+      split(low.a[i], high.a[i], a);
+      split(low.b[i], high.b[i], b);
+      split(low.c[i], high.c[i], c);
+      for (int odd = 0; odd < 2; ++odd) {
+        // In terms of the whole flow instead of its increment.
+        const v_float32 u = vx_load(flow_u[odd] + k);
+        const v_float32 v = vx_load(flow_v[odd] + k);
+        float* const out = terms[odd] + kTerms * k + 3 * i * kLanes;
+        v_store(out, a[odd]);
+        v_store(out + kLanes, b[odd]);
+        v_store(out + 2 * kLanes, c[odd] - a[odd] * u - b[odd] * v);
       }
     }
   }
 }
 
-void smoothnessRows(const RefineArgs& args, int begin, int end) {
+void termRows(const RefineArgs& args, const Band& band) {
+  constexpr int kReach = 2;  // of one derivative, in rows
+  const int first = maxOf(band.begin - 2 * kReach, 0);
+  const int last = minOf(band.end + 2 * kReach, args.h);
+  for (int step = first; step < band.end + 2 * kReach; ++step) {
+    if (step < last) warpRow(args, band, step);
+    const int derived = step - kReach;
+    if (derived >= maxOf(band.begin - kReach, 0) && derived < minOf(band.end + kReach, args.h)) {
+      firstDerivatives(args, band, derived);
+    }
+    const int y = step - 2 * kReach;
+    if (y < band.begin) continue;
+    const int even = y & 1;
+    splitRow(args.u + y * args.u_stride, flowRow(args, 0, y, kFlowU, even),
+             flowRow(args, 0, y, kFlowU, 1 - even), args.w);
+    splitRow(args.v + y * args.v_stride, flowRow(args, 0, y, kFlowV, even),
+             flowRow(args, 0, y, kFlowV, 1 - even), args.w);
+    dataTerms(args, band, y);
+  }
+}
+
+// One outer iteration. The systems of a row are built when its first half sweep is near, and live
+// in a ring of rows until its last one is done: they never leave the cache.
+
+/// Half rows of the ring. What a pixel does not share lies together vector by vector, in the order
+/// of SystemValue.
+enum SolverPlane { kU, kV, kRobust, kSystem };
+/// A pixel's linear system: the smoothness weights of the edges to its neighbours, the right-hand
+/// side without them, and omega times the inverse of its 2 x 2 matrix.
+enum SystemValue { kLeft, kRight, kUp, kDown, kB1, kB2, kM11, kM12, kM22, kSystemValues };
+static_assert(kSolverHalves == 2 * (kSystem + kSystemValues), "");
+
+inline float* solverRow(const RefineArgs& args, const Band& band, SolverPlane plane, int colour,
+                        int y) {
+  // Above and below the image: zeros.
+  if (y < 0 || y >= args.h) return band.zeros;
+  const int half = plane == kSystem ? 2 * kSystem + kSystemValues * colour : 2 * plane + colour;
+  return halfRow(band.solver, args, kSolverHalves, y & (band.solver_rows - 1), half);
+}
+
+void smoothnessRow(const RefineArgs& args, const Band& band, int buffer, int y) {
   const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
   const v_float32 half = vx_setall_f32(0.5F);
-  for (int y = begin; y < end; ++y) {
-    const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
-    const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
-    for (int colour = 0; colour < 2; ++colour) {
-      const int odd = firstX(y, colour);
-      const float* u = rowOf(args.flow_u, args, colour, y);
-      const float* v = rowOf(args.flow_v, args, colour, y);
-      const float* other_u = rowOf(args.flow_u, args, 1 - colour, y);
-      const float* other_v = rowOf(args.flow_v, args, 1 - colour, y);
-      float* out = rowOf(args.robust, args, colour, y);
-      for (int k = 0; k < colourCount(args); k += kLanes) {
-        const v_float32 pu = vx_load(u + k);
-        const v_float32 pv = vx_load(v + k);
-        const auto square = [&](const float* nu, const float* nv) {
-          const v_float32 du = vx_load(nu) - pu;
-          const v_float32 dv = vx_load(nv) - pv;
-          return v_fma(du, du, dv * dv);
-        };
-        const std::ptrdiff_t row = args.colour_stride;
-        v_float32 sum =
-            vx_load(args.has_left[odd] + k) * square(other_u + k - 1 + odd, other_v + k - 1 + odd);
-        sum = v_fma(vx_load(args.has_right[odd] + k), square(other_u + k + odd, other_v + k + odd),
-                    sum);
-        sum = v_fma(has_up, square(other_u + k - row, other_v + k - row), sum);
-        sum = v_fma(has_down, square(other_u + k + row, other_v + k + row), sum);
-        v_store(out + k, inverseRoot(v_fma(half, sum, epsilon)));
-      }
+  const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
+  const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
+  for (int colour = 0; colour < 2; ++colour) {
+    const int odd = firstX(y, colour);
+    const float* u = flowRow(args, buffer, y, kFlowU, colour);
+    const float* v = flowRow(args, buffer, y, kFlowV, colour);
+    const float* side_u = flowRow(args, buffer, y, kFlowU, 1 - colour) - 1 + odd;
+    const float* side_v = flowRow(args, buffer, y, kFlowV, 1 - colour) - 1 + odd;
+    const float* up_u = flowRow(args, buffer, y - 1, kFlowU, 1 - colour);
+    const float* up_v = flowRow(args, buffer, y - 1, kFlowV, 1 - colour);
+    const float* down_u = flowRow(args, buffer, y + 1, kFlowU, 1 - colour);
+    const float* down_v = flowRow(args, buffer, y + 1, kFlowV, 1 - colour);
+    float* out = solverRow(args, band, kRobust, colour, y);
+    for (int k = 0; k < halfCount(args); k += kLanes) {
+      const v_float32 pu = vx_load(u + k);
+      const v_float32 pv = vx_load(v + k);
+      const auto square = [&](const float* nu, const float* nv) {
+        const v_float32 du = vx_load(nu + k) - pu;
+        const v_float32 dv = vx_load(nv + k) - pv;
+        return v_fma(du, du, dv * dv);
+      };
+      v_float32 sum = vx_load(args.has_left[odd] + k) * square(side_u, side_v);
+      sum = v_fma(vx_load(args.has_right[odd] + k), square(side_u + 1, side_v + 1), sum);
+      sum = v_fma(has_up, square(up_u, up_v), sum);
+      sum = v_fma(has_down, square(down_u, down_v), sum);
+      v_store(out + k, inverseRoot(v_fma(half, sum, epsilon)));
     }
   }
 }
 
-void systemRows(const RefineArgs& args, int begin, int end) {
+void systemRow(const RefineArgs& args, const Band& band, int buffer, int y) {
   const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
+  const v_float32 omega = vx_setall_f32(args.omega);
   const v_float32 half_alpha = vx_setall_f32(0.5F * args.alpha);
   const v_float32 delta = vx_setall_f32(args.delta);
   const v_float32 gamma = vx_setall_f32(args.gamma);
   const v_float32 proximal = vx_setall_f32(kProximal);
   const v_float32 zero = vx_setzero_f32();
-  for (int y = begin; y < end; ++y) {
-    const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
-    const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
-    for (int colour = 0; colour < 2; ++colour) {
-      const int odd = firstX(y, colour);
-      const float* own = rowOf(args.robust, args, colour, y);
-      const float* other = rowOf(args.robust, args, 1 - colour, y);
-      for (int k = 0; k < colourCount(args); k += kLanes) {
-        const v_float32 robust = vx_load(own + k);
-        const v_float32 left =
-            vx_load(args.has_left[odd] + k) * half_alpha * (robust + vx_load(other + k - 1 + odd));
-        const v_float32 right =
-            vx_load(args.has_right[odd] + k) * half_alpha * (robust + vx_load(other + k + odd));
-        const v_float32 up =
-            has_up * half_alpha * (robust + vx_load(other + k - args.colour_stride));
-        const v_float32 down =
-            has_down * half_alpha * (robust + vx_load(other + k + args.colour_stride));
-        const v_float32 smooth = (left + right) + (up + down) + proximal;
+  const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
+  const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
+  for (int colour = 0; colour < 2; ++colour) {
+    const int odd = firstX(y, colour);
+    const auto row = [&](SolverPlane plane) { return solverRow(args, band, plane, colour, y); };
+    const float* own = row(kRobust);
+    const float* side = solverRow(args, band, kRobust, 1 - colour, y) - 1 + odd;
+    const float* above = solverRow(args, band, kRobust, 1 - colour, y - 1);
+    const float* below = solverRow(args, band, kRobust, 1 - colour, y + 1);
+    const float* flow_u = flowRow(args, buffer, y, kFlowU, colour);
+    const float* flow_v = flowRow(args, buffer, y, kFlowV, colour);
+    const float* const terms = termRow(args, y, colour);
+    float* const out_u = row(kU);
+    float* const out_v = row(kV);
+    float* const system = row(kSystem);
+    for (int k = 0; k < halfCount(args); k += kLanes) {
+      const v_float32 robust = vx_load(own + k);
+      const v_float32 left =
+          vx_load(args.has_left[odd] + k) * half_alpha * (robust + vx_load(side + k));
+      const v_float32 right =
+          vx_load(args.has_right[odd] + k) * half_alpha * (robust + vx_load(side + k + 1));
+      const v_float32 up = has_up * half_alpha * (robust + vx_load(above + k));
+      const v_float32 down = has_down * half_alpha * (robust + vx_load(below + k));
+      const v_float32 smooth = (left + right) + (up + down) + proximal;
 
-        const v_float32 u = vx_load(rowOf(args.flow_u, args, colour, y) + k);
-        const v_float32 v = vx_load(rowOf(args.flow_v, args, colour, y) + k);
-        v_float32 a[3];
-        v_float32 b[3];
-        v_float32 c[3];
-        v_float32 residual[3];
-        for (int i = 0; i < 3; ++i) {
-          a[i] = vx_load(rowOf(args.a[i], args, colour, y) + k);
-          b[i] = vx_load(rowOf(args.b[i], args, colour, y) + k);
-          c[i] = vx_load(rowOf(args.c[i], args, colour, y) + k);
-          residual[i] = v_fma(a[i], u, v_fma(b[i], v, c[i]));
-        }
-        const v_float32 colour_weight =
-            delta * inverseRoot(v_fma(residual[0], residual[0], epsilon));
-        const v_float32 gradient_weight =
-            gamma *
-            inverseRoot(v_fma(residual[1], residual[1], v_fma(residual[2], residual[2], epsilon)));
-        v_float32 a11 = zero;
-        v_float32 a12 = zero;
-        v_float32 a22 = zero;
-        v_float32 b1 = proximal * u;
-        v_float32 b2 = proximal * v;
-        for (int i = 0; i < 3; ++i) {
-          const v_float32 weight = i == 0 ? colour_weight : gradient_weight;
-          const v_float32 wa = weight * a[i];
-          const v_float32 wb = weight * b[i];
-          a11 = v_fma(wa, a[i], a11);
-          a12 = v_fma(wa, b[i], a12);
-          a22 = v_fma(wb, b[i], a22);
-          b1 -= wa * c[i];
-          b2 -= wb * c[i];
-        }
-        // det = S^2 + S (A11 + A22) + (A11 A22 - A12^2): no cancellation against S, and the last
-        // term is not negative but for rounding.
-        const v_float32 data_det = v_max(a11 * a22 - a12 * a12, zero);
-        const v_float32 inverse_det =
-            vx_setall_f32(1.0F) / v_fma(smooth, smooth + (a11 + a22), data_det);
-        v_store(rowOf(args.m11, args, colour, y) + k, (a22 + smooth) * inverse_det);
-        v_store(rowOf(args.m12, args, colour, y) + k, a12 * inverse_det);
-        v_store(rowOf(args.m22, args, colour, y) + k, (a11 + smooth) * inverse_det);
-        v_store(rowOf(args.b1, args, colour, y) + k, b1);
-        v_store(rowOf(args.b2, args, colour, y) + k, b2);
-        v_store(rowOf(args.right, args, colour, y) + k, right);
-        v_store(rowOf(args.down, args, colour, y) + k, down);
+      const v_float32 u = vx_load(flow_u + k);
+      const v_float32 v = vx_load(flow_v + k);
+      v_float32 a[3];
+      v_float32 b[3];
+      v_float32 c[3];
+      v_float32 residual[3];
+      for (int i = 0; i < 3; ++i) {
+        const float* const term = terms + kTerms * k + 3 * i * kLanes;
+        a[i] = vx_load(term);
+        b[i] = vx_load(term + kLanes);
+        c[i] = vx_load(term + 2 * kLanes);
+        residual[i] = v_fma(a[i], u, v_fma(b[i], v, c[i]));
+      }
+      const v_float32 colour_weight = delta * inverseRoot(v_fma(residual[0], residual[0], epsilon));
+      const v_float32 gradient_weight =
+          gamma *
+          inverseRoot(v_fma(residual[1], residual[1], v_fma(residual[2], residual[2], epsilon)));
+      v_float32 a11 = zero;
+      v_float32 a12 = zero;
+      v_float32 a22 = zero;
+      v_float32 b1 = proximal * u;
+      v_float32 b2 = proximal * v;
+      for (int i = 0; i < 3; ++i) {
+        const v_float32 weight = i == 0 ? colour_weight : gradient_weight;
+        const v_float32 wa = weight * a[i];
+        const v_float32 wb = weight * b[i];
+        a11 = v_fma(wa, a[i], a11);
+        a12 = v_fma(wa, b[i], a12);
+        a22 = v_fma(wb, b[i], a22);
+        b1 -= wa * c[i];
+        b2 -= wb * c[i];
+      }
+      // det = S^2 + S (A11 + A22) + (A11 A22 - A12^2): no cancellation against S, and the last
+      // term is not negative but for rounding.
+      const v_float32 data_det = v_max(a11 * a22 - a12 * a12, zero);
+      const v_float32 inverse = omega / v_fma(smooth, smooth + (a11 + a22), data_det);
+      float* const out = system + kSystemValues * k;
+      v_store(out + kLeft * kLanes, left);
+      v_store(out + kRight * kLanes, right);
+      v_store(out + kUp * kLanes, up);
+      v_store(out + kDown * kLanes, down);
+      v_store(out + kB1 * kLanes, b1);
+      v_store(out + kB2 * kLanes, b2);
+      v_store(out + kM11 * kLanes, (a22 + smooth) * inverse);
+      v_store(out + kM12 * kLanes, a12 * inverse);
+      v_store(out + kM22 * kLanes, (a11 + smooth) * inverse);
+      v_store(out_u + k, u);
+      v_store(out_v + k, v);
+    }
+  }
+}
+
+void sweepRow(const RefineArgs& args, const Band& band, int colour, int y) {
+  const int odd = firstX(y, colour);
+  const auto own = [&](SolverPlane plane) { return solverRow(args, band, plane, colour, y); };
+  const auto other = [&](SolverPlane plane, int row) {
+    return solverRow(args, band, plane, 1 - colour, row);
+  };
+  float* u = own(kU);
+  float* v = own(kV);
+  const float* side_u = other(kU, y) - 1 + odd;
+  const float* side_v = other(kV, y) - 1 + odd;
+  const float* up_u = other(kU, y - 1);
+  const float* up_v = other(kV, y - 1);
+  const float* down_u = other(kU, y + 1);
+  const float* down_v = other(kV, y + 1);
+  const float* system = own(kSystem);
+  const v_float32 keep = vx_setall_f32(1.0F - args.omega);
+  const int count = halfCount(args);
+  for (int k = 0; k < count; k += kLanes, system += kSystemValues * kLanes) {
+    const auto load = [&](SystemValue value) { return vx_load(system + value * kLanes); };
+    const v_float32 w_left = load(kLeft);
+    const v_float32 w_right = load(kRight);
+    const v_float32 w_up = load(kUp);
+    const v_float32 w_down = load(kDown);
+    v_float32 ru = v_fma(w_left, vx_load(side_u + k), load(kB1));
+    v_float32 rv = v_fma(w_left, vx_load(side_v + k), load(kB2));
+    ru = v_fma(w_right, vx_load(side_u + k + 1), ru);
+    rv = v_fma(w_right, vx_load(side_v + k + 1), rv);
+    ru = v_fma(w_up, vx_load(up_u + k), ru);
+    rv = v_fma(w_up, vx_load(up_v + k), rv);
+    ru = v_fma(w_down, vx_load(down_u + k), ru);
+    rv = v_fma(w_down, vx_load(down_v + k), rv);
+    const v_float32 cross = load(kM12);
+    const v_float32 next_u = v_fma(load(kM11), ru, keep * vx_load(u + k));
+    const v_float32 next_v = v_fma(load(kM22), rv, keep * vx_load(v + k));
+    v_store(u + k, next_u - cross * rv);
+    v_store(v + k, next_v - cross * ru);
+  }
+}
+
+/// Hands a finished row on: to the next iteration, or to the caller.
+void finishRow(const RefineArgs& args, const Band& band, int buffer, bool last, int y) {
+  const int even = y & 1;
+  for (int i = 0; i < 2; ++i) {
+    const SolverPlane plane = i == 0 ? kU : kV;
+    if (last) {
+      mergeRow(solverRow(args, band, plane, even, y), solverRow(args, band, plane, 1 - even, y),
+               i == 0 ? args.u + y * args.u_stride : args.v + y * args.v_stride, args.w);
+      continue;
+    }
+    for (int colour = 0; colour < 2; ++colour) {
+      const float* source = solverRow(args, band, plane, colour, y);
+      float* target = flowRow(args, buffer, y, i == 0 ? kFlowU : kFlowV, colour);
+      for (int k = 0; k < halfCount(args); k += kLanes) v_store(target + k, vx_load(source + k));
+    }
+  }
+}
+
+void solve(const RefineArgs& args, const Band& band, int iteration, bool last) {
+  // A diagonal order through rows and half sweeps: half sweep t follows t rows behind the first.
+  // The band takes in a halo as deep as information travels in the sweeps, so that it needs no
+  // other band; towards the ends of the halo each half sweep has one row less whose neighbours are
+  // up to date.
+  const int count = args.half_sweeps;
+  const int from = iteration % 2;
+  const int first = maxOf(band.begin - count, 0);
+  const int end = minOf(band.end + count, args.h);
+  for (int y = maxOf(first - 1, 0); y <= first; ++y) smoothnessRow(args, band, from, y);
+  for (int step = first; step < band.end + count; ++step) {
+    if (step + 1 < minOf(end + 1, args.h)) smoothnessRow(args, band, from, step + 1);
+    if (step < end) systemRow(args, band, from, step);
+    for (int t = 0; t < count; ++t) {
+      const int y = step - 1 - t;
+      const int margin = count - 1 - t;
+      if (y >= maxOf(first, band.begin - margin) && y < minOf(end, band.end + margin)) {
+        sweepRow(args, band, t & 1, y);
       }
     }
-  }
-}
-
-void sweepRow(const RefineArgs& args, const SweepBand& band, int colour, int y) {
-  const int odd = firstX(y, colour);
-  const std::ptrdiff_t offset = y * args.colour_stride;
-  const std::ptrdiff_t row = args.colour_stride;
-  float* u = band.u[colour] + offset;
-  float* v = band.v[colour] + offset;
-  const float* other_u = band.u[1 - colour] + offset;
-  const float* other_v = band.v[1 - colour] + offset;
-  const float* right = rowOf(args.right, args, colour, y);
-  const float* down = rowOf(args.down, args, colour, y);
-  const float* left = rowOf(args.right, args, 1 - colour, y) - 1 + odd;  // theirs to us
-  const float* up = rowOf(args.down, args, 1 - colour, y) - row;
-  const float* m11 = rowOf(args.m11, args, colour, y);
-  const float* m12 = rowOf(args.m12, args, colour, y);
-  const float* m22 = rowOf(args.m22, args, colour, y);
-  const float* b1 = rowOf(args.b1, args, colour, y);
-  const float* b2 = rowOf(args.b2, args, colour, y);
-  const v_float32 omega = vx_setall_f32(args.omega);
-  const int count = colourCount(args);
-  for (int k = 0; k < count; k += kLanes) {
-    const v_float32 w_left = vx_load(left + k);
-    const v_float32 w_right = vx_load(right + k);
-    const v_float32 w_up = vx_load(up + k);
-    const v_float32 w_down = vx_load(down + k);
-    v_float32 ru = v_fma(w_left, vx_load(other_u + k - 1 + odd), vx_load(b1 + k));
-    v_float32 rv = v_fma(w_left, vx_load(other_v + k - 1 + odd), vx_load(b2 + k));
-    ru = v_fma(w_right, vx_load(other_u + k + odd), ru);
-    rv = v_fma(w_right, vx_load(other_v + k + odd), rv);
-    ru = v_fma(w_up, vx_load(other_u + k - row), ru);
-    rv = v_fma(w_up, vx_load(other_v + k - row), rv);
-    ru = v_fma(w_down, vx_load(other_u + k + row), ru);
-    rv = v_fma(w_down, vx_load(other_v + k + row), rv);
-    const v_float32 cross = vx_load(m12 + k);
-    const v_float32 pu = vx_load(u + k);
-    const v_float32 pv = vx_load(v + k);
-    const v_float32 next_u = vx_load(m11 + k) * ru - cross * rv;
-    const v_float32 next_v = vx_load(m22 + k) * rv - cross * ru;
-    v_store(u + k, v_fma(omega, next_u - pu, pu));
-    v_store(v + k, v_fma(omega, next_v - pv, pv));
-  }
-}
-
-void sweep(const RefineArgs& args, const SweepBand& band) {
-  // A diagonal order through rows and half sweeps: half sweep t follows t rows behind the first, so
-  // each row's coefficients serve all sweeps while they are in the cache. Towards the ends of the
-  // halo each half sweep has one row less whose neighbours are up to date.
-  const int count = band.half_sweeps;
-  for (int step = band.first; step < band.last + count; ++step) {
-    for (int t = 0; t < count; ++t) {
-      const int y = step - t;
-      const int begin = maxOf(band.first, band.begin - (count - 1 - t));
-      const int end = minOf(band.last, band.end + (count - 1 - t));
-      if (y >= begin && y < end) sweepRow(args, band, t & 1, y);
-    }
+    const int done = step - count;
+    if (done >= band.begin) finishRow(args, band, 1 - from, last, done);
   }
 }
 
 }  // namespace
 
 extern const Kernels LUM_KERNELS;
-const Kernels LUM_KERNELS = {
-    LUM_KERNELS_NAME, structureTensor, search,         densify,    importRows, warpRows,
-    firstDerivatives, dataTerms,       smoothnessRows, systemRows, sweep,      exportRows};
+const Kernels LUM_KERNELS = {LUM_KERNELS_NAME, structureTensor, search, densify,
+                             importRows,       termRows,        solve};
 
 }  // namespace cv::optflow::lum::kernels

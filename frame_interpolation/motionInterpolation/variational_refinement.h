@@ -62,6 +62,7 @@ class VariationalRefinement {
  private:
   void checkParameters() const;
   void allocate(Size size, int bands);
+  int solverRows() const;
 
   float alpha_ = 20.0F;
   float delta_ = 5.0F;
@@ -71,9 +72,11 @@ class VariationalRefinement {
   float omega_ = 1.6F;
 
   Size size_;
-  Mat natural_;     // image rows as they are: second image, mean, difference, first derivatives
-  Mat colours_;     // planes split into red and black pixels: unknowns, data terms, system
-  Mat band_flow_;   // private copies of the unknowns, one per band of rows
+  Mat second_;      // the second image in floats, padded
+  Mat terms_;       // data terms, rows split into red and black pixels
+  Mat flow_[2];     // likewise: before and after an outer iteration
+  Mat natural_;     // per band: a ring of rows of warped images and derivatives
+  Mat solver_;      // per band: a ring of rows of unknowns and systems
   Mat edge_masks_;  // which pixels of a row have a left and a right neighbour
 };
 
