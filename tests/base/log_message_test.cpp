@@ -119,9 +119,9 @@ TEST(LogMessage, KeepsADecimalLineWhateverTheLocaleGroups) {
 TEST(LogStatement, NamesItsOwnPlaceAndIsOneStatement) {
   const LogCapture log;
   const bool never = false;
-  if (never)
+  if (never)  // NOLINT(readability-braces-around-statements): without braces is the point
     LUM_LOG(kError) << "not this";
-  else
+  else  // NOLINT(readability-braces-around-statements)
     LUM_LOG(kInfo) << "this";
   const int line = __LINE__ - 1;
   const std::string file = __FILE__;

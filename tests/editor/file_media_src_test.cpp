@@ -39,7 +39,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
 using ::testing::Le;
-using ::testing::Not;
 using ::testing::SizeIs;
 using Strings = std::vector<std::string>;
 using Ranges = std::vector<FileMediaSrc::Range>;
