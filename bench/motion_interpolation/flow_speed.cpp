@@ -1,17 +1,10 @@
 // Speed of the optical flow against plain scalar loops of the same rules, in one run.
-//
-//   flow_speed [FOLDER]
-//
-// FOLDER holds img0.pgm and img1.pgm of 1024 x 436 (other sizes are scaled to it); without it a
-// synthetic pair serves. Every figure is the median of several runs that alternate between both
-// sides; results of both sides are compared before anything is timed.
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <exception>
 #include <functional>
 #include <opencv2/imgproc.hpp>
 #include <string>
@@ -19,10 +12,20 @@
 
 #include "../../tests/motion_interpolation/reference_flow.h"
 #include "flow_io.h"
+#include "flow_program.h"
 #include "motionInterpolation/dis_flow.h"
 #include "motionInterpolation/flow_kernels.h"
 
 namespace {
+
+constexpr char kHelp[] =
+    "usage: flow_speed [FOLDER]\n"
+    "Speed of the optical flow against plain scalar loops of the same rules. FOLDER holds "
+    "img0.pgm\n"
+    "and img1.pgm of 1024 x 436 (other sizes are scaled to it); without it a synthetic pair\n"
+    "serves. Every figure is the median of several runs that alternate between both sides; "
+    "results\n"
+    "of both sides are compared before anything is timed.\n";
 
 namespace kernels = cv::optflow::lum::kernels;
 using Clock = std::chrono::steady_clock;
@@ -244,8 +247,8 @@ int run(const std::vector<std::string>& args) {
   if (args.empty()) {
     base = syntheticPair({1024, 436});
   } else {
-    base.i0 = lum_bench::readPgm(args[0] + "/img0.pgm");
-    base.i1 = lum_bench::readPgm(args[0] + "/img1.pgm");
+    base.i0 = lum_bench::readGrey(args[0] + "/img0.pgm");
+    base.i1 = lum_bench::readGrey(args[0] + "/img1.pgm");
   }
   std::printf("kernels in use: %s\n", kernels::activeKernels().name);
   compareStages(scaledTo(base, {1024, 436}), 15);
@@ -259,11 +262,4 @@ int run(const std::vector<std::string>& args) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "flow_speed: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return lum_bench::runProgram(argc, argv, kHelp, run); }
