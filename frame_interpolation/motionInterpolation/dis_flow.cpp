@@ -10,6 +10,7 @@
 namespace cv::optflow::lum {
 namespace {
 
+constexpr int kLargestSide = 16384;  // offsets into a scale are 32 bits wide in places
 constexpr int kLargestStride = 1 << 16;
 
 constexpr int kScales = 10;
@@ -228,6 +229,10 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
   require(I0.isContinuous(), "I0.isContinuous()", 1019);
   require(I1.isContinuous(), "I1.isContinuous()", 1020);
   if (I0.dims() > 2 || I1.dims() > 2) CV_Error(Error::StsBadSize, "I0 and I1 must be images");
+  const Size full = I0.size();
+  if (std::max(full.width, full.height) > kLargestSide) {
+    CV_Error(Error::StsBadSize, "I0 and I1 must have at most 16384 pixels on a side");
+  }
   checkParameters();
 
   const Mat i0 = I0.getMat();

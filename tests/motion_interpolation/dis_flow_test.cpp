@@ -5,6 +5,7 @@
 #include <malloc.h>
 
 #include <atomic>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
@@ -77,6 +78,23 @@ bool sameBits(const cv::Mat& a, const cv::Mat& b) {
 cv::Mat calc(DISOpticalFlow& engine, const ImagePair& pair, const cv::Mat& initial = cv::Mat()) {
   cv::Mat flow = initial.clone();
   engine.calc(pair.i0, pair.i1, flow);
+  return flow;
+}
+
+/// The pair's flow, refined.
+cv::Mat refine(const ImagePair& pair, const lum_reference::RefineParams& p) {
+  const auto refinement = VariationalRefinement::create();
+  refinement->setAlpha(p.alpha);
+  refinement->setDelta(p.delta);
+  refinement->setGamma(p.gamma);
+  refinement->setIterations(p.iterations);
+  refinement->setSolverSweeps(p.sweeps);
+  refinement->setRelaxation(p.omega);
+  cv::Mat components[2];
+  cv::split(pair.flow, components);
+  refinement->refine(pair.i0, pair.i1, components[0], components[1]);
+  cv::Mat flow;
+  cv::merge(components, 2, flow);
   return flow;
 }
 
@@ -315,6 +333,14 @@ TEST_F(DisFlow, TakesAnySize) {
   }
 }
 
+TEST_F(DisFlow, RefusesSidesBeyondItsRange) {
+  for (const cv::Size size : {cv::Size(16385, 1), cv::Size(1, 16385)}) {
+    const ImagePair pair = makePair(size.width, size.height, shift(0, 0));
+    EXPECT_THROW(calc(*DISOpticalFlow::create(), pair), cv::Exception);
+    EXPECT_THROW(refine(pair, {}), cv::Exception);
+  }
+}
+
 TEST_F(DisFlow, WithoutAPatchGivesTheInitialFlowElseZero) {
   const ImagePair pair = makePair(40, 7, shift(1, 0));
   const auto engine = DISOpticalFlow::create();
@@ -440,22 +466,6 @@ ImagePair refinable(int width, int height) {
   return pair;
 }
 
-cv::Mat refine(const ImagePair& pair, const lum_reference::RefineParams& p) {
-  const auto refinement = VariationalRefinement::create();
-  refinement->setAlpha(p.alpha);
-  refinement->setDelta(p.delta);
-  refinement->setGamma(p.gamma);
-  refinement->setIterations(p.iterations);
-  refinement->setSolverSweeps(p.sweeps);
-  refinement->setRelaxation(p.omega);
-  cv::Mat components[2];
-  cv::split(pair.flow, components);
-  refinement->refine(pair.i0, pair.i1, components[0], components[1]);
-  cv::Mat flow;
-  cv::merge(components, 2, flow);
-  return flow;
-}
-
 TEST_F(Refinement, AgreesWithThePlainReferenceOnEveryInstructionSet) {
   for (const cv::Size size : {cv::Size(1, 1), cv::Size(1, 9), cv::Size(2, 2), cv::Size(17, 5),
                               cv::Size(32, 16), cv::Size(97, 61)}) {
@@ -498,6 +508,7 @@ TEST_F(Refinement, RefusesBadParameters) {
                                                {-1, 5, 10},
                                                {20, 5, 10, -1},
                                                {20, 5, 10, 5, 0},
+                                               {20, 5, 10, 5, INT_MAX},
                                                {20, 5, 10, 5, 5, 2}};
   for (const lum_reference::RefineParams& params : cases) {
     EXPECT_THROW(refine(pair, params), cv::Exception);
