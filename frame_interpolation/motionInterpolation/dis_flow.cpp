@@ -241,8 +241,8 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
       !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
   const Mat initial_flow = use_initial_flow ? flow.getMat() : Mat();
 
-  coarsest_scale =
-      static_cast<int>(std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0) + 0.5) - 1;
+  const double levels = std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0);
+  coarsest_scale = static_cast<int>(std::trunc(levels + 0.5)) - 1;
   // The formula looks at the width only: levels that the height does not reach have no pixels, and
   // an image narrower than two patches still has its full resolution.
   coarsest_scale = std::max(coarsest_scale, 0);
