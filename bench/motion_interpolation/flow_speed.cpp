@@ -1,4 +1,10 @@
 // Speed of the optical flow against plain scalar loops of the same rules, in one run.
+//
+//   flow_speed [FOLDER]
+//
+// FOLDER holds img0.pgm and img1.pgm of 1024 x 436 (other sizes are scaled to it); without it a
+// synthetic pair serves. Every figure is the median of several runs that alternate between both
+// sides; results of both sides are compared before anything is timed.
 
 #include <algorithm>
 #include <chrono>
@@ -20,12 +26,8 @@ namespace {
 
 constexpr char kHelp[] =
     "usage: flow_speed [FOLDER]\n"
-    "Speed of the optical flow against plain scalar loops of the same rules. FOLDER holds "
-    "img0.pgm\n"
-    "and img1.pgm of 1024 x 436 (other sizes are scaled to it); without it a synthetic pair\n"
-    "serves. Every figure is the median of several runs that alternate between both sides; "
-    "results\n"
-    "of both sides are compared before anything is timed.\n";
+    "Speed of the optical flow against plain scalar loops of the same rules, on img0.pgm and\n"
+    "img1.pgm in FOLDER, else on a synthetic pair.\n";
 
 namespace kernels = cv::optflow::lum::kernels;
 using Clock = std::chrono::steady_clock;
