@@ -1,33 +1,29 @@
-// Prints the endpoint error of the flow on pairs with ground truth, for the combinations of finest
-// scale, refinement, mean normalisation and spatial propagation.
-//
-//   flow_accuracy FOLDER [--defaults]
-//
-// FOLDER holds one folder per pair: img0.pgm, img1.pgm, flow.flo and, where there are pixels to
-// leave out, invalid.pgm (255: leave out). --defaults prints the default parameters' rows only.
-// A margin of 16 pixels is left out, as far as the image is larger than it.
+// Prints the endpoint error of the flow on pairs with ground truth.
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <exception>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "flow_io.h"
+#include "flow_program.h"
 #include "motionInterpolation/dis_flow.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using lum_bench::FlowPair;
+
+constexpr char kHelp[] =
+    "usage: flow_accuracy FOLDER [--defaults]\n"
+    "Endpoint errors of the flow (mean, 50 % and 95 % points, pixels), for the combinations of\n"
+    "finest scale, refinement, mean normalisation and spatial propagation.\n"
+    "FOLDER holds one folder per pair: img0.pgm, img1.pgm, flow.flo and, where there are pixels "
+    "to\n"
+    "leave out, invalid.pgm (not 0: leave out). A margin of 16 pixels is left out, too.\n"
+    "--defaults: with mean normalisation and propagation only.\n";
 
 constexpr int kMargin = 16;
-
-struct Pair {
-  std::string name;
-  cv::Mat img0, img1, truth, invalid;
-};
 
 struct Errors {
   double mean = 0.0;
@@ -35,15 +31,13 @@ struct Errors {
   float p95 = 0.0F;
 };
 
-Errors endpointErrors(const cv::Mat& flow, const Pair& pair) {
+Errors endpointErrors(const cv::Mat& flow, const FlowPair& pair) {
   std::vector<float> errors;
   double sum = 0.0;
   for (int y = kMargin; y < flow.rows - kMargin; ++y) {
     for (int x = kMargin; x < flow.cols - kMargin; ++x) {
-      const cv::Vec2f truth = pair.truth.at<cv::Vec2f>(y, x);
-      const bool unknown = !(std::abs(truth[0]) <= 1e9F && std::abs(truth[1]) <= 1e9F);
-      if (unknown || (!pair.invalid.empty() && pair.invalid.at<uchar>(y, x) != 0)) continue;
-      const cv::Vec2f difference = flow.at<cv::Vec2f>(y, x) - truth;
+      if (pair.known.at<uchar>(y, x) == 0) continue;
+      const cv::Vec2f difference = flow.at<cv::Vec2f>(y, x) - pair.truth.at<cv::Vec2f>(y, x);
       errors.push_back(std::hypot(difference[0], difference[1]));
       sum += errors.back();
     }
@@ -62,29 +56,7 @@ Errors endpointErrors(const cv::Mat& flow, const Pair& pair) {
   return result;
 }
 
-std::vector<Pair> readPairs(const fs::path& folder) {
-  std::vector<Pair> pairs;
-  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-    if (!fs::exists(entry.path() / "flow.flo")) continue;
-    Pair pair;
-    pair.name = entry.path().filename().string();
-    pair.img0 = lum_bench::readPgm((entry.path() / "img0.pgm").string());
-    pair.img1 = lum_bench::readPgm((entry.path() / "img1.pgm").string());
-    pair.truth = lum_bench::readFlo((entry.path() / "flow.flo").string());
-    const fs::path invalid = entry.path() / "invalid.pgm";
-    if (fs::exists(invalid)) pair.invalid = lum_bench::readPgm(invalid.string());
-    if (pair.truth.size() != pair.img0.size() ||
-        (!pair.invalid.empty() && pair.invalid.size() != pair.img0.size())) {
-      throw std::runtime_error("'" + pair.name + "': images and ground truth differ in size");
-    }
-    pairs.push_back(pair);
-  }
-  std::sort(pairs.begin(), pairs.end(),
-            [](const Pair& a, const Pair& b) { return a.name < b.name; });
-  return pairs;
-}
-
-void printRow(const Pair& pair, int finest, bool refine, bool mean, bool propagate) {
+void printRow(const FlowPair& pair, int finest, bool refine, bool mean, bool propagate) {
   const auto engine = cv::optflow::lum::DISOpticalFlow::create();
   engine->setFinestScale(finest);
   if (!refine) engine->setVariationalRefinementIterations(0);
@@ -100,17 +72,12 @@ void printRow(const Pair& pair, int finest, bool refine, bool mean, bool propaga
 
 int run(const std::vector<std::string>& args) {
   if (args.empty() || args.size() > 2 || (args.size() == 2 && args[1] != "--defaults")) {
-    std::fputs("usage: flow_accuracy FOLDER [--defaults]\n", stderr);
-    return 2;
+    return lum_bench::kBadUsage;
   }
-  const std::vector<Pair> pairs = readPairs(args[0]);
-  if (pairs.empty()) {
-    std::fprintf(stderr, "no folder with a flow.flo in '%s'\n", args[0].c_str());
-    return 1;
-  }
+  const std::vector<FlowPair> pairs = lum_bench::readPairs(args[0]);
   std::printf("%-26s %6s %6s %6s %6s %9s %9s %9s\n", "pair", "finest", "refine", "mean", "prop",
               "EPE", "50 %", "95 %");
-  for (const Pair& pair : pairs) {
+  for (const FlowPair& pair : pairs) {
     for (const int finest : {2, 1, 0}) {
       for (const bool refine : {true, false}) {
         for (const bool mean : {true, false}) {
@@ -127,11 +94,4 @@ int run(const std::vector<std::string>& args) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "flow_accuracy: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return lum_bench::runProgram(argc, argv, kHelp, run); }

@@ -1,45 +1,40 @@
 // Predicts the middle of three frames from the outer two and prints the PSNR of the prediction
 // beside that of their plain average.
-//
-//   flow_interpolate FIRST.pgm MIDDLE.pgm LAST.pgm [OUT.pgm]
-//   flow_interpolate --synthetic
 
+#include <array>
 #include <cmath>
 #include <cstdio>
-#include <exception>
 #include <fstream>
 #include <opencv2/imgproc.hpp>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "flow_io.h"
+#include "flow_program.h"
 #include "motionInterpolation/dis_flow.h"
 
 namespace {
 
-double psnr(const cv::Mat& a, const cv::Mat& b) {
-  const double error = cv::norm(a, b, cv::NORM_L2SQR) / static_cast<double>(a.total());
-  return error > 0.0 ? 10.0 * std::log10(255.0 * 255.0 / error) : INFINITY;
-}
+constexpr char kHelp[] =
+    "usage: flow_interpolate FIRST MIDDLE LAST [OUT.pgm]\n"
+    "       flow_interpolate --synthetic [IMAGE]\n"
+    "       flow_interpolate --pairs FOLDER\n"
+    "Predicts the middle of three frames from the outer two, by the flow in both directions, and\n"
+    "prints the PSNR of the prediction and of the plain average of the two.\n"
+    "Images are 8-bit binary PGM or PPM. The first form takes three real frames and can write the\n"
+    "prediction. --synthetic moves IMAGE, else a random texture, by a known turn and shift.\n"
+    "--pairs takes pairs with ground truth, as flow_accuracy does. Such a pair has no real middle\n"
+    "frame: the prediction is compared with the frame that the true flow makes of the same two, "
+    "at\n"
+    "the pixels that both show. That tells what errors of the flow cost, and is more flattering\n"
+    "than a real middle frame, which has noise, light and occlusions of its own.\n";
 
-/// `image` seen half way along `flow`, where `flow` starts from `image`. The flow at a pixel of the
-/// middle frame is taken from where it leads back to, found by a few fixed point steps.
-cv::Mat halfWay(const cv::Mat& image, const cv::Mat& flow) {
-  cv::Mat grid(image.size(), CV_32FC2);
-  for (int y = 0; y < grid.rows; ++y) {
-    for (int x = 0; x < grid.cols; ++x) {
-      grid.at<cv::Vec2f>(y, x) = cv::Vec2f(static_cast<float>(x), static_cast<float>(y));
-    }
-  }
-  cv::Mat source = grid.clone();
-  cv::Mat seen;
-  for (int i = 0; i < 3; ++i) {
-    cv::remap(flow, seen, source, cv::noArray(), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
-    source = grid - 0.5 * seen;
-  }
-  cv::Mat result;
-  cv::remap(image, result, source, cv::noArray(), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
-  return result;
+/// In dB, over the pixels of `mask`, or all.
+double psnr(const cv::Mat& a, const cv::Mat& b, const cv::Mat& mask = cv::Mat()) {
+  const double count = mask.empty() ? static_cast<double>(a.total()) : cv::countNonZero(mask);
+  const double error = cv::norm(a, b, cv::NORM_L2SQR, mask) / count;
+  return error > 0.0 ? 10.0 * std::log10(255.0 * 255.0 / error) : INFINITY;
 }
 
 cv::Mat average(const cv::Mat& a, const cv::Mat& b) {
@@ -48,58 +43,133 @@ cv::Mat average(const cv::Mat& a, const cv::Mat& b) {
   return result;
 }
 
-int run(const std::vector<std::string>& args) {
-  const bool synthetic = args.size() == 1 && args[0] == "--synthetic";
-  if (!synthetic && args.size() != 3 && args.size() != 4) {
-    std::fputs("usage: flow_interpolate FIRST.pgm MIDDLE.pgm LAST.pgm [OUT.pgm] | --synthetic\n",
-               stderr);
-    return 2;
-  }
-  cv::Mat frames[3];
-  if (synthetic) {
-    cv::Mat noise(64, 96, CV_8UC1);
-    cv::RNG rng(1);
-    rng.fill(noise, cv::RNG::UNIFORM, 0, 256);
-    cv::Mat scene;
-    cv::resize(noise, scene, cv::Size(768, 512), 0, 0, cv::INTER_CUBIC);
-    for (int i = 0; i < 3; ++i) {
-      const double angle = 0.01 * i;
-      const cv::Matx23d motion(std::cos(angle), -std::sin(angle), 4.0 * i, std::sin(angle),
-                               std::cos(angle), -2.0 * i);
-      cv::warpAffine(scene, frames[i], motion, scene.size(), cv::INTER_CUBIC,
-                     cv::BORDER_REFLECT_101);
+/// The coordinates of every pixel.
+cv::Mat pixelGrid(cv::Size size) {
+  cv::Mat grid(size, CV_32FC2);
+  for (int y = 0; y < grid.rows; ++y) {
+    for (int x = 0; x < grid.cols; ++x) {
+      grid.at<cv::Vec2f>(y, x) = cv::Vec2f(static_cast<float>(x), static_cast<float>(y));
     }
-  } else {
-    for (std::size_t i = 0; i < 3; ++i) frames[i] = lum_bench::readPgm(args[i]);
   }
+  return grid;
+}
+
+cv::Mat sampled(const cv::Mat& image, const cv::Mat& at, int interpolation = cv::INTER_LINEAR) {
+  cv::Mat result;
+  cv::remap(image, result, at, cv::noArray(), interpolation, cv::BORDER_REPLICATE);
+  return result;
+}
+
+/// Where the pixels of the middle frame come from in the frame that `flow` starts from: half a
+/// flow back, where the flow is that of the place itself, found by fixed point steps.
+cv::Mat halfWayBack(const cv::Mat& flow, int steps) {
+  const cv::Mat grid = pixelGrid(flow.size());
+  cv::Mat source = grid.clone();
+  for (int i = 0; i < steps; ++i) source = grid - 0.5 * sampled(flow, source);
+  return source;
+}
+
+cv::Mat predictMiddle(const cv::Mat& first, const cv::Mat& last) {
   const auto engine = cv::optflow::lum::DISOpticalFlow::create();
   cv::Mat forward;
   cv::Mat backward;
-  engine->calc(frames[0], frames[2], forward);
-  engine->calc(frames[2], frames[0], backward);
-  const cv::Mat predicted = average(halfWay(frames[0], forward), halfWay(frames[2], backward));
-  std::printf("PSNR of the middle frame: flow %.2f dB, plain average %.2f dB\n",
-              psnr(predicted, frames[1]), psnr(average(frames[0], frames[2]), frames[1]));
-  if (args.size() == 4) {
-    std::ofstream out(args[3], std::ios::binary);
-    out << "P5\n" << predicted.cols << ' ' << predicted.rows << "\n255\n";
-    out.write(reinterpret_cast<const char*>(predicted.data),
-              static_cast<std::streamsize>(predicted.total()));
-    if (!out) {
-      std::fprintf(stderr, "cannot write '%s'\n", args[3].c_str());
-      return 1;
+  engine->calc(first, last, forward);
+  engine->calc(last, first, backward);
+  constexpr int kSteps = 3;
+  return average(sampled(first, halfWayBack(forward, kSteps)),
+                 sampled(last, halfWayBack(backward, kSteps)));
+}
+
+struct Middle {
+  cv::Mat image;
+  cv::Mat mask;  // 255 where it is known
+};
+
+/// The middle frame that the true flow makes of a pair.
+Middle trueMiddle(const lum_bench::FlowPair& pair) {
+  cv::Mat visible = pair.known.clone();
+  if (!pair.occluded.empty()) visible &= ~pair.occluded;
+  cv::Mat truth = pair.truth.clone();
+  truth.setTo(cv::Scalar::all(0), ~pair.known);
+
+  const cv::Mat grid = pixelGrid(truth.size());
+  const cv::Mat source = halfWayBack(truth, 20);
+  const cv::Mat flow = sampled(truth, source);
+  const cv::Mat target = source + flow;
+  Middle middle{average(sampled(pair.img0, source), sampled(pair.img1, target)),
+                sampled(visible, source, cv::INTER_NEAREST)};
+  // Pixels that nothing moves to, and those that come from or go to beyond the border.
+  const cv::Mat missed = source + 0.5 * flow - grid;
+  cv::Mat settled;
+  cv::inRange(missed, cv::Scalar::all(-0.1), cv::Scalar::all(0.1), settled);
+  middle.mask &= settled;
+  for (const cv::Mat& place : {source, target}) {
+    cv::Mat inside;
+    cv::inRange(place, cv::Scalar::all(0), cv::Scalar(truth.cols - 1, truth.rows - 1), inside);
+    middle.mask &= inside;
+  }
+  return middle;
+}
+
+std::array<cv::Mat, 3> movingScene(const cv::Mat& scene) {
+  std::array<cv::Mat, 3> frames;
+  for (std::size_t i = 0; i < frames.size(); ++i) {
+    const double step = static_cast<double>(i);
+    const double angle = 0.01 * step;
+    const cv::Matx23d motion(std::cos(angle), -std::sin(angle), 4.0 * step, std::sin(angle),
+                             std::cos(angle), -2.0 * step);
+    cv::warpAffine(scene, frames[i], motion, scene.size(), cv::INTER_CUBIC, cv::BORDER_REFLECT_101);
+  }
+  return frames;
+}
+
+cv::Mat randomTexture() {
+  cv::Mat noise(64, 96, CV_8UC1);
+  cv::RNG(1).fill(noise, cv::RNG::UNIFORM, 0, 256);
+  cv::Mat scene;
+  cv::resize(noise, scene, cv::Size(768, 512), 0, 0, cv::INTER_CUBIC);
+  return scene;
+}
+
+void writePgm(const std::string& path, const cv::Mat& image) {
+  std::ofstream out(path, std::ios::binary);
+  out << "P5\n" << image.cols << ' ' << image.rows << "\n255\n";
+  out.write(reinterpret_cast<const char*>(image.data), static_cast<std::streamsize>(image.total()));
+  if (!out) throw std::runtime_error("cannot write '" + path + "'");
+}
+
+int runPairs(const std::string& folder) {
+  for (const lum_bench::FlowPair& pair : lum_bench::readPairs(folder)) {
+    const Middle middle = trueMiddle(pair);
+    std::printf(
+        "%-26s PSNR to the true flow's middle: flow %.2f dB, plain average %.2f dB, over %.0f %%\n",
+        pair.name.c_str(), psnr(predictMiddle(pair.img0, pair.img1), middle.image, middle.mask),
+        psnr(average(pair.img0, pair.img1), middle.image, middle.mask),
+        100.0 * cv::countNonZero(middle.mask) / static_cast<double>(middle.mask.total()));
+  }
+  return 0;
+}
+
+int run(const std::vector<std::string>& args) {
+  if (args.size() == 2 && args[0] == "--pairs") return runPairs(args[1]);
+  const bool synthetic = !args.empty() && args.size() <= 2 && args[0] == "--synthetic";
+  if (!synthetic && args.size() != 3 && args.size() != 4) return lum_bench::kBadUsage;
+  std::array<cv::Mat, 3> frames;
+  if (synthetic) {
+    frames = movingScene(args.size() == 2 ? lum_bench::readGrey(args[1]) : randomTexture());
+  } else {
+    for (std::size_t i = 0; i < frames.size(); ++i) frames[i] = lum_bench::readGrey(args[i]);
+    if (frames[0].size() != frames[1].size() || frames[0].size() != frames[2].size()) {
+      throw std::runtime_error("the frames differ in size");
     }
   }
+  const cv::Mat predicted = predictMiddle(frames[0], frames[2]);
+  std::printf("PSNR of the middle frame: flow %.2f dB, plain average %.2f dB\n",
+              psnr(predicted, frames[1]), psnr(average(frames[0], frames[2]), frames[1]));
+  if (args.size() == 4) writePgm(args[3], predicted);
   return 0;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "flow_interpolate: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return lum_bench::runProgram(argc, argv, kHelp, run); }

@@ -11,7 +11,6 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <exception>
 #include <functional>
 #include <opencv2/imgproc.hpp>
 #include <string>
@@ -19,10 +18,16 @@
 
 #include "../../tests/motion_interpolation/reference_flow.h"
 #include "flow_io.h"
+#include "flow_program.h"
 #include "motionInterpolation/dis_flow.h"
 #include "motionInterpolation/flow_kernels.h"
 
 namespace {
+
+constexpr char kHelp[] =
+    "usage: flow_speed [FOLDER]\n"
+    "Speed of the optical flow against plain scalar loops of the same rules, on img0.pgm and\n"
+    "img1.pgm in FOLDER, else on a synthetic pair.\n";
 
 namespace kernels = cv::optflow::lum::kernels;
 using Clock = std::chrono::steady_clock;
@@ -244,8 +249,8 @@ int run(const std::vector<std::string>& args) {
   if (args.empty()) {
     base = syntheticPair({1024, 436});
   } else {
-    base.i0 = lum_bench::readPgm(args[0] + "/img0.pgm");
-    base.i1 = lum_bench::readPgm(args[0] + "/img1.pgm");
+    base.i0 = lum_bench::readGrey(args[0] + "/img0.pgm");
+    base.i1 = lum_bench::readGrey(args[0] + "/img1.pgm");
   }
   std::printf("kernels in use: %s\n", kernels::activeKernels().name);
   compareStages(scaledTo(base, {1024, 436}), 15);
@@ -259,11 +264,4 @@ int run(const std::vector<std::string>& args) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return run(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "flow_speed: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return lum_bench::runProgram(argc, argv, kHelp, run); }

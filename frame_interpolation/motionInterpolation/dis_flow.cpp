@@ -10,6 +10,7 @@
 namespace cv::optflow::lum {
 namespace {
 
+constexpr int kLargestSide = 16384;  // offsets into a scale are 32 bits wide in places
 constexpr int kLargestStride = 1 << 16;
 
 constexpr int kScales = 10;
@@ -228,6 +229,10 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
   require(I0.isContinuous(), "I0.isContinuous()", 1019);
   require(I1.isContinuous(), "I1.isContinuous()", 1020);
   if (I0.dims() > 2 || I1.dims() > 2) CV_Error(Error::StsBadSize, "I0 and I1 must be images");
+  const Size full = I0.size();
+  if (std::max(full.width, full.height) > kLargestSide) {
+    CV_Error(Error::StsBadSize, "I0 and I1 must have at most 16384 pixels on a side");
+  }
   checkParameters();
 
   const Mat i0 = I0.getMat();
@@ -236,8 +241,8 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
       !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
   const Mat initial_flow = use_initial_flow ? flow.getMat() : Mat();
 
-  coarsest_scale =
-      static_cast<int>(std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0) + 0.5) - 1;
+  const double levels = std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0);
+  coarsest_scale = static_cast<int>(std::trunc(levels + 0.5)) - 1;
   // The formula looks at the width only: levels that the height does not reach have no pixels, and
   // an image narrower than two patches still has its full resolution.
   coarsest_scale = std::max(coarsest_scale, 0);

@@ -81,8 +81,9 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
   /// @param flow    out: `CV_32FC2` of that size. A flow of that size and type on entry serves as
   ///                an initial flow; anything else is replaced. Images too small for a single
   ///                patch give the initial flow back, else zero.
-  /// Raises `cv::Exception`: `StsAssert` for images that are not as said, `StsOutOfRange`, naming
-  /// the parameter, for a parameter out of its range. `flow` is then unchanged.
+  /// Raises `cv::Exception`: `StsAssert` for images that are not as said, `StsBadSize` for larger
+  /// ones, `StsOutOfRange`, naming the parameter, for a parameter out of its range. `flow` is then
+  /// unchanged.
   void calc(InputArray I0, InputArray I1, InputOutputArray flow) override;
 
   /// Releases the working buffers; a later `calc` allocates them anew.

@@ -22,6 +22,9 @@ using kernels::RefineArgs;
 /// Below this many pixels per task the tasks cost more than they save.
 constexpr int kMinPixelsPerBand = 3000;
 
+constexpr int kLargestSide = 16384;  // offsets into the second image are 32 bits wide
+constexpr int kMostSweeps = 1000;
+
 int aligned(int count) { return (count + 15) / 16 * 16; }
 
 /// Rows of float planes, zero at first: what lies beside the pixels is read and must be finite.
@@ -53,7 +56,9 @@ void VariationalRefinement::checkParameters() const {
   requireFiniteNonNegative(delta_, "delta must be finite and at least 0");
   requireFiniteNonNegative(gamma_, "gamma must be finite and at least 0");
   if (iterations_ < 0) CV_Error(Error::StsOutOfRange, "iterations must be at least 0");
-  if (sweeps_ < 1) CV_Error(Error::StsOutOfRange, "solver sweeps must be at least 1");
+  if (sweeps_ < 1 || sweeps_ > kMostSweeps) {
+    CV_Error(Error::StsOutOfRange, "solver sweeps must be 1 to 1000");
+  }
   if (!(omega_ > 0.0F && omega_ < 2.0F)) {
     CV_Error(Error::StsOutOfRange, "relaxation must be above 0 and below 2");
   }
@@ -99,6 +104,7 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
   CV_Assert(i0.type() == CV_8UC1 && i1.type() == CV_8UC1);
   CV_Assert(u.type() == CV_32FC1 && v.type() == CV_32FC1);
   CV_Assert(i0.size() == i1.size() && i0.size() == u.size() && i0.size() == v.size());
+  CV_Assert(i0.cols <= kLargestSide && i0.rows <= kLargestSide);
   checkParameters();
   if (i0.empty() || iterations_ == 0) return;
 

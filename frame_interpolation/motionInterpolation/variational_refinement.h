@@ -39,7 +39,7 @@ class VariationalRefinement {
   int getIterations() const { return iterations_; }
   void setIterations(int value) { iterations_ = value; }
 
-  /// Sweeps of the solver over both colours per outer iteration: at least 1.
+  /// Sweeps of the solver over both colours per outer iteration: 1 to 1000.
   int getSolverSweeps() const { return sweeps_; }
   void setSolverSweeps(int value) { sweeps_ = value; }
 
@@ -49,7 +49,7 @@ class VariationalRefinement {
 
   /// Refines a flow in place.
   ///
-  /// @param i0, i1  images, `CV_8UC1`, of one size.
+  /// @param i0, i1  images, `CV_8UC1`, of one size, at most 16384 x 16384.
   /// @param u, v    in and out: the flow from `i0` to `i1`, in pixels, `CV_32FC1`, of that size;
   ///                must not share memory.
   /// Raises `cv::Exception` for other types and sizes and for a parameter out of its range; the

@@ -165,10 +165,23 @@ inline int nearestPatch(int x, int count, const SearchParams& p) {
   return best;
 }
 
+/// The image between its pixels; a position beyond the last pixel repeats it.
+inline float sample(const cv::Mat& image, float x, float y) {
+  const int xi = int(x), yi = int(y);
+  const float dx = x - float(xi), dy = y - float(yi);
+  const int x1 = std::min(xi + 1, image.cols - 1);
+  const uchar* above = image.ptr(yi);
+  const uchar* below = image.ptr(std::min(yi + 1, image.rows - 1));
+  return (1 - dy) * ((1 - dx) * above[xi] + dx * above[x1]) +
+         dy * ((1 - dx) * below[xi] + dx * below[x1]);
+}
+
 /// The flow per pixel, `CV_32FC2`.
 inline cv::Mat densify(const Level& level, const SearchParams& p, const cv::Mat& patches) {
   const int w = level.i0.cols;
   const int h = level.i0.rows;
+  const float high_x = std::max(0.0F, float(w) - 1 - 0.001F);
+  const float high_y = std::max(0.0F, float(h) - 1 - 0.001F);
   cv::Mat flow(h, w, CV_32FC2);
   for (int y = 0; y < h; ++y) {
     const int first_row = std::max(0, (y - p.patch_size + p.patch_stride) / p.patch_stride);
@@ -177,18 +190,10 @@ inline cv::Mat densify(const Level& level, const SearchParams& p, const cv::Mat&
       float weights = 0, sum_u = 0, sum_v = 0;
       for (int is = first_row; is < patches.rows && is * p.patch_stride <= y; ++is) {
         for (int js = first_column; js < patches.cols && js * p.patch_stride <= x; ++js) {
-          const cv::Vec2f f = patches.at<cv::Vec2f>(is, js);
-          const float sx =
-              std::min(std::max(float(x) + f[0], 0.0F), std::max(0.0F, float(w) - 1 - 0.001F));
-          const float sy =
-              std::min(std::max(float(y) + f[1], 0.0F), std::max(0.0F, float(h) - 1 - 0.001F));
-          const int xi = int(sx), yi = int(sy);
-          const float dx = sx - float(xi), dy = sy - float(yi);
-          const int x1 = std::min(xi + 1, w - 1);
-          const uchar* above = level.i1.ptr(yi);
-          const uchar* below = level.i1.ptr(std::min(yi + 1, h - 1));
-          const float d = (1 - dy) * ((1 - dx) * above[xi] + dx * above[x1]) +
-                          dy * ((1 - dx) * below[xi] + dx * below[x1]) - level.i0.ptr(y)[x];
+          const cv::Vec2f& f = patches.at<cv::Vec2f>(is, js);
+          const float sx = std::clamp(float(x) + f[0], 0.0F, high_x);
+          const float sy = std::clamp(float(y) + f[1], 0.0F, high_y);
+          const float d = sample(level.i1, sx, sy) - level.i0.ptr(y)[x];
           const float weight = 1.0F / std::max(std::abs(d), 1.0F);
           weights += weight;
           sum_u += weight * f[0];
@@ -207,7 +212,8 @@ inline cv::Mat densify(const Level& level, const SearchParams& p, const cv::Mat&
 /// The whole engine without refinement.
 inline cv::Mat denseFlow(const cv::Mat& i0, const cv::Mat& i1, const SearchParams& p, int finest,
                          const cv::Mat& initial = cv::Mat()) {
-  int coarsest = int(std::log((2 * i0.cols) / (4.0 * p.patch_size)) / std::log(2.0) + 0.5) - 1;
+  const double levels = std::log((2 * i0.cols) / (4.0 * p.patch_size)) / std::log(2.0);
+  int coarsest = int(std::trunc(levels + 0.5)) - 1;
   coarsest = std::max(coarsest, 0);
   finest = std::min(finest, coarsest);
   std::vector<cv::Mat> first{i0}, second{i1};
@@ -258,18 +264,11 @@ class Refinement {
     cv::Mat mean(h_, w_, CV_32F), diff(h_, w_, CV_32F), inside(h_, w_, CV_32F);
     for (int y = 0; y < h_; ++y) {
       for (int x = 0; x < w_; ++x) {
-        const cv::Vec2f f = flow.at<cv::Vec2f>(y, x);
+        const cv::Vec2f& f = flow.at<cv::Vec2f>(y, x);
         const float px = float(x) + f[0], py = float(y) + f[1];
         inside.at<float>(y, x) = px >= 0 && py >= 0 && px <= float(w_ - 1) && py <= float(h_ - 1);
-        const float cx = std::min(std::max(px, 0.0F), float(w_ - 1));
-        const float cy = std::min(std::max(py, 0.0F), float(h_ - 1));
-        const int xi = int(cx), yi = int(cy);
-        const float dx = cx - float(xi), dy = cy - float(yi);
-        const uchar* a = i1.ptr(yi);
-        const uchar* b = i1.ptr(std::min(yi + 1, h_ - 1));
-        const int x1 = std::min(xi + 1, w_ - 1);
         const float warped =
-            (1 - dy) * ((1 - dx) * a[xi] + dx * a[x1]) + dy * ((1 - dx) * b[xi] + dx * b[x1]);
+            sample(i1, std::clamp(px, 0.0F, float(w_ - 1)), std::clamp(py, 0.0F, float(h_ - 1)));
         mean.at<float>(y, x) = 0.5F * (warped + i0.ptr(y)[x]);
         diff.at<float>(y, x) = warped - i0.ptr(y)[x];
       }
@@ -281,7 +280,7 @@ class Refinement {
     const auto at = [](const cv::Mat& m, int y, int x) { return m.at<float>(y, x); };
     for (int y = 0; y < h_; ++y) {
       for (int x = 0; x < w_; ++x) {
-        const cv::Vec2f f = flow.at<cv::Vec2f>(y, x);
+        const cv::Vec2f& f = flow.at<cv::Vec2f>(y, x);
         const float rows[3][3] = {{at(ix, y, x), at(iy, y, x), at(diff, y, x)},
                                   {at(ixx, y, x), at(ixy, y, x), at(ixt, y, x)},
                                   {at(ixy, y, x), at(iyy, y, x), at(iyt, y, x)}};
@@ -301,7 +300,7 @@ class Refinement {
     double sum = 0;
     for (int y = 0; y < h_; ++y) {
       for (int x = 0; x < w_; ++x) {
-        const cv::Vec2f f = flow.at<cv::Vec2f>(y, x);
+        const cv::Vec2f& f = flow.at<cv::Vec2f>(y, x);
         double r[3];
         for (int i = 0; i < 3; ++i) r[i] = residual(termsAt(y, x)[size_t(i)], f);
         sum += p_.delta * std::sqrt(r[0] * r[0] + 1e-6) +
@@ -321,7 +320,7 @@ class Refinement {
         for (int x = 0; x < w_; ++x) {
           robust.at<float>(y, x) = 1.0F / std::sqrt(squaredGradient(flow, y, x) + 1e-6F);
           const auto& t = termsAt(y, x);
-          const cv::Vec2f f = flow.at<cv::Vec2f>(y, x);
+          const cv::Vec2f& f = flow.at<cv::Vec2f>(y, x);
           const float r0 = residual(t[0], f), r1 = residual(t[1], f), r2 = residual(t[2], f);
           const float wi = p_.delta / std::sqrt(r0 * r0 + 1e-6F);
           const float wg = p_.gamma / std::sqrt(r1 * r1 + r2 * r2 + 1e-6F);
