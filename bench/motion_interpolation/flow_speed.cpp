@@ -159,6 +159,9 @@ std::vector<const kernels::Kernels*> vectorKernels() {
 #ifdef LUM_HAVE_AVX2_KERNELS
   if (kernels::isSupported(kernels::kAvx2Kernels)) sets.push_back(&kernels::kAvx2Kernels);
 #endif
+#ifdef LUM_HAVE_AVX512_KERNELS
+  if (kernels::isSupported(kernels::kAvx512Kernels)) sets.push_back(&kernels::kAvx512Kernels);
+#endif
   return sets;
 }
 
