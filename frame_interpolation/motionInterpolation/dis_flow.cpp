@@ -254,8 +254,9 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
       !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
   const Mat initial_flow = use_initial_flow ? flow.getMat() : Mat();
 
-  coarsest_scale =
-      static_cast<int>(std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0) + 0.5) - 1;
+  // Truncated after adding a half, as the scales are defined.
+  const double octaves = std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0);
+  coarsest_scale = static_cast<int>(octaves + 0.5) - 1;  // NOLINT(bugprone-incorrect-roundings)
   // The formula looks at the width only: levels that the height does not reach have no pixels, and
   // an image narrower than two patches still has its full resolution.
   coarsest_scale = std::max(coarsest_scale, 0);
@@ -341,7 +342,7 @@ void DISOpticalFlowImpl::resizeFlow(const Mat* components, float factor, Mat& ou
       for (int c = 0; c < channels; ++c) {
         const float* source = components[c].ptr<float>(row);
         float* target = held[slot] + c;
-        for (int x = 0; x < to.width; ++x) {
+        for (std::ptrdiff_t x = 0; x < to.width; ++x) {
           const int left = columns[x];
           const int right = std::min(left + 1, from.width - 1);
           target[x * channels] =
