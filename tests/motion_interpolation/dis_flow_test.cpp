@@ -96,6 +96,9 @@ std::vector<const kernels::Kernels*> allKernels() {
 #ifdef LUM_HAVE_AVX2_KERNELS
   if (kernels::isSupported(kernels::kAvx2Kernels)) all.push_back(&kernels::kAvx2Kernels);
 #endif
+#ifdef LUM_HAVE_AVX512_KERNELS
+  if (kernels::isSupported(kernels::kAvx512Kernels)) all.push_back(&kernels::kAvx512Kernels);
+#endif
   return all;
 }
 
