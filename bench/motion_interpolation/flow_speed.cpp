@@ -4,7 +4,8 @@
 //
 // FOLDER holds img0.pgm and img1.pgm of 1024 x 436 (other sizes are scaled to it); without it a
 // synthetic pair serves. Every figure is the median of several runs that alternate between both
-// sides; results of both sides are compared before anything is timed.
+// sides; results of both sides are compared before anything is timed. Then whole calls with one
+// thread and two, from 512 x 218 to 8K, and where their time goes.
 
 #include <algorithm>
 #include <chrono>
@@ -164,6 +165,9 @@ std::vector<const kernels::Kernels*> vectorKernels() {
 #ifdef LUM_HAVE_AVX2_KERNELS
   if (kernels::isSupported(kernels::kAvx2Kernels)) sets.push_back(&kernels::kAvx2Kernels);
 #endif
+#ifdef LUM_HAVE_AVX512_KERNELS
+  if (kernels::isSupported(kernels::kAvx512Kernels)) sets.push_back(&kernels::kAvx512Kernels);
+#endif
   return sets;
 }
 
@@ -222,26 +226,158 @@ void compareStages(const Images& full, int rounds) {
   }
 }
 
+/// Milliseconds spent in the kernels of the stages of one thread.
+struct StageTimes {
+  double search = 0, densification = 0, refinement = 0;
+};
+StageTimes g_times;
+const kernels::Kernels* g_timed = nullptr;
+
+template <typename Function>
+void addTime(double& sum, const Function& function) {
+  const double start = wallMilliseconds();
+  function();
+  sum += wallMilliseconds() - start;
+}
+
+/// The kernels of `g_timed` with a clock around each.
+const kernels::Kernels kTimedKernels = {
+    "timed",
+    [](const kernels::SearchArgs& args, int begin, int end, std::int32_t* scratch) {
+      addTime(g_times.search, [&] { g_timed->structureTensor(args, begin, end, scratch); });
+    },
+    [](const kernels::SearchArgs& args, int begin, int end) {
+      addTime(g_times.search, [&] { g_timed->search(args, begin, end); });
+    },
+    [](const kernels::SearchArgs& args, int begin, int end) {
+      addTime(g_times.densification, [&] { g_timed->densify(args, begin, end); });
+    },
+    [](const kernels::RefineArgs& args, int begin, int end) {
+      addTime(g_times.refinement, [&] { g_timed->importRows(args, begin, end); });
+    },
+    [](const kernels::RefineArgs& args, const kernels::Band& band) {
+      addTime(g_times.refinement, [&] { g_timed->termRows(args, band); });
+    },
+    [](const kernels::RefineArgs& args, const kernels::Band& band, int iteration, bool last) {
+      addTime(g_times.refinement, [&] { g_timed->solve(args, band, iteration, last); });
+    }};
+
+double medianOf(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+/// What `calc` does before its first patch, at the default finest scale.
+void preparePyramids(const Images& images, std::vector<cv::Mat>& buffers) {
+  constexpr int kFinest = 2;
+  constexpr int kPatch = 8;
+  buffers.resize(64);
+  const cv::Mat* levels[2] = {&images.i0, &images.i1};
+  std::size_t next = 0;
+  for (int i = 0; (images.i0.cols >> i) >= 2 * kPatch && (images.i0.rows >> i) > 0; ++i) {
+    const cv::Size size(images.i0.cols >> i, images.i0.rows >> i);
+    for (const cv::Mat*& level : levels) {
+      if (i == 0) continue;
+      cv::resize(*level, buffers[next], size, 0, 0, cv::INTER_AREA);
+      level = &buffers[next++];
+    }
+    if (i < kFinest) continue;
+    cv::spatialGradient(*levels[0], buffers[next], buffers[next + 1]);
+    cv::copyMakeBorder(*levels[1], buffers[next + 2], 16, 16, 16, 16, cv::BORDER_REPLICATE);
+    next += 3;
+  }
+}
+
+/// Where the time of whole calls goes on one thread.
+void profile(const Images& images, int rounds) {
+  cv::setNumThreads(1);
+  const auto engine = cv::optflow::lum::DISOpticalFlow::create();
+  g_timed = &kernels::activeKernels();
+  kernels::forceKernels(&kTimedKernels);
+  // Fresh memory for the output, as without an initial flow; its pages cost what filling them does.
+  cv::Mat flow;
+  cv::Mat pages;
+  cv::Mat warm(images.i0.size(), CV_32FC2, cv::Scalar::all(1));
+  cv::Mat copy = warm.clone();
+  std::vector<cv::Mat> buffers;
+  std::vector<double> pyramids, search, densification, refinement, total, faults, copies;
+  for (int round = 0; round <= rounds; ++round) {
+    g_times = StageTimes();
+    double times[4] = {};
+    addTime(times[0], [&] { preparePyramids(images, buffers); });
+    flow.release();
+    addTime(times[1], [&] { engine->calc(images.i0, images.i1, flow); });
+    flow.release();
+    addTime(times[2], [&] {
+      pages.create(images.i0.size(), CV_32FC2);
+      for (std::size_t at = 0; at < pages.total() * pages.elemSize(); at += 4096)
+        pages.data[at] = 1;
+    });
+    pages.release();
+    addTime(times[3], [&] { warm.copyTo(copy); });
+    if (round == 0) continue;  // allocates what is kept between calls
+    pyramids.push_back(times[0]);
+    total.push_back(times[1]);
+    faults.push_back(times[2]);
+    copies.push_back(times[3]);
+    search.push_back(g_times.search);
+    densification.push_back(g_times.densification);
+    refinement.push_back(g_times.refinement);
+  }
+  kernels::forceKernels(nullptr);
+  const double all = medianOf(total);
+  const double rest =
+      all - medianOf(pyramids) - medianOf(search) - medianOf(densification) - medianOf(refinement);
+  const double pixels = double(images.i0.total()) / 16 * 4 / 3;  // of all scales from 1/4 on
+  const double output = double(images.i0.total()) * 8;
+  std::printf("%4d x %-4d profile, 1 thread, %s: %.2f ms; memcpy moves %.1f GB/s\n", images.i0.cols,
+              images.i0.rows, g_timed->name, all, 2e-6 * output / medianOf(copies));
+  const auto line = [&](const char* stage, double ms, const std::string& bound) {
+    std::printf("    %-22s %8.2f ms %5.1f %%  %s\n", stage, ms, 100 * ms / all, bound.c_str());
+  };
+  const auto text = [](const char* format, double a, double b) {
+    char buffer[160];
+    std::snprintf(buffer, sizeof buffer, format, a, b);
+    return std::string(buffer);
+  };
+  // Bytes that must pass: images read; data terms written once and read in each of 5 iterations
+  // with the flow; the ring of the solver is on top and stays in the cache.
+  line("pyramids, gradients", medianOf(pyramids),
+       text("reads %.1f GB/s, OpenCV's", 2e-6 * double(images.i0.total()) / medianOf(pyramids), 0));
+  line("search", medianOf(search),
+       text("%.0f ns per patch: arithmetic, data from the cache",
+            1e6 * medianOf(search) / (pixels / 16), 0));
+  line("densification", medianOf(densification),
+       text("%.1f ns per pixel: loads, stores and divisions of 4 patches",
+            1e6 * medianOf(densification) / pixels, 0));
+  line("refinement", medianOf(refinement),
+       text("%.0f ns per pixel; planes pass at %.1f GB/s, beside the solver's ring of rows",
+            1e6 * medianOf(refinement) / pixels,
+            pixels * 4 * (9 + 5 * (9 + 4)) * 1e-6 / medianOf(refinement)));
+  line("upscaling and output", rest,
+       text("first touch of the output's pages alone %.2f ms, copying it warm %.2f ms",
+            medianOf(faults), medianOf(copies)));
+}
+
 void compareThreads(const Images& images, int rounds) {
   const auto engine = cv::optflow::lum::DISOpticalFlow::create();
   cv::Mat flow;
-  const auto run = [&](int threads, int refinement) {
-    return [&, threads, refinement] {
+  const auto run = [&](int threads) {
+    return [&, threads] {
       cv::setNumThreads(threads);
-      engine->setVariationalRefinementIterations(refinement);
-      flow.release();
+      flow.release();  // else it would serve as an initial flow
       engine->calc(images.i0, images.i1, flow);
     };
   };
-  const std::vector<std::function<void()>> functions = {run(1, 5), run(2, 5), run(1, 0), run(2, 0)};
+  const std::vector<std::function<void()>> functions = {run(1), run(2)};
   for (const auto& function : functions) function();
   const std::vector<double> ms = medians(functions, rounds, wallMilliseconds);
   const double megapixels = double(images.i0.total()) * 1e-6;
   std::printf(
-      "%4d x %-4d defaults: 1 thread %8.2f ms (%.2f ms per megapixel), 2 threads %8.2f ms "
-      "(%.2fx); without refinement %7.2f, %7.2f ms (%.2fx)\n",
-      images.i0.cols, images.i0.rows, ms[0], ms[0] / megapixels, ms[1], ms[0] / ms[1], ms[2], ms[3],
-      ms[2] / ms[3]);
+      "%4d x %-4d whole call: 1 thread %8.2f ms, %5.2f per megapixel; 2 threads %8.2f ms, %5.2f "
+      "per megapixel, %.2fx\n",
+      images.i0.cols, images.i0.rows, ms[0], ms[0] / megapixels, ms[1], ms[1] / megapixels,
+      ms[0] / ms[1]);
 }
 
 int run(const std::vector<std::string>& args) {
@@ -255,10 +391,16 @@ int run(const std::vector<std::string>& args) {
   std::printf("kernels in use: %s\n", kernels::activeKernels().name);
   compareStages(scaledTo(base, {1024, 436}), 15);
   compareStages(scaledTo(base, {1920, 1080}), 7);
-  compareThreads(scaledTo(base, {1024, 436}), 25);
-  compareThreads(scaledTo(base, {1920, 1080}), 11);
-  compareThreads(scaledTo(base, {3840, 2160}), 5);
-  compareThreads(scaledTo(base, {7680, 4320}), 3);
+  struct Case {
+    int width, height, rounds;
+  };
+  const Case cases[] = {
+      {512, 218, 41}, {1024, 436, 41}, {1920, 1080, 15}, {3840, 2160, 9}, {7680, 4320, 5}};
+  for (const Case& c : cases) {
+    const Images images = scaledTo(base, {c.width, c.height});
+    compareThreads(images, c.rounds);
+    profile(images, c.rounds);
+  }
   return 0;
 }
 

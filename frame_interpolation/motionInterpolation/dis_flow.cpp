@@ -15,6 +15,9 @@ constexpr int kLargestStride = 1 << 16;
 
 constexpr int kScales = 10;
 constexpr int kPropagationStripes = 8;
+/// Pixels of a pyramid level beyond which all threads share its work.
+constexpr int kSharedPixels = 1 << 20;
+constexpr int kMinPixelsPerStripe = 1 << 14;
 
 /// Callers match on where a check is: the reported place is part of the interface.
 void require(bool condition, const char* text, int line) {
@@ -60,8 +63,9 @@ void DISOpticalFlowImpl::collectGarbage() {
        {&I0s, &I1s, &I1s_ext, &I0xs, &I0ys, &Ux, &Uy, &initial_Ux, &initial_Uy}) {
     mats->clear();
   }
-  for (Mat* mat : {&Sx, &Sy, &I0xx_buf, &I0yy_buf, &I0xy_buf, &I0x_buf, &I0y_buf, &weight_sums,
-                   &column_sums, &merged_flow, &split_flow[0], &split_flow[1]}) {
+  for (Mat* mat :
+       {&Sx, &Sy, &I0xx_buf, &I0yy_buf, &I0xy_buf, &I0x_buf, &I0y_buf, &weight_sums, &column_sums,
+        &resize_columns, &resize_fractions, &resize_rows, &split_flow[0], &split_flow[1]}) {
     mat->release();
   }
   for (const Ptr<VariationalRefinement>& refinement : variational_refinement) {
@@ -101,32 +105,43 @@ void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat&
     split(initial_flow, split_flow);
   }
 
-  for (int i = 0; i <= coarsest; ++i) {
+  // Only read, and given back at the end of calc.
+  I0s[0] = i0;
+  I1s[0] = i1;
+  const auto prepareLevel = [&](int image, int i) {
+    const auto at = static_cast<std::size_t>(i);
+    std::vector<Mat>& images = image == 0 ? I0s : I1s;
+    const Size size = sizeAt(i0.size(), i);
+    if (i > 0) resize(images[at - 1], images[at], size, 0, 0, INTER_AREA);
+    if (i < finest) return;  // only passed through on the way to coarser scales
+    if (image == 0) {
+      spatialGradient(I0s[at], I0xs[at], I0ys[at], /*ksize=*/3, BORDER_REFLECT_101);
+    } else {
+      // Isolated: the caller's image may be part of a larger one, whose pixels are not its border.
+      copyMakeBorder(I1s[at], I1s_ext[at], border_size, border_size, border_size, border_size,
+                     BORDER_REPLICATE | BORDER_ISOLATED);
+    }
+    if (has_initial) {
+      resize(split_flow[image], (image == 0 ? initial_Ux : initial_Uy)[at], size, 0, 0,
+             INTER_LINEAR);
+      Mat& component = (image == 0 ? initial_Ux : initial_Uy)[at];
+      component.convertTo(component, -1, 1.0 / static_cast<double>(1 << i));
+    }
+  };
+  // OpenCV's threads share a large level's work; the small ones of the two images go in parallel.
+  int level = 0;
+  for (; level <= coarsest && sizeAt(i0.size(), level).area() > kSharedPixels; ++level) {
+    prepareLevel(0, level);
+    prepareLevel(1, level);
+  }
+  parallelFor(2, [&](int image) {
+    for (int i = level; i <= coarsest; ++i) prepareLevel(image, i);
+  });
+  for (int i = finest; i <= coarsest; ++i) {
     const auto at = static_cast<std::size_t>(i);
     const Size size = sizeAt(i0.size(), i);
-    if (i == 0) {
-      I0s[0] = i0;  // only read, and given back at the end of calc
-      I1s[0] = i1;
-    } else {
-      resize(I0s[at - 1], I0s[at], size, 0, 0, INTER_AREA);
-      resize(I1s[at - 1], I1s[at], size, 0, 0, INTER_AREA);
-    }
-    if (i < finest) continue;  // only passed through on the way to coarser scales
-
-    // Isolated: the caller's image may be part of a larger one, whose pixels are not its border.
-    copyMakeBorder(I1s[at], I1s_ext[at], border_size, border_size, border_size, border_size,
-                   BORDER_REPLICATE | BORDER_ISOLATED);
-    spatialGradient(I0s[at], I0xs[at], I0ys[at], /*ksize=*/3, BORDER_REFLECT_101);
     Ux[at].create(size, CV_32FC1);
     Uy[at].create(size, CV_32FC1);
-    if (has_initial) {
-      const double scale = 1.0 / static_cast<double>(1 << i);
-      for (int c = 0; c < 2; ++c) {
-        Mat& component = (c == 0 ? initial_Ux : initial_Uy)[at];
-        resize(split_flow[c], component, size, 0, 0, INTER_LINEAR);
-        component.convertTo(component, -1, scale);
-      }
-    }
     VariationalRefinement& refinement = *variational_refinement[at];
     refinement.setAlpha(variational_refinement_alpha);
     refinement.setDelta(variational_refinement_delta);
@@ -142,6 +157,9 @@ void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat&
   }
   weight_sums.create(finest_size, CV_32FC1);
   column_sums.create(kPropagationStripes, 5 * finest_size.width, CV_32SC1);
+  resize_columns.create(1, i0.cols, CV_32SC1);
+  resize_fractions.create(1, i0.cols, CV_32FC1);
+  resize_rows.create(2 * std::max(getNumThreads(), 1), 2 * i0.cols, CV_32FC1);
 }
 
 void DISOpticalFlowImpl::setScale(int scale) {
@@ -241,6 +259,7 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
       !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
   const Mat initial_flow = use_initial_flow ? flow.getMat() : Mat();
 
+  // Truncated after adding a half, as the scales are defined.
   const double levels = std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0);
   coarsest_scale = static_cast<int>(std::trunc(levels + 0.5)) - 1;
   // The formula looks at the width only: levels that the height does not reach have no pixels, and
@@ -270,9 +289,7 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
     }
     if (i > finest) {
       for (std::vector<Mat>* flows : {&Ux, &Uy}) {
-        Mat& finer = (*flows)[at - 1];
-        resize((*flows)[at], finer, finer.size(), 0, 0, INTER_LINEAR);
-        finer.convertTo(finer, -1, 2.0);
+        resizeFlow(&(*flows)[at], 2.0F, (*flows)[at - 1]);
       }
     }
   }
@@ -290,12 +307,77 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
 void DISOpticalFlowImpl::writeFlow(int finest, Size size, InputOutputArray flow) {
   const auto at = static_cast<std::size_t>(finest);
   const Mat components[2] = {Ux[at], Uy[at]};
-  merge(components, 2, merged_flow);
-  // A power of two: the same before and after interpolation, and cheaper before.
-  merged_flow.convertTo(merged_flow, -1, static_cast<double>(1 << finest));
   flow.create(size, CV_32FC2);
   Mat out = flow.getMat();
-  resize(merged_flow, out, size, 0, 0, INTER_LINEAR);
+  resizeFlow(components, static_cast<float>(1 << finest), out);
+}
+
+void DISOpticalFlowImpl::resizeFlow(const Mat* components, float factor, Mat& out) {
+  const int channels = out.channels();
+  const Size from = components[0].size();
+  const Size to = out.size();
+  const int length = to.width * channels;
+  const auto scale = [](int source, int target) {
+    return 1.0 / (static_cast<double>(target) / source);
+  };
+
+  // Where a column lies between two of the source.
+  const double scale_x = scale(from.width, to.width);
+  int* const columns = resize_columns.ptr<int>();
+  float* const fractions = resize_fractions.ptr<float>();
+  for (int x = 0; x < to.width; ++x) {
+    const float position = static_cast<float>((x + 0.5) * scale_x - 0.5);
+    const int column = cvFloor(position);
+    const bool between = column >= 0 && column < from.width - 1;
+    columns[x] = std::min(std::max(column, 0), from.width - 1);
+    fractions[x] = between ? position - static_cast<float>(column) : 0.0F;
+  }
+
+  const double scale_y = scale(from.height, to.height);
+  const auto most = static_cast<int>(std::max<std::size_t>(out.total() / kMinPixelsPerStripe, 1));
+  const int stripes = std::min({getNumThreads(), most, resize_rows.rows / 2});
+  const int rows = (to.height + stripes - 1) / stripes;
+  parallelStripes(to.height, stripes, [&](int begin, int end) {
+    // The last two source rows, interpolated along x.
+    float* held[2] = {resize_rows.ptr<float>(2 * (begin / rows)),
+                      resize_rows.ptr<float>(2 * (begin / rows) + 1)};
+    int held_row[2] = {-1, -1};
+    const auto fill = [&](int slot, int row) {
+      held_row[slot] = row;
+      for (int c = 0; c < channels; ++c) {
+        const float* source = components[c].ptr<float>(row);
+        float* target = held[slot] + c;
+        for (std::ptrdiff_t x = 0; x < to.width; ++x) {
+          const int left = columns[x];
+          const int right = std::min(left + 1, from.width - 1);
+          target[x * channels] =
+              source[left] * (1.0F - fractions[x]) + source[right] * fractions[x];
+        }
+      }
+    };
+    for (int y = begin; y < end; ++y) {
+      const float position = static_cast<float>((y + 0.5) * scale_y - 0.5);
+      const int row = cvFloor(position);
+      const float fraction = position - static_cast<float>(row);
+      const int above = std::min(std::max(row, 0), from.height - 1);
+      const int below = std::min(std::max(row + 1, 0), from.height - 1);
+      if (held_row[1] == above) {
+        std::swap(held[0], held[1]);
+        std::swap(held_row[0], held_row[1]);
+      }
+      if (held_row[0] != above) fill(0, above);
+      if (held_row[1] != below) fill(1, below);
+      // The factor is a power of two: the same wherever it is applied.
+      const float weight_above = (1.0F - fraction) * factor;
+      const float weight_below = fraction * factor;
+      const float* const first = held[0];
+      const float* const second = held[1];
+      auto* const target = out.ptr<float>(y);
+      for (int i = 0; i < length; ++i) {
+        target[i] = first[i] * weight_above + second[i] * weight_below;
+      }
+    }
+  });
 }
 
 }  // namespace cv::optflow::lum

@@ -121,6 +121,9 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
   void computeStructureTensor(const kernels::SearchArgs& args);
   void searchPatches(const kernels::SearchArgs& args);
   void densify(const kernels::SearchArgs& args);
+  /// Fills `out`, of one channel or two, with the components times `factor`, interpolated
+  /// bilinearly.
+  void resizeFlow(const Mat* components, float factor, Mat& out);
   void writeFlow(int finest, Size size, InputOutputArray flow);
 
   int finest_scale = 2;
@@ -148,9 +151,9 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
   // finest scale.
   Mat Sx, Sy;
   Mat I0xx_buf, I0yy_buf, I0xy_buf, I0x_buf, I0y_buf;
-  Mat weight_sums;    // per pixel of the current scale
-  Mat column_sums;    // scratch of the structure tensor
-  Mat merged_flow;    // two channels, finest scale
+  Mat weight_sums;                                    // per pixel of the current scale
+  Mat column_sums;                                    // scratch of the structure tensor
+  Mat resize_columns, resize_fractions, resize_rows;  // scratch of resizeFlow
   Mat split_flow[2];  // components of the initial flow, full resolution
 
   std::vector<Ptr<VariationalRefinement>> variational_refinement;

@@ -115,6 +115,9 @@ extern const Kernels kBaselineKernels;  // what the compiler's target has: SSE2,
 #ifdef LUM_HAVE_AVX2_KERNELS
 extern const Kernels kAvx2Kernels;  // AVX2 with FMA
 #endif
+#ifdef LUM_HAVE_AVX512_KERNELS
+extern const Kernels kAvx512Kernels;  // refinement for AVX-512 F, CD, BW, DQ, VL; else as AVX2
+#endif
 
 /// The set used by all objects: the widest that the processor has and OpenCV has not switched off,
 /// or the one that was forced.

@@ -3,4 +3,4 @@
 
 #define LUM_KERNELS kBaselineKernels
 #define LUM_KERNELS_NAME "baseline"
-#include "flow_kernels.simd.hpp"
+#include "flow_kernels.inc"
