@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "flow_kernels.h"
+#include "huge_pages.h"
 #include "parallel_for.h"
 
 namespace cv::optflow::lum {
@@ -142,6 +143,8 @@ void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat&
     const Size size = sizeAt(i0.size(), i);
     Ux[at].create(size, CV_32FC1);
     Uy[at].create(size, CV_32FC1);
+    adviseHugePages(Ux[at]);
+    adviseHugePages(Uy[at]);
     VariationalRefinement& refinement = *variational_refinement[at];
     refinement.setAlpha(variational_refinement_alpha);
     refinement.setDelta(variational_refinement_delta);
@@ -309,6 +312,7 @@ void DISOpticalFlowImpl::writeFlow(int finest, Size size, InputOutputArray flow)
   const Mat components[2] = {Ux[at], Uy[at]};
   flow.create(size, CV_32FC2);
   Mat out = flow.getMat();
+  adviseHugePages(out);
   resizeFlow(components, static_cast<float>(1 << finest), out);
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "flow_kernels.h"
+#include "huge_pages.h"
 #include "parallel_for.h"
 
 namespace cv::optflow::lum {
@@ -31,6 +32,7 @@ int aligned(int count) { return (count + 15) / 16 * 16; }
 void createZeroed(Mat& mat, int rows, int cols) {
   if (mat.rows == rows && mat.cols == cols) return;
   mat.create(rows, cols, CV_32FC1);
+  adviseHugePages(mat);
   mat.setTo(0);
 }
 
