@@ -345,14 +345,11 @@ void profile(const Images& images, int rounds) {
   line("pyramids, gradients", medianOf(pyramids),
        text("reads %.1f GB/s, OpenCV's", 2e-6 * double(images.i0.total()) / medianOf(pyramids), 0));
   line("search", medianOf(search),
-       text("%.0f ns per patch: arithmetic, data from the cache",
-            1e6 * medianOf(search) / (pixels / 16), 0));
+       text("%.0f ns per patch", 1e6 * medianOf(search) / (pixels / 16), 0));
   line("densification", medianOf(densification),
-       text("%.1f ns per pixel: loads, stores and divisions of 4 patches",
-            1e6 * medianOf(densification) / pixels, 0));
+       text("%.1f ns per pixel", 1e6 * medianOf(densification) / pixels, 0));
   line("refinement", medianOf(refinement),
-       text("%.0f ns per pixel; planes pass at %.1f GB/s, beside the solver's ring of rows",
-            1e6 * medianOf(refinement) / pixels,
+       text("%.0f ns per pixel; planes pass at %.1f GB/s", 1e6 * medianOf(refinement) / pixels,
             pixels * 4 * (9 + 5 * (9 + 4)) * 1e-6 / medianOf(refinement)));
   line("upscaling and output", rest,
        text("first touch of the output's pages alone %.2f ms, copying it warm %.2f ms",

@@ -20,9 +20,8 @@ inline void adviseHugePages(const Mat& mat) {
   constexpr std::size_t kWorthIt = std::size_t{4} << 20;
   const std::size_t size = mat.total() * mat.elemSize();
   if (!mat.isContinuous() || size < kWorthIt) return;
-  const auto begin = (reinterpret_cast<std::uintptr_t>(mat.data) + kPage - 1) / kPage * kPage;
-  const auto end = (reinterpret_cast<std::uintptr_t>(mat.data) + size) / kPage * kPage;
-  madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+  const std::size_t skipped = (kPage - reinterpret_cast<std::uintptr_t>(mat.data) % kPage) % kPage;
+  madvise(mat.data + skipped, (size - skipped) / kPage * kPage, MADV_HUGEPAGE);
 #else
   static_cast<void>(mat);
 #endif
