@@ -58,7 +58,7 @@ enum FlowPlane { kFlowU, kFlowV };
 constexpr int kFlowHalves = 2 * 2;
 constexpr int kTerms = 3 * 3;  // a, b, c of the residuals r_i = c_i + a_i u + b_i v
 constexpr int kTermHalves = 2 * kTerms;
-constexpr int kSolverHalves = 2 * (3 + 9);
+constexpr int kSolverHalves = 2 * (3 + 5);
 
 struct RefineArgs {
   int w, h;
@@ -67,18 +67,18 @@ struct RefineArgs {
 
   const std::uint8_t* i0;
   std::ptrdiff_t i0_stride;
-  const std::uint8_t* i1;
-  std::ptrdiff_t i1_stride;
   float* u;  // in and out
   float* v;
   std::ptrdiff_t u_stride, v_stride;
 
-  float* second;   // the second image, whole rows; row h repeats row h - 1
+  const std::uint8_t* second;  // the second image; three bytes behind each row, and row h, are read
+  std::ptrdiff_t second_stride;
   float* terms;    // kTermHalves half rows per row
   float* flow[2];  // kFlowHalves per row; rows -1 and h exist. Read and written in turns.
 
   const float* has_left[2];  // 1 or 0 per element of a half row, by the half row's first x
   const float* has_right[2];
+  const float* exists[2];  // 0 beyond the row
 
   float alpha, delta, gamma, omega;
   int half_sweeps;  // per outer iteration
@@ -90,7 +90,10 @@ struct Band {
   float* natural;   // a ring of kNaturalRows rows of kNaturalPlanes
   float* solver;    // a ring of solver_rows rows of kSolverHalves half rows
   float* zeros;     // a half row
-  int solver_rows;  // a power of two, at least 3 + half_sweeps
+  int solver_rows;  // a power of two, at least half_sweeps + block_steps + 2
+  // The order of the half sweeps, see `solve`.
+  int block_steps;
+  int group_sweeps;  // even
 };
 
 /// The functions of one instruction set. All row and stripe ranges are [begin, end).
@@ -101,8 +104,6 @@ struct Kernels {
   void (*search)(const SearchArgs&, int begin_patch_row, int end_patch_row);
   void (*densify)(const SearchArgs&, int begin_row, int end_row);
 
-  /// `second` from `i1`.
-  void (*importRows)(const RefineArgs&, int begin, int end);
   /// `terms` and `flow[0]` of a band, from `second`, `i0`, `u` and `v`.
   void (*termRows)(const RefineArgs&, const Band&);
   /// One outer iteration on a band: from `flow[iteration % 2]` into the other one, or into `u` and

@@ -26,12 +26,30 @@ constexpr int kMinPixelsPerBand = 3000;
 constexpr int kLargestSide = 16384;  // offsets into the second image are 32 bits wide
 constexpr int kMostSweeps = 1000;
 
+/// Half rows of the solver that a group of half sweeps may hold in the nearest cache.
+constexpr int kGroupBytes = 32 << 10;
+constexpr int kBlockSteps = 16;
+
 int aligned(int count) { return (count + 15) / 16 * 16; }
 
-/// Rows of float planes, zero at first: what lies beside the pixels is read and must be finite.
-void createZeroed(Mat& mat, int rows, int cols) {
+/// Floats of a row. Rows whose distance is about a multiple of a page are moved apart: their equal
+/// columns share lines of the nearest cache and look alike to the processor's check whether a load
+/// depends on a store.
+int rowStride(int floats) {
+  constexpr int kLine = 16;
+  constexpr int kPage = 64;
+  constexpr int kNear = 8;
+  constexpr int kApart = 19;
+  const int lines = (floats + kLine - 1) / kLine;
+  const int beyond = (lines + kNear) % kPage - kNear;
+  const bool near = lines >= kPage - kNear && beyond < kNear;
+  return (near ? lines + kApart - beyond : lines) * kLine;
+}
+
+/// Rows of planes, zero at first: what lies beside the pixels is read and must be finite.
+void createZeroed(Mat& mat, int rows, int cols, int type = CV_32FC1) {
   if (mat.rows == rows && mat.cols == cols) return;
-  mat.create(rows, cols, CV_32FC1);
+  mat.create(rows, cols, type);
   adviseHugePages(mat);
   mat.setTo(0);
 }
@@ -75,31 +93,41 @@ void VariationalRefinement::allocate(Size size, int bands) {
     size_ = size;
   }
   // Two vectors behind each row: the last of a row is read and written whole.
-  const int natural_cols = kPad + aligned(w) + 3 * kPad;
-  const int half_cols = kPad + aligned((w + 1) / 2) + 2 * kPad;
-  createZeroed(second_, h + 1, natural_cols);
+  const int natural_cols = rowStride(kPad + aligned(w) + 3 * kPad);
+  const int half_cols = rowStride(kPad + aligned((w + 1) / 2) + 2 * kPad);
+  createZeroed(second_, h + 1, aligned(w + 3), CV_8UC1);
   createZeroed(terms_, h * kTermHalves, half_cols);
   for (Mat& flow : flow_) createZeroed(flow, (h + 2) * kFlowHalves, half_cols);
   createZeroed(natural_, bands * kNaturalRows * kNaturalPlanes, natural_cols);
-  createZeroed(solver_, bands * (solverRows() * kSolverHalves + 1), half_cols);
+  createZeroed(solver_, bands * (solver_rows_ * kSolverHalves + 1), half_cols);
   if (edge_masks_.cols != half_cols) {
-    createZeroed(edge_masks_, 4, half_cols);
+    createZeroed(edge_masks_, 6, half_cols);
     for (int odd = 0; odd < 2; ++odd) {
       float* has_left = edge_masks_.ptr<float>(odd);
       float* has_right = edge_masks_.ptr<float>(2 + odd);
+      float* exists = edge_masks_.ptr<float>(4 + odd);
       for (int x = odd; x < w; x += 2) {
         has_left[x / 2] = x > 0 ? 1.0F : 0.0F;
         has_right[x / 2] = x + 1 < w ? 1.0F : 0.0F;
+        exists[x / 2] = 1.0F;
       }
     }
   }
 }
 
-/// Rows of the solver's ring.
-int VariationalRefinement::solverRows() const {
-  int rows = 4;
-  while (rows < 2 * sweeps_ + 3) rows *= 2;
-  return rows;
+/// Chooses the order of the half sweeps and the rows of the solver's ring.
+void VariationalRefinement::planSolver(int width) {
+  // A group of g half sweeps reads systems of g half rows and the three kinds of unknowns of both
+  // colours in g + 1 rows.
+  const int half_row = (width + 1) / 2 * static_cast<int>(sizeof(float));
+  const auto bytes = [&](int sweeps) { return (5 * sweeps + 6 * (sweeps + 1)) * half_row; };
+  group_sweeps_ = 2;
+  while (group_sweeps_ < 2 * sweeps_ && bytes(group_sweeps_ + 2) <= kGroupBytes) group_sweeps_ += 2;
+  const bool fits = bytes(group_sweeps_) <= kGroupBytes;
+  if (!fits) group_sweeps_ = 2 * sweeps_;
+  block_steps_ = fits ? kBlockSteps : 1;
+  solver_rows_ = 4;
+  while (solver_rows_ < 2 * sweeps_ + block_steps_ + 2) solver_rows_ *= 2;
 }
 
 void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v) {
@@ -117,27 +145,29 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
   const int bands =
       std::max(1, std::min({getNumThreads(), h / (2 * halo),
                             static_cast<int>(std::min(pixels / kMinPixelsPerBand, 1024.0))}));
+  planSolver(size.width);
   allocate(size, bands);
+  i1.copyTo(second_(Rect(Point(), size)));
 
   RefineArgs args{};
   args.w = size.width;
   args.h = h;
-  args.natural_stride = second_.cols;
+  args.natural_stride = natural_.cols;
   args.half_stride = terms_.cols;
   args.i0 = i0.ptr();
   args.i0_stride = static_cast<std::ptrdiff_t>(i0.step);
-  args.i1 = i1.ptr();
-  args.i1_stride = static_cast<std::ptrdiff_t>(i1.step);
   args.u = u.ptr<float>();
   args.v = v.ptr<float>();
   args.u_stride = static_cast<std::ptrdiff_t>(u.step1());
   args.v_stride = static_cast<std::ptrdiff_t>(v.step1());
-  args.second = second_.ptr<float>() + kPad;
+  args.second = second_.ptr();
+  args.second_stride = static_cast<std::ptrdiff_t>(second_.step);
   args.terms = terms_.ptr<float>() + kPad;
   for (int i = 0; i < 2; ++i) {
     args.flow[i] = flow_[i].ptr<float>(kFlowHalves) + kPad;
     args.has_left[i] = edge_masks_.ptr<float>(i);
     args.has_right[i] = edge_masks_.ptr<float>(2 + i);
+    args.exists[i] = edge_masks_.ptr<float>(4 + i);
   }
   args.alpha = alpha_;
   args.delta = delta_;
@@ -151,17 +181,15 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
     band.begin = begin(index);
     band.end = begin(index + 1);
     band.natural = natural_.ptr<float>(index * kNaturalRows * kNaturalPlanes) + kPad;
-    band.solver_rows = solverRows();
-    const int solver_halves = band.solver_rows * kSolverHalves;
+    band.solver_rows = solver_rows_;
+    band.block_steps = block_steps_;
+    band.group_sweeps = group_sweeps_;
+    const int solver_halves = solver_rows_ * kSolverHalves;
     band.solver = solver_.ptr<float>(index * (solver_halves + 1)) + kPad;
     band.zeros = band.solver + solver_halves * args.half_stride;
     return band;
   };
   const Kernels& table = kernels::activeKernels();
-  parallelFor(bands, [&](int i) {
-    const Band band = bandAt(i);
-    table.importRows(args, band.begin, band.end);
-  });
   parallelFor(bands, [&](int i) { table.termRows(args, bandAt(i)); });
   for (int iteration = 0; iteration < iterations_; ++iteration) {
     const bool last = iteration + 1 == iterations_;

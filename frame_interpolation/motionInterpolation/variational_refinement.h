@@ -62,7 +62,7 @@ class VariationalRefinement {
  private:
   void checkParameters() const;
   void allocate(Size size, int bands);
-  int solverRows() const;
+  void planSolver(int width);
 
   float alpha_ = 20.0F;
   float delta_ = 5.0F;
@@ -72,7 +72,10 @@ class VariationalRefinement {
   float omega_ = 1.6F;
 
   Size size_;
-  Mat second_;      // the second image in floats, padded
+  int solver_rows_ = 0;  // of the ring
+  int block_steps_ = 0;
+  int group_sweeps_ = 0;
+  Mat second_;      // the second image, padded
   Mat terms_;       // data terms, rows split into red and black pixels
   Mat flow_[2];     // likewise: before and after an outer iteration
   Mat natural_;     // per band: a ring of rows of warped images and derivatives
