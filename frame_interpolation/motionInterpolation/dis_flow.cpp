@@ -19,6 +19,7 @@ constexpr int kPropagationStripes = 8;
 /// Pixels of a pyramid level beyond which all threads share its work.
 constexpr int kSharedPixels = 1 << 20;
 constexpr int kMinPixelsPerStripe = 1 << 14;
+constexpr int kMinPixelsToShare = 1000;
 
 /// Callers match on where a check is: the reported place is part of the interface.
 void require(bool condition, const char* text, int line) {
@@ -33,19 +34,21 @@ int gridSide(int side, int patch_size, int stride) {
   return side < patch_size ? 0 : 1 + (side - patch_size) / stride;
 }
 
-/// Splits `count` rows into stripes of equal height, the last ones less or none.
+/// Splits `count` rows into stripes of equal height, the last ones less or none, and calls
+/// `body(begin, end, stripe)` for each; one after the other unless `shared`.
 template <typename Body>
-void parallelStripes(int count, int stripes, const Body& body) {
-  const int rows = stripes > 0 ? (count + stripes - 1) / stripes : count;
-  if (stripes <= 1) {
-    body(0, count);
-    return;
-  }
-  parallelFor(stripes, [&](int stripe) {
+void forStripes(int count, int stripes, bool shared, const Body& body) {
+  const int rows = (count + stripes - 1) / stripes;
+  const auto work = [&](int stripe) {
     const int begin = std::min(stripe * rows, count);
     const int end = std::min(begin + rows, count);
-    if (begin < end) body(begin, end);
-  });
+    if (begin < end) body(begin, end, stripe);
+  };
+  if (shared) {
+    parallelFor(stripes, work);
+  } else {
+    for (int stripe = 0; stripe < stripes; ++stripe) work(stripe);
+  }
 }
 
 }  // namespace
@@ -159,7 +162,7 @@ void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat&
     mat->create(1, std::max(patches, 1), CV_32FC1);
   }
   weight_sums.create(finest_size, CV_32FC1);
-  column_sums.create(kPropagationStripes, 5 * finest_size.width, CV_32SC1);
+  column_sums.create(searchStripes(), 5 * finest_size.width, CV_32SC1);
   resize_columns.create(1, i0.cols, CV_32SC1);
   resize_fractions.create(1, i0.cols, CV_32FC1);
   resize_rows.create(2 * std::max(getNumThreads(), 1), 2 * i0.cols, CV_32FC1);
@@ -220,25 +223,24 @@ kernels::SearchArgs DISOpticalFlowImpl::searchArgs(int scale, bool use_initial_f
   return args;
 }
 
-void DISOpticalFlowImpl::computeStructureTensor(const kernels::SearchArgs& args) {
-  // Integer sums: they do not depend on where a stripe begins.
-  const int rows = (hs + kPropagationStripes - 1) / kPropagationStripes;
-  parallelStripes(hs, kPropagationStripes, [&](int begin, int end) {
-    kernels::activeKernels().structureTensor(args, begin, end, column_sums.ptr<int>(begin / rows));
-  });
+int DISOpticalFlowImpl::searchStripes() const {
+  // Propagation reaches as far as a stripe: a fixed number of them makes the result independent of
+  // the threads. Without it patches do not depend on each other.
+  return use_spatial_propagation ? kPropagationStripes : std::max(getNumThreads(), 1);
 }
 
 void DISOpticalFlowImpl::searchPatches(const kernels::SearchArgs& args) {
-  // Propagation reaches as far as a stripe: a fixed number of them makes the result independent of
-  // the threads. Without it patches do not depend on each other.
-  const int stripes = use_spatial_propagation ? kPropagationStripes : getNumThreads();
-  parallelStripes(hs, stripes,
-                  [&](int begin, int end) { kernels::activeKernels().search(args, begin, end); });
+  const kernels::Kernels& table = kernels::activeKernels();
+  forStripes(hs, searchStripes(), w * h >= kMinPixelsToShare, [&](int begin, int end, int stripe) {
+    table.structureTensor(args, begin, end, column_sums.ptr<int>(stripe));
+    table.search(args, begin, end);
+  });
 }
 
 void DISOpticalFlowImpl::densify(const kernels::SearchArgs& args) {
-  parallelStripes(h, getNumThreads(),
-                  [&](int begin, int end) { kernels::activeKernels().densify(args, begin, end); });
+  const kernels::Kernels& table = kernels::activeKernels();
+  forStripes(h, std::max(getNumThreads(), 1), w * h >= kMinPixelsToShare,
+             [&](int begin, int end, int) { table.densify(args, begin, end); });
 }
 
 void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flow) {
@@ -283,7 +285,6 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
     if (ws > 0) {
       any_patch = true;
       const kernels::SearchArgs args = searchArgs(i, use_initial_flow);
-      computeStructureTensor(args);
       searchPatches(args);
       densify(args);
       if (variational_refinement_iter > 0) {
@@ -340,11 +341,9 @@ void DISOpticalFlowImpl::resizeFlow(const Mat* components, float factor, Mat& ou
   const double scale_y = scale(from.height, to.height);
   const auto most = static_cast<int>(std::max<std::size_t>(out.total() / kMinPixelsPerStripe, 1));
   const int stripes = std::min({getNumThreads(), most, resize_rows.rows / 2});
-  const int rows = (to.height + stripes - 1) / stripes;
-  parallelStripes(to.height, stripes, [&](int begin, int end) {
+  forStripes(to.height, stripes, true, [&](int begin, int end, int stripe) {
     // The last two source rows, interpolated along x.
-    float* held[2] = {resize_rows.ptr<float>(2 * (begin / rows)),
-                      resize_rows.ptr<float>(2 * (begin / rows) + 1)};
+    float* held[2] = {resize_rows.ptr<float>(2 * stripe), resize_rows.ptr<float>(2 * stripe + 1)};
     int held_row[2] = {-1, -1};
     const auto fill = [&](int slot, int row) {
       held_row[slot] = row;

@@ -118,7 +118,7 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
                       int coarsest);
   void setScale(int scale);
   kernels::SearchArgs searchArgs(int scale, bool use_initial_flow);
-  void computeStructureTensor(const kernels::SearchArgs& args);
+  int searchStripes() const;
   void searchPatches(const kernels::SearchArgs& args);
   void densify(const kernels::SearchArgs& args);
   /// Fills `out`, of one channel or two, with the components times `factor`, interpolated
