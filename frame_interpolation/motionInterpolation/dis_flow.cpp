@@ -165,7 +165,7 @@ void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat&
   column_sums.create(searchStripes(), 5 * finest_size.width, CV_32SC1);
   resize_columns.create(1, i0.cols, CV_32SC1);
   resize_fractions.create(1, i0.cols, CV_32FC1);
-  resize_rows.create(2 * std::max(getNumThreads(), 1), 2 * i0.cols, CV_32FC1);
+  resize_rows.create(4 * std::max(getNumThreads(), 1), 2 * i0.cols, CV_32FC1);
 }
 
 void DISOpticalFlowImpl::setScale(int scale) {
@@ -292,9 +292,9 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
       }
     }
     if (i > finest) {
-      for (std::vector<Mat>* flows : {&Ux, &Uy}) {
-        resizeFlow(&(*flows)[at], 2.0F, (*flows)[at - 1]);
-      }
+      const Mat from[2] = {Ux[at], Uy[at]};
+      Mat to[2] = {Ux[at - 1], Uy[at - 1]};
+      resizeFlow(from, 2.0F, to, 2);
     }
   }
   I0s[0].release();
@@ -314,13 +314,14 @@ void DISOpticalFlowImpl::writeFlow(int finest, Size size, InputOutputArray flow)
   flow.create(size, CV_32FC2);
   Mat out = flow.getMat();
   adviseHugePages(out);
-  resizeFlow(components, static_cast<float>(1 << finest), out);
+  resizeFlow(components, static_cast<float>(1 << finest), &out, 1);
 }
 
-void DISOpticalFlowImpl::resizeFlow(const Mat* components, float factor, Mat& out) {
-  const int channels = out.channels();
+void DISOpticalFlowImpl::resizeFlow(const Mat (&components)[2], float factor, Mat* outs,
+                                    int planes) {
+  const int channels = 2 / planes;
   const Size from = components[0].size();
-  const Size to = out.size();
+  const Size to = outs[0].size();
   const int length = to.width * channels;
   const auto scale = [](int source, int target) {
     return 1.0 / (static_cast<double>(target) / source);
@@ -339,16 +340,21 @@ void DISOpticalFlowImpl::resizeFlow(const Mat* components, float factor, Mat& ou
   }
 
   const double scale_y = scale(from.height, to.height);
-  const auto most = static_cast<int>(std::max<std::size_t>(out.total() / kMinPixelsPerStripe, 1));
-  const int stripes = std::min({getNumThreads(), most, resize_rows.rows / 2});
-  forStripes(to.height, stripes, true, [&](int begin, int end, int stripe) {
+  const auto most =
+      static_cast<int>(std::max<std::size_t>(outs[0].total() / kMinPixelsPerStripe, 1));
+  const int stripes = std::max(std::min(getNumThreads(), most), 1);
+  const int rows = (to.height + stripes - 1) / stripes;
+  parallelFor(planes * stripes, [&](int task) {
+    const int plane = task / stripes;
+    const int begin = std::min(task % stripes * rows, to.height);
+    const int end = std::min(begin + rows, to.height);
     // The last two source rows, interpolated along x.
-    float* held[2] = {resize_rows.ptr<float>(2 * stripe), resize_rows.ptr<float>(2 * stripe + 1)};
+    float* held[2] = {resize_rows.ptr<float>(2 * task), resize_rows.ptr<float>(2 * task + 1)};
     int held_row[2] = {-1, -1};
     const auto fill = [&](int slot, int row) {
       held_row[slot] = row;
       for (int c = 0; c < channels; ++c) {
-        const float* source = components[c].ptr<float>(row);
+        const float* source = components[plane + c].ptr<float>(row);
         float* target = held[slot] + c;
         for (std::ptrdiff_t x = 0; x < to.width; ++x) {
           const int left = columns[x];
@@ -375,7 +381,7 @@ void DISOpticalFlowImpl::resizeFlow(const Mat* components, float factor, Mat& ou
       const float weight_below = fraction * factor;
       const float* const first = held[0];
       const float* const second = held[1];
-      auto* const target = out.ptr<float>(y);
+      auto* const target = outs[plane].ptr<float>(y);
       for (int i = 0; i < length; ++i) {
         target[i] = first[i] * weight_above + second[i] * weight_below;
       }

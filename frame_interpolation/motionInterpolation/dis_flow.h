@@ -121,9 +121,9 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
   int searchStripes() const;
   void searchPatches(const kernels::SearchArgs& args);
   void densify(const kernels::SearchArgs& args);
-  /// Fills `out`, of one channel or two, with the components times `factor`, interpolated
-  /// bilinearly.
-  void resizeFlow(const Mat* components, float factor, Mat& out);
+  /// Fills `outs` with the components times `factor`, interpolated bilinearly: two planes of one
+  /// channel, or one of two.
+  void resizeFlow(const Mat (&components)[2], float factor, Mat* outs, int planes);
   void writeFlow(int finest, Size size, InputOutputArray flow);
 
   int finest_scale = 2;

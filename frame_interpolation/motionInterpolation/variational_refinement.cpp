@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <thread>
 
 #include "flow_kernels.h"
 #include "huge_pages.h"
@@ -100,6 +101,10 @@ void VariationalRefinement::allocate(Size size, int bands) {
   for (Mat& flow : flow_) createZeroed(flow, (h + 2) * kFlowHalves, half_cols);
   createZeroed(natural_, bands * kNaturalRows * kNaturalPlanes, natural_cols);
   createZeroed(solver_, bands * (solver_rows_ * kSolverHalves + 1), half_cols);
+  if (begun_.size() != static_cast<std::size_t>(bands)) {
+    begun_ = std::vector<std::atomic<int>>(static_cast<std::size_t>(bands));
+    done_ = std::vector<std::atomic<int>>(static_cast<std::size_t>(bands));
+  }
   if (edge_masks_.cols != half_cols) {
     createZeroed(edge_masks_, 6, half_cols);
     for (int odd = 0; odd < 2; ++odd) {
@@ -189,12 +194,51 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
     band.zeros = band.solver + solver_halves * args.half_stride;
     return band;
   };
+  // Per band: the data terms, then the iterations. A band waits only for the two beside it, whose
+  // rows it reads. Each worker prefers its own band and takes over one that no worker has begun:
+  // the phase that another one waits for is thus done or in the hands of a running worker, however
+  // few of them come.
   const Kernels& table = kernels::activeKernels();
-  parallelFor(bands, [&](int i) { table.termRows(args, bandAt(i)); });
-  for (int iteration = 0; iteration < iterations_; ++iteration) {
-    const bool last = iteration + 1 == iterations_;
-    parallelFor(bands, [&](int i) { table.solve(args, bandAt(i), iteration, last); });
+  const int phases = iterations_ + 1;
+  const auto atBand = [](std::vector<std::atomic<int>>& counts, int band) -> std::atomic<int>& {
+    return counts[static_cast<std::size_t>(band)];
+  };
+  for (int band = 0; band < bands; ++band) {
+    atBand(begun_, band).store(0, std::memory_order_relaxed);
+    atBand(done_, band).store(0, std::memory_order_relaxed);
   }
+  const auto isDone = [&](int band, int phases_done) {
+    return band < 0 || band >= bands ||
+           atBand(done_, band).load(std::memory_order_acquire) >= phases_done;
+  };
+  const auto runPhase = [&](int band, int phase) {
+    if (phase == 0) {
+      table.termRows(args, bandAt(band));
+    } else {
+      table.solve(args, bandAt(band), phase - 1, phase == iterations_);
+    }
+    atBand(done_, band).store(phase + 1, std::memory_order_release);
+  };
+  parallelFor(bands, [&](int worker) {
+    for (bool finished = false; !finished;) {
+      finished = true;
+      bool worked = false;
+      for (int i = 0; i < bands && !worked; ++i) {
+        const int band = (worker + i) % bands;
+        int phase = atBand(begun_, band).load(std::memory_order_relaxed);
+        finished = finished && isDone(band, phases);
+        worked = phase < phases && isDone(band, phase) && isDone(band - 1, phase) &&
+                 isDone(band + 1, phase) &&
+                 atBand(begun_, band).compare_exchange_strong(phase, phase + 1);
+        if (worked) runPhase(band, phase);
+      }
+      if (worked) {
+        finished = false;
+      } else if (!finished) {
+        std::this_thread::yield();
+      }
+    }
+  });
 }
 
 }  // namespace cv::optflow::lum

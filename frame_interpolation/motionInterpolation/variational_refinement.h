@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <opencv2/core.hpp>
+#include <vector>
 
 namespace cv::optflow::lum {
 
@@ -70,6 +72,9 @@ class VariationalRefinement {
   int iterations_ = 5;
   int sweeps_ = 5;
   float omega_ = 1.6F;
+
+  std::vector<std::atomic<int>> begun_;  // per band: phases
+  std::vector<std::atomic<int>> done_;
 
   Size size_;
   int solver_rows_ = 0;  // of the ring
