@@ -6,5 +6,5 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh lint
 git ls-files '*.cpp' '*.h' '*.hpp' '*.inc' | xargs clang-format-14 --dry-run -Werror
 cmake --preset release >/dev/null
-files=${1:-"$PWD/(src|qvxmedia|frame_interpolation|raw_bayer|tests|bench|examples)/"}
+files=${1:-"$PWD/(src|qvxmedia|frame_interpolation|raw_bayer|tests|bench|fuzz|examples)/"}
 run-clang-tidy-14 -quiet -p build/release "$files" 2>/dev/null | sed '/^clang-tidy-14 /d'
