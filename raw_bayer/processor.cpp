@@ -134,7 +134,8 @@ class RepairStripe {
         last_(last),
         width_(static_cast<size_t>(image.width)),
         above_(std::min(Rule::kReach, first)),
-        halo_(width_ * 2 * Rule::kReach) {
+        halo_(width_ * 2 * Rule::kReach),
+        ring_(width_ * kRing) {
     for (int i = 0; i < above_; ++i) {
       std::copy_n(Row(image, first - above_ + i), width_, Halo(i));
     }
@@ -144,7 +145,6 @@ class RepairStripe {
   }
 
   void Run(const kernels::Screen& screen) {
-    ring_.resize(width_ * kRing);
     std::fill(std::begin(saved_), std::end(saved_), -1);
     for (int y = std::max(first_, Rule::kKeptRows);
          y < std::min(last_, image_.height - Rule::kKeptRows); ++y) {

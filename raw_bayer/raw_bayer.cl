@@ -34,6 +34,9 @@ void store_uhsort(__global ushort* image, int x, int y, int width, int height,
 // e = floor(log2(limit)) and rate = mantissa * 2^exponent that is, in integers,
 //   sample * 2^shift > mantissa * (limit * 2^(24 - e) + 1),  shift = 24 - e - exponent.
 bool outshines(uint sample, uint limit, float rate) {
+  if (as_uint(rate) >= 0x7f800000u) {
+    return false;  // Infinite, not a number or with a minus sign: no quotient is above 0.
+  }
   if (sample == 0 || limit == 0) {
     return sample != 0;  // The quotient of a positive sample never rounds to 0.
   }

@@ -216,8 +216,7 @@ kernels::SearchArgs DISOpticalFlowImpl::searchArgs(int scale, bool use_initial_f
   args.patch_stride = std::min(patch_stride, kLargestStride);
   args.border = border_size;
   args.passes = use_spatial_propagation ? 2 : 1;
-  args.inner_iterations = static_cast<int>(
-      std::floor(static_cast<float>(grad_descent_iter) / static_cast<float>(args.passes)));
+  args.inner_iterations = grad_descent_iter / args.passes;
   args.mean_normalization = use_mean_normalization;
   args.spatial_propagation = use_spatial_propagation;
   return args;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <thread>
 
 #include "flow_kernels.h"
@@ -199,7 +200,7 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
   // the phase that another one waits for is thus done or in the hands of a running worker, however
   // few of them come.
   const Kernels& table = kernels::activeKernels();
-  const int phases = iterations_ + 1;
+  const int phases = std::min(iterations_, std::numeric_limits<int>::max() - 1) + 1;
   const auto atBand = [](std::vector<std::atomic<int>>& counts, int band) -> std::atomic<int>& {
     return counts[static_cast<std::size_t>(band)];
   };
@@ -215,7 +216,7 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
     if (phase == 0) {
       table.termRows(args, bandAt(band));
     } else {
-      table.solve(args, bandAt(band), phase - 1, phase == iterations_);
+      table.solve(args, bandAt(band), phase - 1, phase + 1 == phases);
     }
     atBand(done_, band).store(phase + 1, std::memory_order_release);
   };

@@ -17,6 +17,7 @@ namespace cv::optflow::lum {
 /// Algorithm: Brox, Bruhn, Papenberg, Weickert, "High Accuracy Optical Flow Estimation Based on a
 /// Theory for Warping", ECCV 2004; data terms normalised as in Zimmer, Bruhn, Weickert, "Optic Flow
 /// in Harmony", IJCV 2011.
+/// Precision: single. Weights a million times apart leave only rounding of the weaker term.
 /// Threads: not thread-safe, one thread at a time per object; `refine` runs in `parallel_for_` and
 /// gives bit for bit the same result for any number of threads.
 /// Ownership: owns its working buffers and keeps them between calls of one size.

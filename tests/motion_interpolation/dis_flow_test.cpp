@@ -238,12 +238,18 @@ TEST_F(DisFlow, UsesAnInitialFlowOfTheRightSizeAndTypeOnly) {
 }
 
 TEST_F(DisFlow, SurvivesInitialFlowsThatAreNotNumbers) {
-  const ImagePair pair = makePair(64, 48, shift(1, 0));
+  // On noise anything wins over a bad match; 61 columns leave room beside a row of the refinement.
+  ImagePair noise = makePair(61, 48, shift(1, 0));
+  cv::theRNG().fill(noise.i0, cv::RNG::UNIFORM, 0, 256);
+  cv::theRNG().fill(noise.i1, cv::RNG::UNIFORM, 0, 256);
   const auto engine = DISOpticalFlow::create();
   engine->setFinestScale(0);
-  for (const float value : {std::nanf(""), INFINITY, -INFINITY, 1e30F, -1e9F}) {
-    const cv::Mat initial(pair.i0.size(), CV_32FC2, cv::Scalar::all(value));
-    EXPECT_TRUE(cv::checkRange(calc(*engine, pair, initial))) << value;
+  const cv::Mat good = calc(*engine, noise);
+  for (const float value : {std::nanf(""), INFINITY, -INFINITY, 1e30F, -1e20F, 1e9F}) {
+    const cv::Mat initial(noise.i0.size(), CV_32FC2, cv::Scalar::all(value));
+    EXPECT_TRUE(cv::checkRange(calc(*engine, noise, initial))) << value;
+    EXPECT_EQ(cv::norm(calc(*engine, noise), good, cv::NORM_INF), 0.0)
+        << "the call after " << value;
   }
 }
 
@@ -470,8 +476,9 @@ ImagePair refinable(int width, int height) {
 }
 
 TEST_F(Refinement, AgreesWithThePlainReferenceOnEveryInstructionSet) {
-  for (const cv::Size size : {cv::Size(1, 1), cv::Size(1, 9), cv::Size(2, 2), cv::Size(17, 5),
-                              cv::Size(32, 16), cv::Size(97, 61)}) {
+  for (const cv::Size size :
+       {cv::Size(1, 1), cv::Size(1, 9), cv::Size(2, 2), cv::Size(17, 5), cv::Size(32, 16),
+        cv::Size(97, 61), cv::Size(351, 40), cv::Size(650, 64)}) {
     const ImagePair pair = refinable(size.width, size.height);
     lum_reference::RefineParams params;
     params.iterations = 3;
@@ -503,6 +510,23 @@ TEST_F(Refinement, LeavesAFlowWithoutTermsAlone) {
   const ImagePair pair = refinable(40, 30);
   EXPECT_LE(cv::norm(refine(pair, {0, 0, 0}), pair.flow, cv::NORM_INF), 1e-5);
   EXPECT_TRUE(sameBits(refine(pair, {20, 5, 10, 0}), pair.flow));
+}
+
+TEST_F(Refinement, ForgetsFlowsThatAreNotNumbers) {
+  const ImagePair pair = refinable(31, 24);  // an odd width: a place without a pixel ends a row
+  const auto refinement = VariationalRefinement::create();
+  for (const float last : {0.0F, std::nanf(""), 1e20F}) {
+    cv::Mat parts[2];
+    cv::split(pair.flow, parts);
+    parts[0].at<float>(12, 30) += last;
+    refinement->refine(pair.i0, pair.i1, parts[0], parts[1]);
+  }
+  cv::Mat parts[2];
+  cv::split(pair.flow, parts);
+  refinement->refine(pair.i0, pair.i1, parts[0], parts[1]);
+  cv::Mat flow;
+  cv::merge(parts, 2, flow);
+  EXPECT_TRUE(sameBits(flow, refine(pair, {})));
 }
 
 TEST_F(Refinement, RefusesBadParameters) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <opencv2/core.hpp>
 #include <opencv2/core/ocl.hpp>
 #include <string>
@@ -103,6 +104,21 @@ TEST_F(KernelSourceTest, RepairsInPlace) {
     Run(square ? "kernel_fixBadPixels2" : "kernel_fixBadPixels", {48, 32}, Pointer(on_device), 2.0F,
         image.cols, image.rows);
     EXPECT_TRUE(Same(on_device, expected)) << "square " << square;
+  }
+}
+
+TEST_F(KernelSourceTest, RatesThatTheHostRefusesFollowTheRule) {
+  cv::Mat image = cv::Mat::zeros(7, 7, CV_16UC1);
+  reference::Put(image, 3, 3, 500);
+  for (const float rate : {-1.0F, -0.0F, INFINITY, -INFINITY, NAN, 0.0F}) {
+    for (const bool square : {false, true}) {
+      cv::Mat expected = image.clone();
+      (square ? reference::FixBadPixels2 : reference::FixBadPixels)(image, expected, rate);
+      cv::UMat on_device = image.getUMat(cv::ACCESS_READ).clone();
+      Run(square ? "kernel_fixBadPixels2" : "kernel_fixBadPixels", {8, 8}, Pointer(on_device), rate,
+          image.cols, image.rows);
+      EXPECT_TRUE(Same(on_device, expected)) << rate << " square " << square;
+    }
   }
 }
 
