@@ -55,11 +55,10 @@ struct H264Options {
 EncodedStream EncodeH264(const H264Options& options = {});
 
 struct AacOptions {
-  int sample_rate = 48000;
   int channels = 2;
   int milliseconds = 1000;
 };
-/// Time base 1 / sample_rate; the first packet is the encoder's priming, with a pts below zero.
+/// 48 kHz, time base 1 / 48000; the first packet is the encoder's priming, with a pts below zero.
 EncodedStream EncodeAac(const AacOptions& options = {});
 
 /// The stream as a track of the MP4 writer, rescaled to `timescale`. Decode times begin at 0; what
