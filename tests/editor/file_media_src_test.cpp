@@ -15,31 +15,17 @@
 #include <utility>
 #include <vector>
 
-#include "av_toolbox/ffmpeg_util.h"
+#include "av_toolbox/media_files.h"
 #include "editor/fake_media_src.h"
 #include "eventloop/loop_testing.h"
-#include "support/av_encode.h"
-#include "support/camm_samples.h"
 #include "support/log_capture.h"
 #include "support/memory_source.h"
-#include "support/mp4_writer.h"
-#include "support/temp_dir.h"
 
 namespace lum {
 namespace {
 
 using namespace ::motrace::testing;  // NOLINT(google-build-using-namespace): the fixtures' names
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::Ge;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::IsSupersetOf;
-using ::testing::Le;
-using ::testing::SizeIs;
+using namespace ::testing;           // NOLINT(google-build-using-namespace): the matchers' names
 using Strings = std::vector<std::string>;
 using Ranges = std::vector<FileMediaSrc::Range>;
 
@@ -200,35 +186,10 @@ class Hold {
   std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
-// Milliseconds as ticks; one sample every `duration` of them.
-Mp4Track MotionTrack(int samples, uint32_t duration = 20) {
-  Mp4Track track = Mp4Track::Camm(1000);
-  for (int i = 0; i < samples; ++i) track.Add(GyroSample({static_cast<float>(i), 0, 0}), duration);
-  return track;
-}
-
-Mp4Track VideoTrack(int frames, int b_frames = 0) {
-  H264Options options;
-  options.frames = frames;
-  options.b_frames = b_frames;
-  return ToMp4Track(EncodeH264(options), 90000);
-}
-
-class FileMediaSrcTest : public ::testing::Test {
+class FileMediaSrcTest : public MediaFileTest {
  protected:
-  FileMediaSrcTest() { InitFFmpeg(); }
-
-  std::string Write(const std::vector<Mp4Track>& tracks) {
-    WriteMp4(PathOf("input.mp4"), tracks);
-    return PathOf("input.mp4");
-  }
   /// A second of video (B-frames, a key frame every half), 1.024 s of sound, a second of motion.
-  std::string WriteCamera() {
-    return Write({VideoTrack(30, 2), ToMp4Track(EncodeAac(), 48000), MotionTrack(50)});
-  }
-  [[nodiscard]] std::string PathOf(const std::string& name) const { return directory_ / name; }
-
-  TempDir directory_;
+  std::string WriteCamera() { return Write({VideoTrack(), AudioTrack(), MotionTrack(50)}); }
 };
 
 TEST_F(FileMediaSrcTest, ConsumersAreOpenedToldFedEndedAndClosedInOrder) {
@@ -306,27 +267,24 @@ TEST_F(FileMediaSrcTest, ProgressIsThePositionInTheWholeOrInTheRanges) {
 // ---- the end estimate
 
 TEST_F(FileMediaSrcTest, EstimatesTheEndFromTheLongerOfVideoAndAudio) {
-  AacOptions sound;
-  sound.milliseconds = 20;
-  const Mp4Track short_sound = ToMp4Track(EncodeAac(sound), 48000, /*with_edit_list=*/false);
-  {
-    SourceRun run(Write({VideoTrack(30), short_sound}));
-    EXPECT_EQ(run.ToTheEnd(), Ended(1000)) << "the last picture decodes at 967 ms, lasts 33";
+  const struct {
+    int frames;
+    int sound_ms;
+    bool rates_known;
+    int64_t end_ms;
+  } cases[] = {{30, 20, true, 1000},   // the last picture decodes at 967 ms and lasts 33
+               {2, 1000, true, 1024},  // 48 frames of sound, the first is the encoder's priming
+               {2, 20, false, 33}};    // missing rates count as no frame
+  for (const auto& c : cases) {
+    SourceRun run(Write({VideoTrack(c.frames, 0), AudioTrack(c.sound_ms, false)}));
+    run.video->on_call = [&](const std::string& call) {
+      if (c.rates_known || call == "open") return true;  // the sound is not yet
+      run.video->record->stream->avg_frame_rate = {0, 0};
+      run.audio->record->stream->codecpar->sample_rate = 0;
+      return true;
+    };
+    EXPECT_EQ(run.ToTheEnd(), Ended(c.end_ms));
   }
-  {
-    SourceRun run(Write({VideoTrack(2), ToMp4Track(EncodeAac(), 48000, false)}));
-    const Report report = run.ToTheEnd();
-    const int64_t last = av_rescale_q(run.audio->stamps.back().dts, {1, 48000}, {1, 1000});
-    EXPECT_EQ(report, Ended(last + 21));
-  }
-  SourceRun run(Write({VideoTrack(2), short_sound}));
-  run.video->on_call = [&](const std::string& call) {
-    if (call == "open") return true;  // the sound is not yet
-    run.video->record->stream->avg_frame_rate = {0, 0};
-    run.audio->record->stream->codecpar->sample_rate = 0;
-    return true;
-  };
-  EXPECT_EQ(run.ToTheEnd(), Ended(33)) << "missing rates count as no frame";
 }
 
 // ---- time stamps that are missing
@@ -343,8 +301,7 @@ TEST_F(FileMediaSrcTest, AMissingTimeStampStaysMissing) {
       packet.pts += 15;
       packet.dts += 15;
     }
-    MuxWithLibavformat(PathOf("v"), "matroska", &avc, nullptr, nullptr);
-    SourceRun run(PathOf("v"));
+    SourceRun run(Mux("matroska", avc));
     EXPECT_EQ(run.ToTheEnd(), Ended(933)) << "the last decodes at 900 ms and lasts 33";
     EXPECT_THAT(run.Calls("notify 1"), ElementsAre("video notify 1 500"));
     ASSERT_THAT(run.video->stamps, SizeIs(30));
@@ -354,8 +311,7 @@ TEST_F(FileMediaSrcTest, AMissingTimeStampStaysMissing) {
   }
   {
     SCOPED_TRACE("AVI stores no presentation times");
-    MuxWithLibavformat(PathOf("v"), "avi", &video, nullptr, nullptr);
-    SourceRun run(PathOf("v"));
+    SourceRun run(Mux("avi", video));
     run.ToTheEnd();
     ASSERT_THAT(run.video->stamps, SizeIs(30));
     EXPECT_EQ(run.video->stamps[29], (Stamps{kNone, 29}));
@@ -375,9 +331,7 @@ TEST_F(FileMediaSrcTest, AMissingTimeStampStaysMissing) {
 
 TEST_F(FileMediaSrcTest, RangesJoinWithoutAJump) {
   // Sound alone can be cut anywhere: one frame a 1024/48000 s.
-  AacOptions options;
-  options.milliseconds = 2000;
-  SourceRun run(Write({ToMp4Track(EncodeAac(options), 48000, /*with_edit_list=*/false)}));
+  SourceRun run(Write({AudioTrack(2000, /*with_edit_list=*/false)}));
   run.source->SetRanges({{200, 400}, {1000, 1100}, {500, 600}});
   EXPECT_EQ(run.ToTheEnd().first, 0);
   // Each range adds what was read of it. It begins with the frame at or before its start, which
@@ -390,13 +344,13 @@ TEST_F(FileMediaSrcTest, RangesJoinWithoutAJump) {
   // the rounding of a range's first position to milliseconds.
   const std::vector<Stamps>& stamps = run.audio->stamps;
   ASSERT_THAT(stamps, SizeIs(10 + 6 + 6));
-  for (size_t i = 0; i < stamps.size(); ++i) {
-    const int64_t base = i < 10 ? 0 : i < 16 ? 9840 : 15072;
-    const size_t first = i < 10 ? 0 : i < 16 ? 10 : 16;
-    EXPECT_NEAR(static_cast<double>(stamps[i].dts),
-                static_cast<double>(base) + 1024.0 * static_cast<double>(i - first), 24)
-        << "packet " << i;
-    EXPECT_EQ(stamps[i].pts, stamps[i].dts);
+  for (int64_t i = 0; i < 22; ++i) {
+    const Stamps packet = stamps[static_cast<size_t>(i)];
+    const int64_t expected = i < 10   ? i * 1024
+                             : i < 16 ? 9840 + (i - 10) * 1024
+                                      : 15072 + (i - 16) * 1024;
+    EXPECT_LE(std::abs(packet.dts - expected), 24) << "packet " << i;
+    EXPECT_EQ(packet.pts, packet.dts);
   }
 }
 
@@ -456,7 +410,7 @@ TEST_F(FileMediaSrcTest, WhateverEndsTheRunEndsThePause) {
 
 TEST_F(FileMediaSrcTest, SilentAudioKeepsUpWithTheVideoWithoutADrift) {
   for (const std::string consumers : {"va", "a"}) {
-    SourceRun run(Write({VideoTrack(90)}), consumers);
+    SourceRun run(Write({VideoTrack(90, 0)}), consumers);
     run.source->SetAddSilentAudio(true);
     run.audio->on_call = [&](const std::string& call) {
       if (call == "packet" && consumers == "va") {
@@ -528,12 +482,8 @@ TEST_F(FileMediaSrcTest, AConsumerThatRefusesToOpenFailsTheRunAndNothingIsRead) 
 }
 
 TEST_F(FileMediaSrcTest, AReadErrorIsReportedWithCodeOne) {
-  Mp4Track track = Mp4Track::Camm(1000);
-  for (int i = 0; i < 100; ++i) track.Add(Bytes(2000, 1), 10);
-  Mp4Layout layout;
-  layout.order = Mp4Order::kMoovFirst;
-  WriteMp4(PathOf("input.mp4"), {track}, layout);
-  const auto bytes = std::make_shared<MemorySource>(ReadFile(PathOf("input.mp4")));
+  const auto bytes =
+      std::make_shared<MemorySource>(ReadFile(Write({LongTrack()}, Mp4Order::kMoovFirst)));
   bytes->FailFrom(100000, AVERROR(EIO));
   SourceRun run("memory");
   run.source->SetIOSource(bytes);
@@ -562,7 +512,7 @@ class RefusalTest : public FileMediaSrcTest,
 TEST_P(RefusalTest, FailsTheRunWithTheConsumersError) {
   const auto& [refusal, throws] = GetParam();
   const std::string name = refusal.name;
-  SourceRun run(name == "SilentFrame" ? Write({VideoTrack(30)}) : WriteCamera());
+  SourceRun run(name == "SilentFrame" ? Write({VideoTrack(30, 0)}) : WriteCamera());
   run.source->SetAddSilentAudio(name == "SilentFrame");
   if (name == "NewRange") run.source->SetRanges({{0, 200}, {500, 700}});
   int left = refusal.nth;
