@@ -4,12 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -80,12 +77,6 @@ class RecordingConsumer : public PacketConsumer {
   Journal& journal_;
 };
 
-/// A state and, for an end, its time in milliseconds.
-using Report = std::pair<int32_t, std::optional<int64_t>>;
-Report Ended(int64_t end_ms) { return {0, end_ms}; }
-const Report kCancelled{1, std::nullopt};
-const Report kFailed{2, std::nullopt};
-
 /// A source with recording consumers, and what it reports.
 class SourceRun {
  public:
@@ -97,11 +88,11 @@ class SourceRun {
     if (kinds.find('d') != std::string::npos) source->SetDataConsumer(data);
     source->index = 7;
     source->state_callback = [this](MediaSrc::MediaSrcState state, const any& value) {
-      Report report{static_cast<int32_t>(state), std::nullopt};
-      if (value.type() != typeid(std::nullptr_t)) report.second = any_cast<int64_t>(value);
-      const std::lock_guard<std::mutex> lock(mutex_);
-      reports_.push_back(report);
-      reported_.notify_all();
+      std::string report = std::vector{"end", "cancel", "error"}.at(static_cast<size_t>(state));
+      if (value.type() != typeid(std::nullptr_t)) {
+        report += ' ' + std::to_string(any_cast<int64_t>(value));
+      }
+      reports.Add(report);
     };
   }
   ~SourceRun() { Finish(); }
@@ -112,27 +103,18 @@ class SourceRun {
     EXPECT_TRUE(source->Prepare());
     source->Start();
   }
-  /// The n-th report.
-  Report WaitFor(size_t n = 1) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (reported_.wait_for(lock, kHang, [&] { return reports_.size() >= n; })) {
-      return reports_[n - 1];
-    }
-    ADD_FAILURE() << "no report";
-    return {-1, std::nullopt};
-  }
-  std::vector<Report> Reports() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return reports_;
+  /// The n-th report: "end" and its time in milliseconds, "cancel" or "error".
+  std::string WaitFor(size_t n = 1) {
+    return reports.WaitFor(n) ? reports.Entries()[n - 1] : "nothing";
   }
   void Finish() {
     source->Close();
     source->Stop();
   }
   /// A whole run: the first report, everything closed.
-  Report ToTheEnd() {
+  std::string ToTheEnd() {
     Start();
-    const Report report = WaitFor();
+    const std::string report = WaitFor();
     Finish();
     return report;
   }
@@ -150,15 +132,11 @@ class SourceRun {
   }
 
   Journal journal;
+  Journal reports;
   std::shared_ptr<FileMediaSrc> source;
   std::shared_ptr<RecordingConsumer> video = std::make_shared<RecordingConsumer>("video", journal);
   std::shared_ptr<RecordingConsumer> audio = std::make_shared<RecordingConsumer>("audio", journal);
   std::shared_ptr<RecordingConsumer> data = std::make_shared<RecordingConsumer>("data", journal);
-
- private:
-  std::mutex mutex_;
-  std::condition_variable reported_;
-  std::vector<Report> reports_;  // guarded by mutex_
 };
 
 const Strings kAllClosed{"video close", "audio close", "data close"};
@@ -207,7 +185,7 @@ TEST_F(FileMediaSrcTest, ConsumersAreOpenedToldFedEndedAndClosedInOrder) {
     EXPECT_FALSE(info.ended);
     return true;
   };
-  EXPECT_EQ(run.ToTheEnd().first, 0);
+  EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
   Strings entries = run.journal.Entries();
   entries.erase(std::remove_if(entries.begin(), entries.end(),
                                [](const std::string& entry) {
@@ -234,7 +212,7 @@ TEST_F(FileMediaSrcTest, StreamsWithoutAConsumerAreDroppedButSetTheStart) {
   for (const bool read_all : {false, true}) {
     SourceRun run(WriteCamera(), "d");
     run.source->SetReadAllStreams(read_all);
-    EXPECT_EQ(run.ToTheEnd(), Ended(-1)) << "an end is estimated from video and audio alone";
+    EXPECT_EQ(run.ToTheEnd(), "end -1") << "an end is estimated from video and audio alone";
     ASSERT_THAT(run.data->stamps, SizeIs(50));
     EXPECT_EQ(run.data->stamps.front(), (Stamps{67, 67}));
     EXPECT_EQ(run.data->stamps.back(), (Stamps{67 + 980, 67 + 980}));
@@ -283,7 +261,7 @@ TEST_F(FileMediaSrcTest, EstimatesTheEndFromTheLongerOfVideoAndAudio) {
       run.audio->record->stream->codecpar->sample_rate = 0;
       return true;
     };
-    EXPECT_EQ(run.ToTheEnd(), Ended(c.end_ms));
+    EXPECT_EQ(run.ToTheEnd(), "end " + std::to_string(c.end_ms));
   }
 }
 
@@ -302,7 +280,7 @@ TEST_F(FileMediaSrcTest, AMissingTimeStampStaysMissing) {
       packet.dts += 15;
     }
     SourceRun run(Mux("matroska", avc));
-    EXPECT_EQ(run.ToTheEnd(), Ended(933)) << "the last decodes at 900 ms and lasts 33";
+    EXPECT_EQ(run.ToTheEnd(), "end 933") << "the last decodes at 900 ms and lasts 33";
     EXPECT_THAT(run.Calls("notify 1"), ElementsAre("video notify 1 500"));
     ASSERT_THAT(run.video->stamps, SizeIs(30));
     EXPECT_EQ(run.video->stamps[0], (Stamps{0, kNone}));
@@ -322,7 +300,7 @@ TEST_F(FileMediaSrcTest, AMissingTimeStampStaysMissing) {
   SourceRun run("memory");
   run.source->SetIOSource(std::make_shared<MemorySource>(stream));
   run.source->SetPaced(true);
-  EXPECT_EQ(run.ToTheEnd().first, 0);
+  EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
   EXPECT_THAT(run.video->stamps, AllOf(SizeIs(30), Each(Stamps{kNone, kNone})));
   EXPECT_THAT(run.Calls("notify 1"), IsEmpty());
 }
@@ -333,7 +311,7 @@ TEST_F(FileMediaSrcTest, RangesJoinWithoutAJump) {
   // Sound alone can be cut anywhere: one frame a 1024/48000 s.
   SourceRun run(Write({AudioTrack(2000, /*with_edit_list=*/false)}));
   run.source->SetRanges({{200, 400}, {1000, 1100}, {500, 600}});
-  EXPECT_EQ(run.ToTheEnd().first, 0);
+  EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
   // Each range adds what was read of it. It begins with the frame at or before its start, which
   // counts as zero, and ends with the first one at or behind its end: at 405, 1109 and 619 ms.
   EXPECT_THAT(run.Calls("notify"),
@@ -357,7 +335,7 @@ TEST_F(FileMediaSrcTest, RangesJoinWithoutAJump) {
 TEST_F(FileMediaSrcTest, EveryStreamLearnsItsOwnOffsetWhenReadingJumps) {
   SourceRun run(WriteCamera());
   run.source->SetRanges({{0, 200}, {500, 700}});
-  EXPECT_EQ(run.ToTheEnd().first, 0);
+  EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
   // The packet at 200 ms ends the first range: 200 ms in 1/90000, 1/48000 and 1/1000 s.
   EXPECT_THAT(run.Calls("notify 2"),
               ElementsAre("video notify 2 18000", "audio notify 2 9600", "data notify 2 200"));
@@ -369,7 +347,7 @@ TEST_F(FileMediaSrcTest, EmptyAndBackwardRangesEnd) {
         Ranges{{INT64_MIN, INT64_MAX}, {INT64_MAX, INT64_MIN}}, Ranges{{5000, 6000}}}) {
     SourceRun run(WriteCamera());
     run.source->SetRanges(ranges);
-    EXPECT_EQ(run.ToTheEnd().first, 0);
+    EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
   }
 }
 
@@ -386,7 +364,7 @@ TEST_F(FileMediaSrcTest, PacedReadingTakesTheLengthOfWhatItReads) {
     }
     return true;
   };
-  EXPECT_EQ(run.ToTheEnd().first, 0);
+  EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
   EXPECT_THAT(run.data->packets, SizeIs(4));
 }
 
@@ -402,7 +380,7 @@ TEST_F(FileMediaSrcTest, WhateverEndsTheRunEndsThePause) {
     (run.source.get()->*end)();
     run.Finish();
     EXPECT_THAT(run.data->packets, SizeIs(1));
-    EXPECT_THAT(run.Reports(), SizeIs(end == &FileMediaSrc::Interrupt ? 1 : 0));
+    EXPECT_THAT(run.reports.Entries(), SizeIs(end == &FileMediaSrc::Interrupt ? 1 : 0));
   }
 }
 
@@ -419,14 +397,14 @@ TEST_F(FileMediaSrcTest, SilentAudioKeepsUpWithTheVideoWithoutADrift) {
       }
       return true;
     };
-    const Report report = run.ToTheEnd();
+    const std::string report = run.ToTheEnd();
     const AVCodecParameters& parameters = *run.audio->record->params;
     EXPECT_EQ(parameters.codec_id, AV_CODEC_ID_AAC);
     EXPECT_EQ(parameters.sample_rate, 48000);
     EXPECT_EQ(parameters.ch_layout.nb_channels, 2);
     EXPECT_EQ(parameters.format, AV_SAMPLE_FMT_FLTP);
     // The last picture decodes at 89 / 30 s: 2967 ms, one frame before the end.
-    EXPECT_EQ(report, Ended(consumers == "va" ? 3000 : 2965 + 21));
+    EXPECT_EQ(report, consumers == "va" ? "end 3000" : "end 2986");
     ASSERT_THAT(run.audio->stamps, SizeIs(2967 * 48000 / 1024000 + 1));
     for (size_t i = 0; i < run.audio->stamps.size(); ++i) {
       const int64_t ms = static_cast<int64_t>(i) * 1024000 / 48000;  // 0, 21, 42, 64, ...
@@ -439,15 +417,14 @@ TEST_F(FileMediaSrcTest, SilentAudioKeepsUpWithTheVideoWithoutADrift) {
 }
 
 TEST_F(FileMediaSrcTest, SilentAudioIsNotAddedToAFileWithSoundOrWithoutVideo) {
-  SourceRun with_sound(WriteCamera());
-  with_sound.source->SetAddSilentAudio(true);
-  with_sound.ToTheEnd();
-  for (const auto& packet : with_sound.audio->packets) EXPECT_GT(packet->size, 0);
-  SourceRun motion_alone(Write({MotionTrack(5)}));
-  motion_alone.source->SetAddSilentAudio(true);
-  EXPECT_EQ(motion_alone.ToTheEnd().first, 0);
-  EXPECT_THAT(motion_alone.audio->packets, IsEmpty());
-  EXPECT_THAT(motion_alone.journal.Entries(), IsSupersetOf({"audio open", "audio close"}));
+  for (const bool with_sound : {true, false}) {
+    SourceRun run(with_sound ? WriteCamera() : Write({MotionTrack(5)}));
+    run.source->SetAddSilentAudio(true);
+    EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
+    EXPECT_EQ(run.audio->packets.empty(), !with_sound);
+    for (const auto& packet : run.audio->packets) EXPECT_GT(packet->size, 0);
+    EXPECT_THAT(run.journal.Entries(), IsSupersetOf({"audio open", "audio close"}));
+  }
 }
 
 // ---- failures
@@ -457,12 +434,12 @@ TEST_F(FileMediaSrcTest, AnInputThatCannotBeOpenedFailsWhenItIsStarted) {
   EXPECT_FALSE(run.source->Prepare());
   EXPECT_EQ(run.source->error_code, 1);
   EXPECT_EQ(run.source->open_result(), AVERROR(ENOENT));
-  EXPECT_THAT(run.Reports(), IsEmpty()) << "nothing is reported before the start";
+  EXPECT_THAT(run.reports.Entries(), IsEmpty()) << "nothing is reported before the start";
   run.source->Start();
-  EXPECT_EQ(run.WaitFor(), kFailed);
+  EXPECT_EQ(run.WaitFor(), "error");
   run.Finish();
   EXPECT_THAT(run.journal.Entries(), IsEmpty());
-  EXPECT_THAT(run.Reports(), SizeIs(1));
+  EXPECT_THAT(run.reports.Entries(), SizeIs(1));
 }
 
 TEST_F(FileMediaSrcTest, AConsumerThatRefusesToOpenFailsTheRunAndNothingIsRead) {
@@ -474,7 +451,7 @@ TEST_F(FileMediaSrcTest, AConsumerThatRefusesToOpenFailsTheRunAndNothingIsRead) 
   EXPECT_FALSE(run.source->Prepare());
   EXPECT_EQ(run.source->error_code, 61);
   run.source->Start();
-  EXPECT_EQ(run.WaitFor(), kFailed);
+  EXPECT_EQ(run.WaitFor(), "error");
   run.Finish();
   // Those that were closed while preparing are not closed again.
   EXPECT_THAT(run.journal.Entries(), ElementsAre("video open", "audio open", "data open",
@@ -487,7 +464,7 @@ TEST_F(FileMediaSrcTest, AReadErrorIsReportedWithCodeOne) {
   bytes->FailFrom(100000, AVERROR(EIO));
   SourceRun run("memory");
   run.source->SetIOSource(bytes);
-  EXPECT_EQ(run.ToTheEnd(), kFailed);
+  EXPECT_EQ(run.ToTheEnd(), "error");
   EXPECT_EQ(run.source->error_code, 1);
   EXPECT_EQ(run.source->read_result(), AVERROR(EIO));
   EXPECT_THAT(run.data->stamps, SizeIs(AllOf(Ge(30U), Le(60U))));
@@ -528,9 +505,9 @@ TEST_P(RefusalTest, FailsTheRunWithTheConsumersError) {
   run.WaitFor();
   run.Finish();
   const bool fails = throws || refusal.by_answer_too;
-  const std::vector<Report> reports = run.Reports();
+  const Strings reports = run.reports.Entries();
   ASSERT_THAT(reports, SizeIs(refusal.reports));
-  EXPECT_EQ(reports.back().first, fails ? 2 : 0);
+  EXPECT_THAT(reports.back(), StartsWith(fails ? "error" : "end"));
   EXPECT_EQ(run.source->error_code, fails ? 41 : 0);
   // All are closed all the same, and nothing is told or read after the refusal.
   EXPECT_EQ(run.journal.Entries().back(), name == "SilentFrame" ? "audio close" : "data close");
@@ -571,9 +548,9 @@ TEST_F(FileMediaSrcTest, AnInterruptWhileReadingEndsIt) {
   EXPECT_TRUE(run.video->record->ended && run.audio->record->ended);
   EXPECT_FALSE(run.data->record->ended) << "the data record is marked only at the end of the input";
   third.LetGo();
-  EXPECT_EQ(run.WaitFor(), kCancelled);
+  EXPECT_EQ(run.WaitFor(), "cancel");
   run.source->Interrupt();
-  EXPECT_EQ(run.WaitFor(2), kCancelled) << "each is reported";
+  EXPECT_EQ(run.WaitFor(2), "cancel") << "each is reported";
   run.Finish();
   EXPECT_THAT(run.data->packets, SizeIs(3)) << "no packet after the interrupt";
   EXPECT_THAT(run.journal.Entries(),
@@ -592,12 +569,12 @@ TEST_F(FileMediaSrcTest, AnInterruptBeforeTheStartIsReportedWithIt) {
     ASSERT_TRUE(run.source->Prepare());
     if (!while_opening) run.source->Interrupt();
     EXPECT_THAT(run.journal.Entries(), Contains("data interrupt"));
-    EXPECT_THAT(run.Reports(), IsEmpty()) << "there is no thread yet to report on";
+    EXPECT_THAT(run.reports.Entries(), IsEmpty()) << "there is no thread yet to report on";
     run.source->Start();
-    EXPECT_EQ(run.WaitFor(), kCancelled);
+    EXPECT_EQ(run.WaitFor(), "cancel");
     run.Finish();
     EXPECT_THAT(run.data->packets, IsEmpty());
-    EXPECT_THAT(run.Reports(), SizeIs(1));
+    EXPECT_THAT(run.reports.Entries(), SizeIs(1));
   }
 }
 
@@ -608,8 +585,8 @@ TEST_F(FileMediaSrcTest, AnInterruptWhileTheEndIsToldIsReportedAfterIt) {
   end.Wait();
   run.source->Interrupt();
   end.LetGo();
-  EXPECT_EQ(run.WaitFor(2), kCancelled);
-  EXPECT_EQ(run.Reports()[0].first, 0);
+  EXPECT_EQ(run.WaitFor(2), "cancel");
+  EXPECT_THAT(run.WaitFor(), StartsWith("end"));
 }
 
 TEST_F(FileMediaSrcTest, NothingComesAfterClose) {
@@ -622,13 +599,13 @@ TEST_F(FileMediaSrcTest, NothingComesAfterClose) {
   run.source->Close();
   EXPECT_EQ(run.LastThree(), kAllClosed);
   run.source->Interrupt();
-  EXPECT_EQ(run.WaitFor(), kCancelled) << "the thread still answers";
+  EXPECT_EQ(run.WaitFor(), "cancel") << "the thread still answers";
   for (const int32_t what : {0, 1, 2, 5, 6, 99}) {  // events that come too late
     run.source->HandleEvent(std::make_shared<Event>(what));
   }
   run.source->Stop();
   EXPECT_EQ(run.LastThree(), (Strings{"video interrupt", "audio interrupt", "data interrupt"}));
-  EXPECT_THAT(run.Reports(), SizeIs(1));
+  EXPECT_THAT(run.reports.Entries(), SizeIs(1));
 }
 
 TEST_F(FileMediaSrcTest, ARunIsRecordedStepByStep) {
@@ -637,7 +614,7 @@ TEST_F(FileMediaSrcTest, ARunIsRecordedStepByStep) {
   {
     SourceRun run(path);
     run.Start();
-    EXPECT_EQ(run.WaitFor().first, 0);
+    EXPECT_THAT(run.WaitFor(), StartsWith("end"));
     run.source->Close();
     run.source->Close();
     run.source->Stop();
@@ -667,11 +644,11 @@ TEST_F(FileMediaSrcTest, NeverStartedItClosesAndStopsWithoutWaiting) {
     run.source->Close();
     run.source->Stop();
     run.source->Start();  // too late: nothing happens
-    EXPECT_THAT(run.Reports(), IsEmpty());
+    EXPECT_THAT(run.reports.Entries(), IsEmpty());
   }
   SourceRun unprepared(WriteCamera());
   unprepared.source->Start();
-  EXPECT_EQ(unprepared.WaitFor(), kFailed);
+  EXPECT_EQ(unprepared.WaitFor(), "error");
 }
 
 }  // namespace

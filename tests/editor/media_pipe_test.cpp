@@ -23,12 +23,8 @@
 namespace lum {
 namespace {
 
-using ::motrace::testing::Arrives;
-using ::motrace::testing::FakeMediaSrc;
-using ::motrace::testing::Journal;
-using ::motrace::testing::LogCapture;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace ::motrace::testing;  // NOLINT(google-build-using-namespace): the fixtures' names
+using namespace ::testing;           // NOLINT(google-build-using-namespace): the matchers' names
 
 constexpr auto kStarted = MediaPipe::kMediaPipeStarted;
 constexpr auto kEnded = MediaPipe::kMediaPipeEnded;
@@ -69,7 +65,7 @@ class PipeRig {
   }
 
   std::vector<std::string> Outcomes() const { return outcomes_.Entries(); }
-  [[nodiscard]] ::testing::AssertionResult HasOutcome() { return Arrives(first_); }
+  [[nodiscard]] ::testing::AssertionResult HasOutcome() { return outcomes_.WaitFor(1); }
 
   std::shared_ptr<Journal> journal = std::make_shared<Journal>();
   std::vector<std::shared_ptr<FakeMediaSrc>> srcs;
@@ -80,17 +76,13 @@ class PipeRig {
 
  private:
   void Outcome(const std::string& outcome) {
-    outcomes_.Add(outcome);
     state_in_callback = pipe->state();
     callback_thread = std::this_thread::get_id();
     if (on_outcome) on_outcome();
-    if (!reported_.exchange(true)) reported_promise_.set_value();
+    outcomes_.Add(outcome);
   }
 
   Journal outcomes_;
-  std::atomic<bool> reported_{false};
-  std::promise<void> reported_promise_;
-  std::future<void> first_ = reported_promise_.get_future();
   std::atomic<int> marker_at_{-1};
   std::promise<void> marker_;
 };
