@@ -197,18 +197,6 @@ TEST(MediaPipe, CallsBackOnItsOwnThreadOnceItsSourcesAreClosed) {
                                                   "close 0", "close 1", "stop 0", "stop 1"));
 }
 
-TEST(MediaPipe, CancelAsksEverySourceEachTime) {
-  PipeRig rig(2);
-  rig.Start();
-  rig.pipe->Cancel();
-  rig.pipe->Cancel();
-  ASSERT_TRUE(rig.Flush(2));
-  EXPECT_EQ(rig.srcs[0]->interrupts, rig.srcs[1]->interrupts);
-  EXPECT_GE(rig.srcs[1]->interrupts, 3);
-  EXPECT_EQ(rig.pipe->state(), kStarted);
-  EXPECT_THAT(rig.Outcomes(), IsEmpty());
-}
-
 // A consumer that fails to close has its source report an error from within Close.
 TEST(MediaPipe, AFailingCloseTurnsTheOutcomeIntoAnError) {
   const LogCapture log;
