@@ -252,7 +252,8 @@ TEST_F(FileMediaSrcTest, EstimatesTheEndFromTheLongerOfVideoAndAudio) {
     int64_t end_ms;
   } cases[] = {{30, 20, true, 1000},   // the last picture decodes at 967 ms and lasts 33
                {2, 1000, true, 1024},  // 48 frames of sound, the first is the encoder's priming
-               {2, 20, false, 33}};    // missing rates count as no frame
+               {2, 20, false, 33},     // missing rates count as no frame
+               {2, 1000, false, 1003}};
   for (const auto& c : cases) {
     SourceRun run(Write({VideoTrack(c.frames, 0), AudioTrack(c.sound_ms, false)}));
     run.video->on_call = [&](const std::string& call) {
@@ -473,69 +474,48 @@ TEST_F(FileMediaSrcTest, AReadErrorIsReportedWithCodeOne) {
 }
 
 // The audio consumer fails in one of its calls, by its answer or by an exception.
-struct Refusal {
-  const char* name;
-  const char* call;
-  int nth;
-  bool by_answer_too;  // an answer counts, not only an exception
-  size_t reports;
-};
-
-std::ostream& operator<<(std::ostream& out, const Refusal& refusal) { return out << refusal.name; }
-
-class RefusalTest : public FileMediaSrcTest,
-                    public ::testing::WithParamInterface<std::tuple<Refusal, bool>> {};
-
-TEST_P(RefusalTest, FailsTheRunWithTheConsumersError) {
-  const auto& [refusal, throws] = GetParam();
-  const std::string name = refusal.name;
-  SourceRun run(name == "SilentFrame" ? Write({VideoTrack(30, 0)}) : WriteCamera());
-  run.source->SetAddSilentAudio(name == "SilentFrame");
-  if (name == "NewRange") run.source->SetRanges({{0, 200}, {500, 700}});
-  int left = refusal.nth;
-  run.audio->on_call = [&, call = std::string(refusal.call),
-                        by_exception = throws](const std::string& made) {
-    run.audio->record->error = 41;
-    if (made.rfind(call, 0) != 0 || --left != 0) return true;
-    if (by_exception) throw std::runtime_error("out of luck");
-    return false;
-  };
-  const LogCapture log;
-  run.Start();
-  run.WaitFor();
-  run.Finish();
-  const bool fails = throws || refusal.by_answer_too;
-  const Strings reports = run.reports.Entries();
-  ASSERT_THAT(reports, SizeIs(refusal.reports));
-  EXPECT_THAT(reports.back(), StartsWith(fails ? "error" : "end"));
-  EXPECT_EQ(run.source->error_code, fails ? 41 : 0);
-  // All are closed all the same, and nothing is told or read after the refusal.
-  EXPECT_EQ(run.journal.Entries().back(), name == "SilentFrame" ? "audio close" : "data close");
-  if (name == "Packet" || name == "SilentFrame") {
-    EXPECT_THAT(run.audio->packets, SizeIs(refusal.nth));
-  } else if (name == "End" || name == "NewRange") {
-    EXPECT_THAT(run.Calls("data " + std::string(refusal.call)), IsEmpty());
+TEST_F(FileMediaSrcTest, AConsumerThatFailsEndsTheRunWithItsError) {
+  const struct {
+    const char* name;
+    const char* call;
+    int nth;
+    bool by_answer_too;  // an answer counts, not only an exception
+    size_t reports;
+  } cases[] = {{"start", "notify 1", 1, false, 1},     {"packet", "packet", 5, true, 1},
+               {"silent frame", "packet", 3, true, 1}, {"new range", "notify 2", 1, true, 1},
+               {"end", "notify 0", 1, true, 1},        {"close", "close", 1, true, 2}};
+  for (const auto& c : cases) {
+    for (const bool throws : {false, true}) {
+      const std::string name = c.name;
+      SCOPED_TRACE(name + (throws ? " throws" : " refuses"));
+      const bool silent = name == "silent frame";
+      SourceRun run(silent ? Write({VideoTrack(30, 0)}) : WriteCamera());
+      run.source->SetAddSilentAudio(silent);
+      if (name == "new range") run.source->SetRanges({{0, 200}, {500, 700}});
+      run.audio->on_call = [&, left = c.nth](const std::string& made) mutable {
+        run.audio->record->error = 41;
+        if (made.rfind(c.call, 0) != 0 || --left != 0) return true;
+        if (throws) throw std::runtime_error("out of luck");
+        return false;
+      };
+      const LogCapture log;
+      run.ToTheEnd();
+      const bool fails = throws || c.by_answer_too;
+      ASSERT_THAT(run.reports.Entries(), SizeIs(c.reports));
+      EXPECT_THAT(run.reports.Entries().back(), StartsWith(fails ? "error" : "end"));
+      EXPECT_EQ(run.source->error_code, fails ? 41 : 0);
+      // All are closed all the same, and nothing is told or read after the refusal.
+      EXPECT_EQ(run.journal.Entries().back(), silent ? "audio close" : "data close");
+      if (std::string(c.call) == "packet") {
+        EXPECT_THAT(run.audio->packets, SizeIs(c.nth));
+      } else if (name == "end" || name == "new range") {
+        EXPECT_THAT(run.Calls("data " + std::string(c.call)), IsEmpty());
+      }
+      EXPECT_TRUE(!fails || (run.video->record->ended && run.audio->record->ended));
+      EXPECT_EQ(log.Text().find("]consumer failed: out of luck\n") != std::string::npos, throws);
+    }
   }
-  if (fails) {
-    EXPECT_TRUE(run.video->record->ended);
-    EXPECT_TRUE(run.audio->record->ended);
-  }
-  EXPECT_EQ(log.Text().find("]consumer failed: out of luck\n") != std::string::npos, throws);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Calls, RefusalTest,
-    ::testing::Combine(::testing::Values(Refusal{"Start", "notify 1", 1, false, 1},
-                                         Refusal{"Packet", "packet", 5, true, 1},
-                                         Refusal{"SilentFrame", "packet", 3, true, 1},
-                                         Refusal{"NewRange", "notify 2", 1, true, 1},
-                                         Refusal{"End", "notify 0", 1, true, 1},
-                                         Refusal{"Close", "close", 1, true, 2}),
-                       ::testing::Bool()),
-    [](const auto& test) {
-      return std::string(std::get<0>(test.param).name) +
-             (std::get<1>(test.param) ? "Throws" : "Refuses");
-    });
 
 // ---- interrupts, and the end of reading
 
