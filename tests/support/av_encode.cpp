@@ -16,24 +16,15 @@ extern "C" {
 namespace motrace::testing {
 namespace {
 
-struct FreeCodecContext {
-  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-struct FreeFrame {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-struct FreePacket {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
 struct FreeOutput {
   void operator()(AVFormatContext* context) const {
     if (context->pb != nullptr) avio_closep(&context->pb);
     avformat_free_context(context);
   }
 };
-using CodecContext = std::unique_ptr<AVCodecContext, FreeCodecContext>;
-using Frame = std::unique_ptr<AVFrame, FreeFrame>;
-using Packet = std::unique_ptr<AVPacket, FreePacket>;
+using CodecContext = std::unique_ptr<AVCodecContext, Freer<avcodec_free_context>>;
+using Frame = std::unique_ptr<AVFrame, Freer<av_frame_free>>;
+using Packet = std::unique_ptr<AVPacket, Freer<av_packet_free>>;
 using Output = std::unique_ptr<AVFormatContext, FreeOutput>;
 
 int Check(int result, const std::string& what) {
@@ -221,7 +212,7 @@ Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale, bool w
 
 void MuxWithLibavformat(const std::filesystem::path& path, const std::string& format,
                         const EncodedStream* video, const EncodedStream* audio,
-                        const DataStream* data, const std::map<std::string, std::string>& options) {
+                        const DataStream* data, const std::string& movflags) {
   AVFormatContext* allocated = nullptr;
   Check(avformat_alloc_output_context2(&allocated, nullptr, format.c_str(), path.c_str()),
         "muxer " + format);
@@ -255,7 +246,7 @@ void MuxWithLibavformat(const std::filesystem::path& path, const std::string& fo
 
   output->flags |= AVFMT_FLAG_BITEXACT;
   AVDictionary* settings = nullptr;
-  for (const auto& [key, value] : options) av_dict_set(&settings, key.c_str(), value.c_str(), 0);
+  if (!movflags.empty()) av_dict_set(&settings, "movflags", movflags.c_str(), 0);
   int result = avio_open(&output->pb, path.c_str(), AVIO_FLAG_WRITE);
   if (result >= 0) result = avformat_write_header(output.get(), &settings);
   av_dict_free(&settings);
