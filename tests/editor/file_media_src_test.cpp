@@ -301,7 +301,7 @@ TEST_F(FileMediaSrcTest, AMissingTimeStampStaysMissing) {
   SourceRun run("memory");
   run.source->SetIOSource(std::make_shared<MemorySource>(stream));
   run.source->SetPaced(true);
-  EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
+  EXPECT_EQ(run.ToTheEnd(), "end 33") << "one frame";
   EXPECT_THAT(run.video->stamps, AllOf(SizeIs(30), Each(Stamps{kNone, kNone})));
   EXPECT_THAT(run.Calls("notify 1"), IsEmpty());
 }
@@ -350,6 +350,10 @@ TEST_F(FileMediaSrcTest, EmptyAndBackwardRangesEnd) {
     run.source->SetRanges(ranges);
     EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
   }
+  SourceRun run(Write({MotionTrack(50)}));
+  run.source->SetRanges({{0, 600}, {500, 100}});  // 200 ms in all
+  EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
+  EXPECT_THAT(run.data->packets, SizeIs(10));
 }
 
 // ---- pacing

@@ -311,7 +311,10 @@ TEST(RawBayer, BadInputIsRejectedByNameAndLeavesOutputsAlone) {
   constexpr int kHuge = std::numeric_limits<int>::max();
   ExpectRejected(split(border, 0), "border_size: expected at least 1, got 0");
   ExpectRejected(split(border, -kHuge), "border_size: expected at least 1");
-  ExpectRejected(split(border, 6), "border_size: expected one that leaves a 2 x 2 cell");
+  const cv::Mat narrow = border.colRange(0, 4);
+  const cv::Mat low = border.rowRange(0, 4);
+  ExpectRejected(split(narrow, 2), "border_size: expected one that leaves a 2 x 2 cell");
+  ExpectRejected(split(low, 2), "border_size: expected one that leaves a 2 x 2 cell");
   ExpectRejected(split(border, kHuge), "border_size: expected one that leaves a 2 x 2 cell");
   ExpectRejected(split(cv::Mat(1, 1, CV_16UC1), 1), "border_size: expected one that leaves");
   ExpectRejected(split(border.colRange(0, 11), 2), "even sides inside the border, got 7 x 8");
