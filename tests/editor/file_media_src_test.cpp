@@ -114,7 +114,7 @@ class SourceRun {
   /// A whole run: the first report, everything closed.
   std::string ToTheEnd() {
     Start();
-    const std::string report = WaitFor();
+    std::string report = WaitFor();
     Finish();
     return report;
   }

@@ -3,32 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
-#include <cstddef>
-#include <cstdlib>
 #include <new>
 
 #include "av_toolbox/codec_util.h"
 #include "camm_processed_filter.h"
+#include "failing_allocator.h"
 #include "support/camm_samples.h"
 #include "support/temp_dir.h"
-
-namespace {
-
-// While it is set, this program's `new` finds no memory for anything but small objects.
-std::atomic<bool> memory_is_out{false};
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  constexpr std::size_t kSmall = 400;
-  void* memory = memory_is_out && size >= kSmall ? nullptr : std::malloc(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
 
 namespace {
 

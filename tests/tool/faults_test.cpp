@@ -43,7 +43,7 @@ class FaultTest : public ::testing::Test {
   /// cannot be loaded: 127.
   ProcessResult Extract(ProcessOptions options = {}) {
     options.time_limit = std::chrono::seconds(10);
-    const ProcessResult run = RunTool({input().string(), out().string()}, options);
+    ProcessResult run = RunTool({input().string(), out().string()}, options);
     const bool limited = options.descriptor_limit + options.address_space_limit > 0;
     EXPECT_TRUE(run.exit_code == 0 || (limited && (run.exit_code == 1 || run.exit_code == 127)))
         << run.exit_code;
