@@ -90,6 +90,7 @@ std::vector<MessageCase> Cases() {
       {"CutInTheMiddle", {video, motion}, {"IN", "early"}, "over", 10'000, 100},
       {"CutWithinTheMotion", {video, motion}, {"IN", "early"}, "over", 1000},
       {"CutByAByte", {motion}, {"IN", "damaged or ends early: 1 motion"}, "over", 1},
+      {"CutByAPacket", {motion}, {"IN", "ends early: ", "motion packets were there"}, "over", 16},
       {"CutBehindTheMotion", {motion, video}, {"IN", "ends early: 10 bytes"}, "over", 10},
       {"NoPartner", {UnpairedTrack()}, {"34 accelerometer", "gyroscope"}},
       {"NoDirectory", {motion}, {"OUT", "No such file or directory"}, "error", 0, 0, "."},
