@@ -2,7 +2,10 @@
 #ifndef MOTRACE_TESTS_EDITOR_FAKE_MEDIA_SRC_H_
 #define MOTRACE_TESTS_EDITOR_FAKE_MEDIA_SRC_H_
 
+#include <gtest/gtest.h>
+
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -11,6 +14,7 @@
 #include <vector>
 
 #include "editor/media_src.h"
+#include "eventloop/loop_testing.h"
 
 namespace motrace::testing {
 
@@ -20,6 +24,15 @@ class Journal {
   void Add(std::string entry) {
     const std::lock_guard<std::mutex> lock(mutex_);
     entries_.push_back(std::move(entry));
+    added_.notify_all();
+  }
+  /// Returns once there are so many entries.
+  [[nodiscard]] ::testing::AssertionResult WaitFor(size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (added_.wait_for(lock, kHang, [&] { return entries_.size() >= count; })) {
+      return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "only " << entries_.size() << " entries";
   }
   [[nodiscard]] std::vector<std::string> Entries() const {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -28,6 +41,7 @@ class Journal {
 
  private:
   mutable std::mutex mutex_;
+  std::condition_variable added_;
   std::vector<std::string> entries_;  // guarded by mutex_
 };
 

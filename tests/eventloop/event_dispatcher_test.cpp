@@ -19,12 +19,7 @@
 namespace lum {
 namespace {
 
-using ::motrace::testing::Arrives;
-using ::motrace::testing::FunctionHandler;
-using ::motrace::testing::Gate;
-using ::motrace::testing::LogCapture;
-using ::motrace::testing::PassTime;
-using ::motrace::testing::TestLoop;
+using namespace ::motrace::testing;  // NOLINT(google-build-using-namespace): the fixtures' names
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using ::testing::Contains;
@@ -127,24 +122,22 @@ TEST(EventDispatcher, RefusesEventsUnlessItRuns) {
   const auto handler = std::make_shared<FunctionHandler>([](const Event&) { FAIL(); });
   const auto dispatcher = std::make_shared<EventDispatcher>();
   const LogCapture log;
-  const auto refused = [](const std::string& name, int what) {
-    return "ERROR " + kAt + "165 try to regsiter when not runnig:" + name +
-           " what:" + std::to_string(what);
+  const auto expect_refusal = [&](const std::string& name, int what) {
+    MakeEvent(what, handler, dispatcher)->PostWithDelay(what);
+    EXPECT_THAT(log.Lines(), Contains("ERROR " + kAt + "165 try to regsiter when not runnig:" +
+                                      name + " what:" + std::to_string(what)));
   };
   dispatcher->Stop();  // one that never ran: nothing to stop, no harm in a release
   dispatcher->Release();
-  MakeEvent(1, handler, dispatcher)->Post();
+  EXPECT_THAT(log.Lines(), ElementsAre("VERBOSE " + kAt + "160 [] dispatcher release"));
+  expect_refusal("", 0);
   dispatcher->SetName("named");
-  MakeEvent(-2, handler, dispatcher)->PostWithDelay(5);
-  EXPECT_THAT(log.Lines(), ElementsAre("VERBOSE " + kAt + "160 [] dispatcher release",
-                                       refused("", 1), refused("named", -2)));
+  expect_refusal("named", -2);
   dispatcher->Run();
   dispatcher->Stop();
-  MakeEvent(3, handler, dispatcher)->Post();
-  EXPECT_THAT(log.Lines(), Contains(refused("named", 3)));
+  expect_refusal("named", 3);
   dispatcher->Release();
-  MakeEvent(4, handler, dispatcher)->Post();
-  EXPECT_THAT(log.Lines(), Contains(refused("named", 4)));
+  expect_refusal("named", 4);
 }
 
 TEST(EventDispatcher, StopLetsTheHandlerFinishAndReleaseDropsTheRest) {

@@ -7,35 +7,28 @@
 
 #include "eventloop/event.h"
 #include "eventloop/event_dispatcher.h"
+#include "eventloop/loop_testing.h"
 #include "stress/stress_testing.h"
 #include "support/hang_guard.h"
 
 namespace motrace::testing {
 namespace {
 
-class Counter : public lum::EventHandler {
- public:
-  void HandleEvent(const std::shared_ptr<lum::Event>& event) override {
-    ++handled;
-    if (event->what() == kStop) stop();
-  }
-
-  static constexpr int32_t kStop = 1;
-  std::atomic<int> handled{0};
-  std::function<void()> stop;
-};
-
 // Several threads post, with and without delays, while another one, or a handler, stops the loop
 // and the owner releases it.
 TEST(DispatcherStress, PostingWhileItStopsLosesNoMemoryAndHangsNobody) {
   constexpr uint32_t kPosters = 3;
+  constexpr int32_t kStop = 1;
   const HangGuard guard("posting while a dispatcher stops", HangLimit());
   SCOPED_TRACE(Seed());
   Chance chance(Seed());
   for (int round = 0; round < Rounds(300); ++round) {
     const auto dispatcher = std::make_shared<lum::EventDispatcher>();
-    const auto handler = std::make_shared<Counter>();
-    handler->stop = [&dispatcher] { dispatcher->Stop(); };
+    std::atomic<int> handled{0};
+    const auto handler = std::make_shared<FunctionHandler>([&](const lum::Event& event) {
+      ++handled;
+      if (event.what() == kStop) dispatcher->Stop();
+    });
     const auto value = std::make_shared<int>(round);
     std::atomic<int> posted{0};
     dispatcher->Run();
@@ -54,7 +47,7 @@ TEST(DispatcherStress, PostingWhileItStopsLosesNoMemoryAndHangsNobody) {
     for (int s = 0; s < 2; ++s) {
       threads.emplace_back([&, by_handler = chance.Below(2) == 0, seed = chance.Next()] {
         Chance(seed).Dawdle();
-        if (by_handler) lum::MakeEvent(Counter::kStop, handler, dispatcher)->Post();
+        if (by_handler) lum::MakeEvent(kStop, handler, dispatcher)->Post();
         dispatcher->Stop();
       });
     }
@@ -62,7 +55,7 @@ TEST(DispatcherStress, PostingWhileItStopsLosesNoMemoryAndHangsNobody) {
     dispatcher->Stop();
     dispatcher->Release();  // while the others still post and stop
     for (std::thread& thread : threads) thread.join();
-    EXPECT_LE(handler->handled, posted + 2);
+    EXPECT_LE(handled, posted + 2);
     EXPECT_EQ(value.use_count(), 1) << "an event outlived its dispatcher";
   }
 }

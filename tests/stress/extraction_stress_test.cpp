@@ -223,41 +223,35 @@ TEST(ExtractionStress, TheTimeLimitMayPassInAnyStepOfTheSource) {
   const TempDir dir;
   const std::string input = MakeInput(dir);
 
-  const auto run_with = [&input](const auto& arrange, int32_t result, int packets) {
-    FileRun run(input);
-    std::promise<void> interrupted;
-    std::atomic<int> interrupts{0};
-    run.consumer->on_interrupt = [&] {
-      if (++interrupts == 1) interrupted.set_value();
-    };
-    arrange(*run.consumer, interrupted.get_future().share());
-    ASSERT_TRUE(run.pipe->Prepare());
-    EXPECT_EQ(lum::vela::RunPipe(run.pipe, 1, 1.0F, /*timeout_seconds=*/1), result);
-    run.pipe->Release();
-    EXPECT_EQ(run.consumer->packets, packets);
+  struct Step {
+    std::function<void()> StrictConsumer::*held;
+    std::chrono::milliseconds at_most;
+    int32_t result;
+    int packets;
   };
   std::vector<std::thread> runs;  // at once
-  runs.emplace_back(
-      run_with,
-      [](StrictConsumer& consumer, const std::shared_future<void>& interrupted) {
-        consumer.on_packet = [interrupted] { interrupted.wait(); };
-      },
-      /*result=*/1, /*packets=*/1);
-  runs.emplace_back(
-      run_with,
-      [](StrictConsumer& consumer, const std::shared_future<void>& interrupted) {
-        consumer.on_end = [interrupted] { interrupted.wait(); };
-      },
-      /*result=*/0, kSamples);
-  runs.emplace_back(
-      run_with,
-      [](StrictConsumer& consumer, const std::shared_future<void>& interrupted) {
-        // The pipe's thread waits for the close, so that no interrupt comes before it is over.
-        consumer.on_close = [interrupted] {
-          interrupted.wait_for(std::chrono::milliseconds(1700));
-        };
-      },
-      /*result=*/0, kSamples);
+  for (const Step& step :
+       {Step{&StrictConsumer::on_packet, kHang, 1, 1},
+        Step{&StrictConsumer::on_end, kHang, 0, kSamples},
+        // The pipe's thread waits for the close, so that no interrupt comes
+        // before it is over.
+        Step{&StrictConsumer::on_close, std::chrono::milliseconds(1700), 0, kSamples}}) {
+    runs.emplace_back([&input, step] {
+      FileRun run(input);
+      std::promise<void> interrupted;
+      std::atomic<int> interrupts{0};
+      run.consumer->on_interrupt = [&] {
+        if (++interrupts == 1) interrupted.set_value();
+      };
+      run.consumer.get()->*step.held = [&, limit = interrupted.get_future().share()] {
+        limit.wait_for(step.at_most);
+      };
+      ASSERT_TRUE(run.pipe->Prepare());
+      EXPECT_EQ(lum::vela::RunPipe(run.pipe, 1, 1.0F, /*timeout_seconds=*/1), step.result);
+      run.pipe->Release();
+      EXPECT_EQ(run.consumer->packets, step.packets);
+    });
+  }
   for (std::thread& run : runs) run.join();
 }
 

@@ -102,69 +102,53 @@ TEST(PipeStress, CanceledAndReleasedAtRandomMomentsReportsAtMostOnce) {
   }
 }
 
-// The runner's limit passes while the named step holds the pipe's thread or the source.
-struct LimitCase {
-  const char* name;
-  std::function<void(FakeMediaSrc&, const std::function<void()>& hold)> arrange;
-  int32_t result;
-};
-
-class RunnerLimit : public ::testing::TestWithParam<LimitCase> {};
-
-TEST_P(RunnerLimit, GivesOneResult) {
-  const HangGuard guard(GetParam().name, HangLimit());
-  constexpr int kPipes = 4;  // at once, in one process
+// The runner's limit passes while one of the source's steps holds the pipe's thread or the source.
+TEST(RunnerLimit, GivesOneResultInWhateverStepItPasses) {
+  using Hold = std::function<void()>;
+  const struct {
+    const char* step;
+    std::function<void(FakeMediaSrc&, const Hold& hold)> arrange;
+    int32_t result;
+  } cases[] = {{"start", [](auto& src, const Hold& hold) { src.on_start = hold; }, 1},
+               {"reading", [](auto& /*src*/, const Hold& /*hold*/) {}, 1},
+               {"the report of the end",
+                [](auto& src, const Hold& hold) {
+                  src.on_start = [&src] { src.End(); };
+                  src.on_close = hold;
+                },
+                0},
+               {"the report of the cancellation",
+                [](auto& src, const Hold& hold) {
+                  src.on_close = [&src, hold] {
+                    hold();
+                    src.End();
+                  };
+                },
+                1}};
+  const HangGuard guard("time limits", HangLimit());
+  constexpr int kPipes = 4;  // of each case, at once, in one process
   std::vector<std::thread> runs;
-  runs.reserve(kPipes);
-  for (int i = 0; i < kPipes; ++i) {
-    runs.emplace_back([] {
-      std::promise<void> never;
-      const auto past_the_limit = [limit = never.get_future().share()] {
-        limit.wait_for(std::chrono::milliseconds(1700));
-      };
-      const auto src = std::make_shared<FakeMediaSrc>();
-      GetParam().arrange(*src, past_the_limit);
-      const auto pipe = std::make_shared<lum::MediaPipe>();
-      pipe->AddSrc(src);
-      ASSERT_TRUE(pipe->Prepare());
-      EXPECT_EQ(lum::vela::RunPipe(pipe, 1, 1.0F, /*timeout_seconds=*/1), GetParam().result);
-      pipe->Release();
-      EXPECT_EQ(src->closes, 1);
-    });
+  for (const auto& c : cases) {
+    for (int i = 0; i < kPipes; ++i) {
+      runs.emplace_back([&c] {
+        std::promise<void> never;
+        const auto past_the_limit = [limit = never.get_future().share()] {
+          limit.wait_for(std::chrono::milliseconds(1700));
+        };
+        const auto src = std::make_shared<FakeMediaSrc>();
+        src->on_interrupt = [&src = *src] { src.BeCanceled(); };
+        c.arrange(*src, past_the_limit);
+        const auto pipe = std::make_shared<lum::MediaPipe>();
+        pipe->AddSrc(src);
+        EXPECT_TRUE(pipe->Prepare());
+        EXPECT_EQ(lum::vela::RunPipe(pipe, 1, 1.0F, /*timeout_seconds=*/1), c.result) << c.step;
+        pipe->Release();
+        EXPECT_EQ(src->closes, 1) << c.step;
+      });
+    }
   }
   for (std::thread& run : runs) run.join();
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    PipeStress, RunnerLimit,
-    ::testing::Values(LimitCase{"DuringStart",
-                                [](FakeMediaSrc& src, const std::function<void()>& hold) {
-                                  src.on_start = hold;
-                                  src.on_interrupt = [&src] { src.BeCanceled(); };
-                                },
-                                1},
-                      LimitCase{"DuringReading",
-                                [](FakeMediaSrc& src, const std::function<void()>& /*hold*/) {
-                                  src.on_interrupt = [&src] { src.BeCanceled(); };
-                                },
-                                1},
-                      LimitCase{"WhileTheEndIsReported",
-                                [](FakeMediaSrc& src, const std::function<void()>& hold) {
-                                  src.on_start = [&src] { src.End(); };
-                                  src.on_close = hold;
-                                  src.on_interrupt = [&src] { src.BeCanceled(); };
-                                },
-                                0},
-                      LimitCase{"WhileTheCancellationIsReported",
-                                [](FakeMediaSrc& src, const std::function<void()>& hold) {
-                                  src.on_interrupt = [&src] { src.BeCanceled(); };
-                                  src.on_close = [&src, hold] {
-                                    hold();
-                                    src.End();
-                                  };
-                                },
-                                1}),
-    [](const auto& limit) { return std::string(limit.param.name); });
 
 }  // namespace
 }  // namespace motrace::testing

@@ -9,7 +9,6 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstddef>
 #include <stdexcept>
@@ -17,24 +16,15 @@ extern "C" {
 namespace motrace::testing {
 namespace {
 
-struct FreeCodecContext {
-  void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
-struct FreeFrame {
-  void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-};
-struct FreePacket {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
 struct FreeOutput {
   void operator()(AVFormatContext* context) const {
     if (context->pb != nullptr) avio_closep(&context->pb);
     avformat_free_context(context);
   }
 };
-using CodecContext = std::unique_ptr<AVCodecContext, FreeCodecContext>;
-using Frame = std::unique_ptr<AVFrame, FreeFrame>;
-using Packet = std::unique_ptr<AVPacket, FreePacket>;
+using CodecContext = std::unique_ptr<AVCodecContext, Freer<avcodec_free_context>>;
+using Frame = std::unique_ptr<AVFrame, Freer<av_frame_free>>;
+using Packet = std::unique_ptr<AVPacket, Freer<av_packet_free>>;
 using Output = std::unique_ptr<AVFormatContext, FreeOutput>;
 
 int Check(int result, const std::string& what) {
@@ -84,52 +74,15 @@ void SetExtradata(AVCodecParameters* parameters, const Bytes& extradata) {
   parameters->extradata_size = static_cast<int>(extradata.size());
 }
 
-/// The NAL units of an Annex B byte stream (ITU-T H.264, B.1), without start codes.
-std::vector<Bytes> SplitAnnexB(const Bytes& stream) {
-  constexpr std::array<std::uint8_t, 3> kStartCode{0, 0, 1};
-  const auto next = [&](auto from) {
-    return std::search(from, stream.end(), kStartCode.begin(), kStartCode.end());
-  };
-  std::vector<Bytes> units;
-  for (auto begin = next(stream.begin()); begin != stream.end();) {
-    begin += kStartCode.size();
-    const auto end = next(begin);
-    units.emplace_back(begin, end);
-    while (!units.back().empty() && units.back().back() == 0) units.back().pop_back();
-    begin = end;
-  }
-  return units;
-}
-
-/// A unit behind its size, a big-endian number.
-Bytes Sized(const Bytes& unit, unsigned width) {
-  Bytes out;
-  for (unsigned i = width; i-- > 0;) {
-    out.push_back(static_cast<std::uint8_t>(unit.size() >> (8 * i)));
-  }
-  return Concat({out, unit});
-}
-
-/// AVCDecoderConfigurationRecord (ISO/IEC 14496-15, 5.3.3.1) of a Main profile stream.
-Bytes ToAvcc(const Bytes& annex_b_extradata) {
-  constexpr int kSps = 7;
-  constexpr int kPps = 8;
-  Bytes sps;
-  Bytes pps;
-  for (const Bytes& unit : SplitAnnexB(annex_b_extradata)) {
-    if ((unit.at(0) & 0x1F) == kSps) sps = unit;
-    if ((unit.at(0) & 0x1F) == kPps) pps = unit;
-  }
-  return Concat({{1, sps.at(1), sps.at(2), sps.at(3), 0xFF /*4-byte lengths*/, 0xE1 /*one SPS*/},
-                 Sized(sps, 2),
+/// AVCDecoderConfigurationRecord (ISO/IEC 14496-15, 5.3.3.1) of a Main profile stream, from its SPS
+/// and PPS, each behind a size of four bytes. The record's own sizes have two.
+Bytes ToAvcc(const Bytes& parameter_sets) {
+  const auto sps = parameter_sets.begin() + 4;
+  const auto pps = sps + parameter_sets.at(3) + 4;
+  return Concat({{1, sps[1], sps[2], sps[3], 0xFF /*4-byte lengths*/, 0xE1 /*one SPS*/},
+                 Bytes(sps - 2, pps - 4),
                  {1},
-                 Sized(pps, 2)});
-}
-
-Bytes ToLengthPrefixed(const Bytes& annex_b) {
-  Bytes out;
-  for (const Bytes& unit : SplitAnnexB(annex_b)) out = Concat({out, Sized(unit, 4)});
-  return out;
+                 Bytes(pps - 2, parameter_sets.end())});
 }
 
 /// A square that wanders over a gradient, so that prediction has something to do.
@@ -168,7 +121,8 @@ EncodedStream EncodeH264(const H264Options& options) {
   av_dict_set(&settings, "preset", "veryfast", 0);
   av_dict_set(&settings, "profile", options.b_frames > 0 ? "main" : "baseline", 0);
   // Plain B-frames where asked for, not where the encoder finds them useful.
-  av_dict_set(&settings, "x264-params", "b-adapt=0:scenecut=0", 0);
+  av_dict_set(&settings, "x264-params",
+              options.annex_b ? "b-adapt=0:scenecut=0" : "b-adapt=0:scenecut=0:annexb=0", 0);
   const int opened = avcodec_open2(encoder.get(), nullptr, &settings);
   av_dict_free(&settings);
   Check(opened, "open libx264");
@@ -186,19 +140,17 @@ EncodedStream EncodeH264(const H264Options& options) {
     Encode(encoder.get(), frame.get(), stream.packets);
   }
   Encode(encoder.get(), nullptr, stream.packets);
-  for (EncodedPacket& packet : stream.packets) {
-    packet.duration = 1;
-    if (!options.annex_b) packet.data = ToLengthPrefixed(packet.data);
-  }
+  for (EncodedPacket& packet : stream.packets) packet.duration = 1;
   if (!options.annex_b) SetExtradata(stream.parameters.get(), ToAvcc(stream.extradata()));
   return stream;
 }
 
 EncodedStream EncodeAac(const AacOptions& options) {
+  constexpr int kSampleRate = 48000;
   const CodecContext encoder = NewEncoder("aac");
   encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
-  encoder->sample_rate = options.sample_rate;
-  encoder->time_base = {1, options.sample_rate};
+  encoder->sample_rate = kSampleRate;
+  encoder->time_base = {1, kSampleRate};
   encoder->bit_rate = 32000L * options.channels;
   av_channel_layout_default(&encoder->ch_layout, options.channels);
   Check(avcodec_open2(encoder.get(), nullptr, nullptr), "open aac");
@@ -210,13 +162,13 @@ EncodedStream EncodeAac(const AacOptions& options) {
   frame->nb_samples = encoder->frame_size;
   Check(av_channel_layout_copy(&frame->ch_layout, &encoder->ch_layout), "channel layout");
   Check(av_frame_get_buffer(frame.get(), 0), "frame");
-  const std::int64_t total = std::int64_t{options.milliseconds} * options.sample_rate / 1000;
+  const std::int64_t total = std::int64_t{options.milliseconds} * kSampleRate / 1000;
   for (std::int64_t sample = 0; sample < total; sample += encoder->frame_size) {
     Check(av_frame_make_writable(frame.get()), "frame");
     for (int channel = 0; channel < options.channels; ++channel) {
       auto* out = reinterpret_cast<float*>(frame->data[channel]);
       for (int i = 0; i < frame->nb_samples; ++i) {
-        const double seconds = static_cast<double>(sample + i) / options.sample_rate;
+        const double seconds = static_cast<double>(sample + i) / kSampleRate;
         out[i] = static_cast<float>(0.2 * std::sin(2 * M_PI * 440 * (channel + 1) * seconds));
       }
     }
@@ -260,23 +212,22 @@ Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale, bool w
 
 void MuxWithLibavformat(const std::filesystem::path& path, const std::string& format,
                         const EncodedStream* video, const EncodedStream* audio,
-                        const DataStream* data, const std::map<std::string, std::string>& options) {
+                        const DataStream* data, const std::string& movflags) {
   AVFormatContext* allocated = nullptr;
   Check(avformat_alloc_output_context2(&allocated, nullptr, format.c_str(), path.c_str()),
         "muxer " + format);
   const Output output(allocated);
 
-  struct Input {
+  struct Entry {
+    const EncodedPacket* packet;
     AVRational time_base;
-    const std::vector<EncodedPacket>* packets;
     AVStream* stream;
-    std::size_t next = 0;
   };
-  std::vector<Input> inputs;
+  std::vector<Entry> queue;
   const auto add = [&](AVRational time_base, const std::vector<EncodedPacket>& packets) {
     AVStream* stream = avformat_new_stream(output.get(), nullptr);
     stream->time_base = time_base;
-    inputs.push_back({time_base, &packets, stream});
+    for (const EncodedPacket& packet : packets) queue.push_back({&packet, time_base, stream});
     return stream;
   };
   for (const EncodedStream* encoded : {video, audio}) {
@@ -295,33 +246,25 @@ void MuxWithLibavformat(const std::filesystem::path& path, const std::string& fo
 
   output->flags |= AVFMT_FLAG_BITEXACT;
   AVDictionary* settings = nullptr;
-  for (const auto& [key, value] : options) av_dict_set(&settings, key.c_str(), value.c_str(), 0);
+  if (!movflags.empty()) av_dict_set(&settings, "movflags", movflags.c_str(), 0);
   int result = avio_open(&output->pb, path.c_str(), AVIO_FLAG_WRITE);
   if (result >= 0) result = avformat_write_header(output.get(), &settings);
   av_dict_free(&settings);
   Check(result, "write " + path.string());
 
+  std::stable_sort(queue.begin(), queue.end(), [](const Entry& a, const Entry& b) {
+    return av_compare_ts(a.packet->dts, a.time_base, b.packet->dts, b.time_base) < 0;
+  });
   const Packet packet(av_packet_alloc());
-  for (;;) {
-    Input* earliest = nullptr;
-    for (Input& input : inputs) {
-      if (input.next == input.packets->size()) continue;
-      if (earliest == nullptr ||
-          av_compare_ts((*input.packets)[input.next].dts, input.time_base,
-                        (*earliest->packets)[earliest->next].dts, earliest->time_base) < 0) {
-        earliest = &input;
-      }
-    }
-    if (earliest == nullptr) break;
-    const EncodedPacket& encoded = (*earliest->packets)[earliest->next++];
-    Check(av_new_packet(packet.get(), static_cast<int>(encoded.data.size())), "packet");
-    std::copy(encoded.data.begin(), encoded.data.end(), packet->data);
-    packet->pts = encoded.pts;
-    packet->dts = encoded.dts;
-    packet->duration = encoded.duration;
-    packet->flags = encoded.key ? AV_PKT_FLAG_KEY : 0;
-    packet->stream_index = earliest->stream->index;
-    av_packet_rescale_ts(packet.get(), earliest->time_base, earliest->stream->time_base);
+  for (const auto& [encoded, time_base, stream] : queue) {
+    Check(av_new_packet(packet.get(), static_cast<int>(encoded->data.size())), "packet");
+    std::copy(encoded->data.begin(), encoded->data.end(), packet->data);
+    packet->pts = encoded->pts;
+    packet->dts = encoded->dts;
+    packet->duration = encoded->duration;
+    packet->flags = encoded->key ? AV_PKT_FLAG_KEY : 0;
+    packet->stream_index = stream->index;
+    av_packet_rescale_ts(packet.get(), time_base, stream->time_base);
     Check(av_interleaved_write_frame(output.get(), packet.get()), "write " + path.string());
   }
   Check(av_write_trailer(output.get()), "write " + path.string());

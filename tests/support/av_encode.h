@@ -8,7 +8,6 @@ extern "C" {
 
 #include <cstdint>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,15 +27,20 @@ struct EncodedPacket {
   bool key = true;
 };
 
-struct FreeCodecParameters {
-  void operator()(AVCodecParameters* parameters) const { avcodec_parameters_free(&parameters); }
+/// Frees with one of FFmpeg's functions that take the address of the pointer.
+template <auto Free>
+struct Freer {
+  template <typename T>
+  void operator()(T* pointer) const {
+    Free(&pointer);
+  }
 };
 
 /// An encoded elementary stream. Move-only.
 struct EncodedStream {
   AVRational time_base{1, 1000};
   /// Extradata in MP4 form: avcC for H.264, AudioSpecificConfig for AAC.
-  std::unique_ptr<AVCodecParameters, FreeCodecParameters> parameters;
+  std::unique_ptr<AVCodecParameters, Freer<avcodec_parameters_free>> parameters;
   std::vector<EncodedPacket> packets;  ///< decode order
 
   [[nodiscard]] Bytes extradata() const;
@@ -55,11 +59,10 @@ struct H264Options {
 EncodedStream EncodeH264(const H264Options& options = {});
 
 struct AacOptions {
-  int sample_rate = 48000;
   int channels = 2;
   int milliseconds = 1000;
 };
-/// Time base 1 / sample_rate; the first packet is the encoder's priming, with a pts below zero.
+/// 48 kHz, time base 1 / 48000; the first packet is the encoder's priming, with a pts below zero.
 EncodedStream EncodeAac(const AacOptions& options = {});
 
 /// The stream as a track of the MP4 writer, rescaled to `timescale`. Decode times begin at 0; what
@@ -77,12 +80,11 @@ struct DataStream {
 };
 
 /// Writes the streams with one of libavformat's muxers ("mov", "mp4", "matroska", "mpegts", ...);
-/// `options` are the muxer's ("movflags": "frag_keyframe+empty_moov"). Streams that are null or
-/// absent are left out. Throws std::runtime_error with FFmpeg's reason when the muxer refuses.
+/// `movflags` are an option of the first two. Streams that are null are left out. Throws
+/// std::runtime_error with FFmpeg's reason when the muxer refuses.
 void MuxWithLibavformat(const std::filesystem::path& path, const std::string& format,
                         const EncodedStream* video, const EncodedStream* audio,
-                        const DataStream* data,
-                        const std::map<std::string, std::string>& options = {});
+                        const DataStream* data, const std::string& movflags = "");
 
 }  // namespace motrace::testing
 

@@ -29,7 +29,6 @@ class MemorySource : public lum::IOSource {
   int64_t Position() override { return position_; }
 
   int Read(uint8_t* buffer, int size) override {
-    ++reads;
     if (position_ >= fail_from_) return fail_code_;
     const int64_t count = std::min<int64_t>({size, Size() - position_, fail_from_ - position_});
     if (count <= 0) return AVERROR_EOF;
@@ -49,7 +48,6 @@ class MemorySource : public lum::IOSource {
     return position_;
   }
 
-  int reads = 0;
   int seeks = 0;
 
  private:

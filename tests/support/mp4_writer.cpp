@@ -230,14 +230,10 @@ class Mp4FileWriter {
   }
 
   /// A track's duration in the movie's time scale: that of its edit list when it has one.
-  static std::uint64_t EditedDuration(const Mp4Track& track) {
-    std::uint64_t sum = 0;
-    for (const Mp4Edit& edit : track.edits) sum += edit.segment_duration;
-    return sum;
-  }
   [[nodiscard]] std::uint64_t MovieDuration(const Mp4Track& track) const {
-    return track.edits.empty() ? MediaDuration(track) * kMovieTimescale / track.timescale_
-                               : EditedDuration(track);
+    std::uint64_t edited = 0;
+    for (const Mp4Edit& edit : track.edits) edited += edit.segment_duration;
+    return track.edits.empty() ? MediaDuration(track) * kMovieTimescale / track.timescale_ : edited;
   }
   [[nodiscard]] std::uint64_t MediaDuration(const Mp4Track& track) const {
     return track.media_duration.value_or(fragmented_ ? 0 : track.total_duration_);

@@ -11,6 +11,8 @@ extern "C" {
 #include <memory>
 #include <stdexcept>
 
+#include "support/av_encode.h"
+
 namespace motrace::testing {
 namespace {
 
@@ -54,13 +56,6 @@ std::string ToText(const TextRecord& record) {
   }
   return text + "}";
 }
-
-struct CloseInput {
-  void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
-};
-struct FreePacket {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
 
 }  // namespace
 
@@ -166,14 +161,14 @@ std::optional<std::vector<TimedPayload>> ReadDataStream(const std::filesystem::p
   if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0) {
     throw std::runtime_error("libavformat can't open " + path.string());
   }
-  const std::unique_ptr<AVFormatContext, CloseInput> input(opened);
+  const std::unique_ptr<AVFormatContext, Freer<avformat_close_input>> input(opened);
   avformat_find_stream_info(input.get(), nullptr);
   const int data_stream = av_find_best_stream(input.get(), AVMEDIA_TYPE_DATA, -1, -1, nullptr, 0);
 
   constexpr AVRational kMilliseconds{1, 1000};
   std::optional<std::int64_t> start_ms;  // where the first packet of any stream stands
   std::vector<TimedPayload> packets;
-  const std::unique_ptr<AVPacket, FreePacket> packet(av_packet_alloc());
+  const std::unique_ptr<AVPacket, Freer<av_packet_free>> packet(av_packet_alloc());
   while (av_read_frame(input.get(), packet.get()) >= 0) {
     const AVRational time_base = input->streams[packet->stream_index]->time_base;
     const std::int64_t position = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -190,17 +189,14 @@ TEST(Extraction, OtherMuxers) {
     const char* format;
     AVCodecID data_codec;
     std::uint32_t data_tag;
-    std::map<std::string, std::string> options;
-  } muxers[] = {{"mov", AV_CODEC_ID_BIN_DATA, kOnlyTagOfMovMuxer, {}},
-                {"mp4", AV_CODEC_ID_BIN_DATA, 0, {{"movflags", "faststart"}}},
-                {"mp4",
-                 AV_CODEC_ID_BIN_DATA,
-                 0,
-                 {{"movflags", "frag_keyframe+empty_moov+default_base_moof"}}},
-                {"mp4", AV_CODEC_ID_BIN_DATA, 0, {{"movflags", "frag_keyframe"}}},
-                {"mpegts", AV_CODEC_ID_SMPTE_KLV, 0, {}},
-                {"mpegts", AV_CODEC_ID_BIN_DATA, 0, {}},
-                {"nut", AV_CODEC_ID_BIN_DATA, kCamm, {}}};
+    const char* movflags;
+  } muxers[] = {{"mov", AV_CODEC_ID_BIN_DATA, kOnlyTagOfMovMuxer, ""},
+                {"mp4", AV_CODEC_ID_BIN_DATA, 0, "faststart"},
+                {"mp4", AV_CODEC_ID_BIN_DATA, 0, "frag_keyframe+empty_moov+default_base_moof"},
+                {"mp4", AV_CODEC_ID_BIN_DATA, 0, "frag_keyframe"},
+                {"mpegts", AV_CODEC_ID_SMPTE_KLV, 0, ""},
+                {"mpegts", AV_CODEC_ID_BIN_DATA, 0, ""},
+                {"nut", AV_CODEC_ID_BIN_DATA, kCamm, ""}};
   for (const auto& muxer : muxers) {
     SCOPED_TRACE(muxer.format);
     DataStream data;
@@ -212,7 +208,7 @@ TEST(Extraction, OtherMuxers) {
     }
     const TempDir dir;
     MuxWithLibavformat(dir / "video", muxer.format, &SharedVideo(), &SharedAudio(), &data,
-                       muxer.options);
+                       muxer.movflags);
     // Most of these muxers cannot tag the stream as camm; the message about it is tested elsewhere.
     ExpectPlainExtraction(dir / "video", ::testing::_);
   }

@@ -5,10 +5,9 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <limits>
-#include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/camm_samples.h"
@@ -22,13 +21,6 @@ namespace motrace::testing {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct GoldenCase {
-  std::string name;
-  std::function<std::vector<Mp4Track>()> tracks;
-};
-
-std::ostream& operator<<(std::ostream& out, const GoldenCase& golden) { return out << golden.name; }
 
 /// What a walking camera writes, 80 ms of it.
 std::vector<Mp4Track> Camera() {
@@ -92,31 +84,27 @@ std::vector<Mp4Track> NothingDecoded() {
   return {VideoTrack(), motion};
 }
 
-class GoldenTest : public ::testing::TestWithParam<GoldenCase> {};
-
-TEST_P(GoldenTest, TheToolWritesTheKeptFiles) {
-  TempDir dir;
-  const fs::path golden = fs::path(MOTRACE_GOLDEN_DIR) / GetParam().name;
-  const fs::path out = dir / GetParam().name;
-  fs::create_directory(out);
-  WriteMp4(dir / "video.mp4", GetParam().tracks());
-  RunTool({(dir / "video.mp4").string(), out.string()});
+TEST(GoldenTest, TheToolWritesTheKeptFiles) {
   const std::string python = MOTRACE_PYTHON;
   if (!fs::exists(python)) GTEST_SKIP() << "no Python 3";
-  const ProcessResult reader = RunProcess({python, MOTRACE_READ_MOTION, out.string()});
-  EXPECT_EQ(reader.exit_code, 0) << reader.err;
-  WriteFile(out / "dump.txt", Bytes(reader.out.begin(), reader.out.end()));
-  EXPECT_TRUE(SameFiles(ReadDirectory(golden), ReadDirectory(out)))
-      << "If the change is meant: rm -r '" << golden.string() << "'; cp -r '" << out.string()
-      << "' '" << golden.string() << "'";
-  if (HasFailure()) dir.Keep();
+  const std::pair<const char*, std::vector<Mp4Track>> cases[] = {
+      {"camera", Camera()}, {"one_packet", OnePacket()}, {"nothing_decoded", NothingDecoded()}};
+  for (const auto& [name, tracks] : cases) {
+    TempDir dir;
+    const fs::path golden = fs::path(MOTRACE_GOLDEN_DIR) / name;
+    const fs::path out = dir / name;
+    fs::create_directory(out);
+    WriteMp4(dir / "video.mp4", tracks);
+    RunTool({(dir / "video.mp4").string(), out.string()});
+    const ProcessResult reader = RunProcess({python, MOTRACE_READ_MOTION, out.string()});
+    EXPECT_EQ(reader.exit_code, 0) << reader.err;
+    WriteFile(out / "dump.txt", Bytes(reader.out.begin(), reader.out.end()));
+    EXPECT_TRUE(SameFiles(ReadDirectory(golden), ReadDirectory(out)))
+        << "If the change is meant: rm -r '" << golden.string() << "'; cp -r '" << out.string()
+        << "' '" << golden.string() << "'";
+    if (HasFailure()) dir.Keep();
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cases, GoldenTest,
-                         ::testing::Values(GoldenCase{"camera", Camera},
-                                           GoldenCase{"one_packet", OnePacket},
-                                           GoldenCase{"nothing_decoded", NothingDecoded}),
-                         [](const auto& test) { return test.param.name; });
 
 }  // namespace
 }  // namespace motrace::testing

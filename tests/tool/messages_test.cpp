@@ -34,10 +34,6 @@ using ::testing::HasSubstr;
 using Tracks = std::vector<Mp4Track>;
 using Words = std::vector<std::string>;
 
-void Write(const fs::path& input, const Tracks& tracks, std::uint32_t interleave_ms = 500) {
-  WriteMp4(input, tracks, {Mp4Order::kMoovFirst, interleave_ms});
-}
-
 /// What the input becomes when all goes well.
 std::map<std::string, Bytes> Expected(const fs::path& input) {
   return ExtractPlainly(*ReadDataStream(input)).Files();
@@ -94,6 +90,7 @@ std::vector<MessageCase> Cases() {
       {"CutInTheMiddle", {video, motion}, {"IN", "early"}, "over", 10'000, 100},
       {"CutWithinTheMotion", {video, motion}, {"IN", "early"}, "over", 1000},
       {"CutByAByte", {motion}, {"IN", "damaged or ends early: 1 motion"}, "over", 1},
+      {"CutByAPacket", {motion}, {"IN", "ends early: ", "motion packets were there"}, "over", 16},
       {"CutBehindTheMotion", {motion, video}, {"IN", "ends early: 10 bytes"}, "over", 10},
       {"NoPartner", {UnpairedTrack()}, {"34 accelerometer", "gyroscope"}},
       {"NoDirectory", {motion}, {"OUT", "No such file or directory"}, "error", 0, 0, "."},
@@ -113,7 +110,7 @@ TEST_P(MessageTest, NamesTheFileAndTheReason) {
   const fs::path broken = message.broken == "." ? out : out / message.broken;
   if (message.broken != ".") fs::create_directory(out);
   if (!message.tracks.empty()) {
-    Write(input, message.tracks, message.interleave_ms);
+    WriteMp4(input, message.tracks, {Mp4Order::kMoovFirst, message.interleave_ms});
     fs::resize_file(input, fs::file_size(input) - message.bytes_lost);
   }
   if (message.words.size() == 2 && message.words[1] == "No space left on device") {
@@ -153,7 +150,7 @@ INSTANTIATE_TEST_SUITE_P(Runs, MessageTest, ::testing::ValuesIn(Cases()),
 TEST(Messages, FilesCutShortByALimitAreNamed) {
   const TempDir dir;
   const fs::path input = dir / "input.mp4";
-  Write(input, {MotionTrack(1000, 2000)});
+  WriteMp4(input, {MotionTrack(1000, 2000)});
   ProcessOptions options;
   options.file_size_limit = 8192;
   const ProcessResult run = RunTool({input.string(), dir.path().string()}, options);
@@ -185,7 +182,8 @@ TEST(Messages, ALongRunShowsProgressOnATerminalAndOnlyThere) {
   const fs::path file = dir / "file.mp4";
   H264Options video;
   video.frames = 4 * video.frames_per_second;
-  Write(file, {ToMp4Track(EncodeH264(video), 90000), MotionTrack(90000, 800)}, 100);
+  WriteMp4(file, {ToMp4Track(EncodeH264(video), 90000), MotionTrack(90000, 800)},
+           {Mp4Order::kMoovFirst, 100});
 
   // Two runs side by side; both go on when the one on the terminal has drawn its line twice.
   std::promise<void> drawn_twice;
@@ -215,7 +213,7 @@ TEST(Messages, ALongRunShowsProgressOnATerminalAndOnlyThere) {
   }
 
   options.on_stderr = nullptr;
-  Write(file, {MotionTrack(1000)});
+  WriteMp4(file, {MotionTrack(1000)});
   EXPECT_EQ(RunTool({file.string(), (dir / "terminal_out").string()}, options).err, "")
       << "a short run draws nothing";
 }

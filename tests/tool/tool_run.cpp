@@ -1,6 +1,7 @@
 #include "tool/tool_run.h"
 
 #include <algorithm>
+#include <regex>
 #include <sstream>
 
 namespace motrace::testing {
@@ -20,22 +21,13 @@ namespace {
 
 /// Takes "[level][0xthread][time][site]text" apart and checks the four fields.
 bool ParseRecord(const std::string& line, OutputLine& record) {
-  using ::testing::AnyOf;
-  using ::testing::ElementsAre;
-  using ::testing::MatchesRegex;
-  std::vector<std::string> fields;
-  std::size_t at = 0;
-  while (fields.size() < 4) {
-    const std::size_t end = line.find(']', at);
-    if (end == std::string::npos || line[at] != '[') return false;
-    fields.push_back(line.substr(at + 1, end - at - 1));
-    at = end + 1;
-  }
-  record = {fields[0], fields[3], line.substr(at)};
-  return ::testing::Matches(ElementsAre(
-      AnyOf("VERBOSE", "INFO", "WARNING", "ERROR"), MatchesRegex("0x[1-9a-f][0-9a-f]*"),
-      MatchesRegex("[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.(0|[1-9][0-9]{0,2})"),
-      MatchesRegex("[^\\]+:[0-9]+")))(fields);
+  static const std::regex kRecord(R"(\[(VERBOSE|INFO|WARNING|ERROR)\]\[0x[1-9a-f][0-9a-f]*\])"
+                                  R"(\[\d\d-\d\d \d\d:\d\d:\d\d\.(?:0|[1-9]\d{0,2})\])"
+                                  R"(\[([^\\\]]+:\d+)\](.*))");
+  std::smatch match;
+  if (!std::regex_match(line, match, kRecord)) return false;
+  record = {match[1], match[2], match[3]};
+  return true;
 }
 
 }  // namespace
