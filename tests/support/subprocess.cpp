@@ -56,7 +56,6 @@ Channel OpenTerminal() {
     const rlimit limit{value, value};
     if (value > 0) ready = ready && setrlimit(resource, &limit) == 0;
   };
-  std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the limit fails instead of killing
   limit_to(RLIMIT_FSIZE, options.file_size_limit);
   limit_to(RLIMIT_AS, options.address_space_limit);
   limit_to(RLIMIT_NOFILE, options.descriptor_limit);

@@ -25,7 +25,7 @@ struct ProcessOptions {
   bool stderr_is_terminal = false;
   /// Called with what standard error has brought so far, each time that more has come.
   std::function<void(const std::string&)> on_stderr;
-  /// Limit of the size of a written file in bytes (RLIMIT_FSIZE), SIGXFSZ ignored; 0 = none.
+  /// Limit of the size of a written file in bytes (RLIMIT_FSIZE); 0 = none.
   std::uint64_t file_size_limit = 0;
   /// Limit of the address space in bytes (RLIMIT_AS); 0 = none.
   std::uint64_t address_space_limit = 0;
