@@ -1,9 +1,11 @@
 #include "variational_refinement.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
 #include <thread>
+#include <vector>
 
 #include "flow_kernels.h"
 #include "huge_pages.h"
@@ -54,6 +56,48 @@ void createZeroed(Mat& mat, int rows, int cols, int type = CV_32FC1) {
   mat.create(rows, cols, type);
   adviseHugePages(mat);
   mat.setTo(0);
+}
+
+/// Calls `work(band, phase)` for every band and each of its phases in turn, in parallel. A phase
+/// starts when the band and the two beside it, whose rows it reads, have done the one before.
+///
+/// Each worker prefers its own band and takes over one that no worker has begun: the phase that
+/// another one waits for is thus done or in the hands of a running worker, however few of them
+/// come. `begun` and `done` count each band's phases.
+template <typename Work>
+void runBands(std::vector<std::atomic<int>>& begun, std::vector<std::atomic<int>>& done, int phases,
+              const Work& work) {
+  for (std::atomic<int>& count : begun) count.store(0, std::memory_order_relaxed);
+  for (std::atomic<int>& count : done) count.store(0, std::memory_order_relaxed);
+  const std::size_t bands = begun.size();
+  const auto isDone = [&](std::size_t band, int count) {
+    return done[band].load(std::memory_order_acquire) >= count;
+  };
+  const auto isReady = [&](std::size_t band, int phase) {
+    return isDone(band, phase) && (band == 0 || isDone(band - 1, phase)) &&
+           (band + 1 == bands || isDone(band + 1, phase));
+  };
+  parallelFor(static_cast<int>(bands), [&](int worker) {
+    for (bool finished = false; !finished;) {
+      finished = true;
+      bool worked = false;
+      for (std::size_t i = 0; i < bands && !worked; ++i) {
+        const std::size_t band = (static_cast<std::size_t>(worker) + i) % bands;
+        finished = finished && isDone(band, phases);
+        int phase = begun[band].load(std::memory_order_relaxed);
+        if (phase == phases || !isReady(band, phase)) continue;
+        if (!begun[band].compare_exchange_strong(phase, phase + 1)) continue;
+        worked = true;
+        work(static_cast<int>(band), phase);
+        done[band].store(phase + 1, std::memory_order_release);
+      }
+      if (worked) {
+        finished = false;
+      } else if (!finished) {
+        std::this_thread::yield();
+      }
+    }
+  });
 }
 
 void requireFiniteNonNegative(float value, const char* message) {
@@ -195,49 +239,14 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
     band.zeros = band.solver + solver_halves * args.half_stride;
     return band;
   };
-  // Per band: the data terms, then the iterations. A band waits only for the two beside it, whose
-  // rows it reads. Each worker prefers its own band and takes over one that no worker has begun:
-  // the phase that another one waits for is thus done or in the hands of a running worker, however
-  // few of them come.
+  // Per band: the data terms, then the iterations.
   const Kernels& table = kernels::activeKernels();
   const int phases = std::min(iterations_, std::numeric_limits<int>::max() - 1) + 1;
-  const auto atBand = [](std::vector<std::atomic<int>>& counts, int band) -> std::atomic<int>& {
-    return counts[static_cast<std::size_t>(band)];
-  };
-  for (int band = 0; band < bands; ++band) {
-    atBand(begun_, band).store(0, std::memory_order_relaxed);
-    atBand(done_, band).store(0, std::memory_order_relaxed);
-  }
-  const auto isDone = [&](int band, int phases_done) {
-    return band < 0 || band >= bands ||
-           atBand(done_, band).load(std::memory_order_acquire) >= phases_done;
-  };
-  const auto runPhase = [&](int band, int phase) {
+  runBands(begun_, done_, phases, [&](int band, int phase) {
     if (phase == 0) {
       table.termRows(args, bandAt(band));
     } else {
       table.solve(args, bandAt(band), phase - 1, phase + 1 == phases);
-    }
-    atBand(done_, band).store(phase + 1, std::memory_order_release);
-  };
-  parallelFor(bands, [&](int worker) {
-    for (bool finished = false; !finished;) {
-      finished = true;
-      bool worked = false;
-      for (int i = 0; i < bands && !worked; ++i) {
-        const int band = (worker + i) % bands;
-        int phase = atBand(begun_, band).load(std::memory_order_relaxed);
-        finished = finished && isDone(band, phases);
-        worked = phase < phases && isDone(band, phase) && isDone(band - 1, phase) &&
-                 isDone(band + 1, phase) &&
-                 atBand(begun_, band).compare_exchange_strong(phase, phase + 1);
-        if (worked) runPhase(band, phase);
-      }
-      if (worked) {
-        finished = false;
-      } else if (!finished) {
-        std::this_thread::yield();
-      }
     }
   });
 }
