@@ -79,8 +79,9 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
   ///
   /// @param I0, I1  continuous 8-bit single-channel images of one size, 1 x 1 to 16384 x 16384.
   /// @param flow    out: `CV_32FC2` of that size. A flow of that size and type on entry serves as
-  ///                an initial flow; anything else is replaced. Images too small for a single
-  ///                patch give the initial flow back, else zero.
+  ///                an initial flow, in which what is not a number is passed over; anything else
+  ///                is replaced. Images too small for a single patch give the initial flow back,
+  ///                else zero.
   /// Raises `cv::Exception`: `StsAssert` for images that are not as said, `StsBadSize` for larger
   /// ones, `StsOutOfRange`, naming the parameter, for a parameter out of its range. `flow` is then
   /// unchanged.

@@ -58,7 +58,7 @@ enum FlowPlane { kFlowU, kFlowV };
 constexpr int kFlowHalves = 2 * 2;
 constexpr int kTerms = 3 * 3;  // a, b, c of the residuals r_i = c_i + a_i u + b_i v
 constexpr int kTermHalves = 2 * kTerms;
-constexpr int kSolverHalves = 2 * (3 + 5);
+constexpr int kSolverHalves = 2 * (3 + 5);  // u and v of the halo, robust weights, systems
 
 struct RefineArgs {
   int w, h;
@@ -106,8 +106,8 @@ struct Kernels {
 
   /// `terms` and `flow[0]` of a band, from `second`, `i0`, `u` and `v`.
   void (*termRows)(const RefineArgs&, const Band&);
-  /// One outer iteration on a band: from `flow[iteration % 2]` into the other one, or into `u` and
-  /// `v` in the last iteration.
+  /// One outer iteration on a band: from `flow[iteration % 2]` into the other one, after the last
+  /// iteration also into `u` and `v`.
   void (*solve)(const RefineArgs&, const Band&, int iteration, bool last);
 };
 

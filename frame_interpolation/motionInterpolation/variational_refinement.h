@@ -85,8 +85,8 @@ class VariationalRefinement {
   Mat terms_;       // data terms, rows split into red and black pixels
   Mat flow_[2];     // likewise: before and after an outer iteration
   Mat natural_;     // per band: a ring of rows of warped images and derivatives
-  Mat solver_;      // per band: a ring of rows of unknowns and systems
-  Mat edge_masks_;  // which pixels of a row have a left and a right neighbour
+  Mat solver_;      // per band: a ring of rows of robust weights and systems
+  Mat edge_masks_;  // which places of a row are pixels, and have a left and a right neighbour
 };
 
 }  // namespace cv::optflow::lum

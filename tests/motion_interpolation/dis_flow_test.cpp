@@ -237,6 +237,27 @@ TEST_F(DisFlow, UsesAnInitialFlowOfTheRightSizeAndTypeOnly) {
   }
 }
 
+TEST_F(DisFlow, KeepsTheFlowWhenAnInitialOneIsAsGood) {
+  // On a plane that grows brighter every motion fits, once the mean is taken away.
+  ImagePair plane{cv::Mat(40, 64, CV_8UC1), cv::Mat(), cv::Mat()};
+  for (int y = 0; y < 40; ++y) {
+    for (int x = 0; x < 64; ++x) plane.i0.at<uchar>(y, x) = cv::saturate_cast<uchar>(45 + 2 * x + y);
+  }
+  const cv::Mat initial(plane.i0.size(), CV_32FC2, cv::Scalar(0.37, 0.21));
+  const auto engine = DISOpticalFlow::create();
+  engine->setFinestScale(0);
+  engine->setUseSpatialPropagation(false);
+  engine->setVariationalRefinementIterations(0);
+  for (const int size : {5, 7, 8, 14}) {
+    engine->setPatchSize(size);
+    for (int brighter = -40; brighter <= 40; ++brighter) {
+      plane.i1 = plane.i0 + brighter;
+      const cv::Mat inside = calc(*engine, plane, initial)(cv::Rect(24, 16, 16, 8));
+      EXPECT_EQ(cv::norm(inside, cv::NORM_INF), 0.0) << "size " << size << ", by " << brighter;
+    }
+  }
+}
+
 TEST_F(DisFlow, SurvivesInitialFlowsThatAreNotNumbers) {
   // On noise anything wins over a bad match; 61 columns leave room beside a row of the refinement.
   ImagePair noise = makePair(61, 48, shift(1, 0));
