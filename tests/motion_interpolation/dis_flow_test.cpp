@@ -241,7 +241,8 @@ TEST_F(DisFlow, KeepsTheFlowWhenAnInitialOneIsAsGood) {
   // On a plane that grows brighter every motion fits, once the mean is taken away.
   ImagePair plane{cv::Mat(40, 64, CV_8UC1), cv::Mat(), cv::Mat()};
   for (int y = 0; y < 40; ++y) {
-    for (int x = 0; x < 64; ++x) plane.i0.at<uchar>(y, x) = cv::saturate_cast<uchar>(45 + 2 * x + y);
+    for (int x = 0; x < 64; ++x)
+      plane.i0.at<uchar>(y, x) = cv::saturate_cast<uchar>(45 + 2 * x + y);
   }
   const cv::Mat initial(plane.i0.size(), CV_32FC2, cv::Scalar(0.37, 0.21));
   const auto engine = DISOpticalFlow::create();
