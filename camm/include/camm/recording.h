@@ -3,6 +3,7 @@
 #define CAMM_RECORDING_H_
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -34,7 +35,8 @@ enum class [[nodiscard]] Status{
 /// Where times start.
 enum class Origin {
   kContainer,    ///< the container's own time line, edit lists applied: FFmpeg's `pts`
-  kFirstPacket,  ///< the first packet of any stream, by decoding time, as `motrace` counts
+  kFirstPacket,  ///< the first packet of any stream in the file, by decoding time, as `motrace`
+                 ///< counts
 };
 
 /// A file, or a byte source that is read in its place (`path` is then only its name in messages).
@@ -44,9 +46,13 @@ struct Input {
 };
 
 struct ReadOptions {
-  /// Stream index of the track to read; -1: the first stream tagged `camm` that holds packets.
+  /// Stream index of the track to read; -1: the first stream tagged `camm` that holds packets, as
+  /// far as the container counts them.
   int stream_index = -1;
   Origin origin = Origin::kContainer;
+  /// Called once, before the first packet is read, with all that is known by then: format, tracks,
+  /// video. Not called where there is no track to read. May be empty.
+  std::function<void(const struct ReadResult&)> on_open;
 };
 
 /// One `camm` track of the file.
@@ -105,9 +111,28 @@ struct TimedSample {
   Sample sample;
 };
 
+/// Keeps FFmpeg and the media pipeline from writing messages anywhere, in the whole process: what
+/// went wrong is in the results. For programs whose standard output holds data; call it first.
+void SilenceMessages();
+
+/// One packet of the track as it is stored. The bytes live as long as the call they come with.
+struct Packet {
+  std::int64_t time_ns;  ///< `kNoTime` where it has none
+  const std::uint8_t* data;
+  std::size_t size;
+};
+
+/// Reads the file's `camm` track and calls `on_packet` for each packet, in file order, without
+/// looking into them: of the result, `counts` stay 0, and only what concerns the file is a problem.
+/// Everything else as for `Stream`.
+ReadResult StreamPackets(const Input& input, const ReadOptions& options,
+                         const std::function<void(const Packet&)>& on_packet);
+
 /// Reads the file's `camm` track and calls `on_sample` for each sample, in file order. Only that
 /// stream's bytes are read where the container lets them be found; memory does not grow with the
 /// length beyond FFmpeg's own index.
+///
+/// A path is a file's name, whatever it looks like: never a URL.
 ///
 /// Times convert exactly from the track's time base, rounded to the nearest nanosecond where the
 /// time base is no divisor of one. Threads: reads on the calling thread, which `on_sample` runs on.

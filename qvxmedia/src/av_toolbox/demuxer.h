@@ -82,6 +82,8 @@ class Demuxer {
   /// Frees the input. Later calls do nothing.
   void Close();
 
+  /// The open input, for what has no function here (names, durations); null when there is none.
+  [[nodiscard]] const AVFormatContext* Context() const { return format_ctx_; }
   [[nodiscard]] unsigned StreamCount() const;
   /// The stream at `index`, or null.
   [[nodiscard]] AVStream* GetStream(unsigned index) const;

@@ -1,0 +1,308 @@
+#include "camm/recording.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+#include "av_toolbox/demuxer.h"
+#include "av_toolbox/ffmpeg_util.h"
+#include "base/log_message.h"
+#include "time_conversion.h"
+
+namespace camm {
+namespace {
+
+constexpr std::uint32_t kTag = MKTAG('c', 'a', 'm', 'm');
+
+std::int64_t ToNanoseconds(std::int64_t value, AVRational time_base) {
+  if (value == AV_NOPTS_VALUE || time_base.num <= 0 || time_base.den <= 0) return kNoTime;
+  // Both factors are below 2^31 * 10^9: no overflow.
+  return MulDiv(value, time_base.num * kNanosecondsPerSecond, time_base.den);
+}
+
+/// A path that FFmpeg can't take for a URL, nor for one of its protocols' names.
+std::string PlainPath(const std::string& path) {
+  return path.empty() || path.front() == '/' ? path : "./" + path;
+}
+
+std::int64_t DurationNs(std::int64_t value, AVRational time_base) {
+  return value < 0 ? -1 : ToNanoseconds(value, time_base);
+}
+
+std::string Counted(std::int64_t count, const char* one, const char* many) {
+  return std::to_string(count) + ' ' + (count == 1 ? one : many);
+}
+
+std::string Describe(ProblemKind kind, unsigned type, std::int64_t count) {
+  switch (kind) {
+    case ProblemKind::kUnknownType:
+      return Counted(count, "sample", "samples") + " of the unknown type " + std::to_string(type) +
+             ": the rest of the packet is left out";
+    case ProblemKind::kCutSample:
+      return Counted(count, "sample is", "samples are") + " cut off by the end of the packet";
+    case ProblemKind::kReservedBytes:
+      return Counted(count, "sample has", "samples have") + " reserved bytes that are not zero";
+    case ProblemKind::kMissingTime:
+      return Counted(count, "packet has", "packets have") + " no time";
+    case ProblemKind::kTruncatedFile:
+      return "the file ends " + Counted(count, "byte", "bytes") + " before the data it names";
+    case ProblemKind::kReadError:
+      return "reading stopped before the end";
+    case ProblemKind::kSeveralTracks:
+      return "the file holds " + std::to_string(count) + " camm tracks";
+  }
+  return {};
+}
+
+/// Collects what is wrong: one entry a kind and type, in order of appearance.
+class Problems {
+ public:
+  void Add(ProblemKind kind, std::int64_t time_ns, unsigned type = 0, std::int64_t count = 1) {
+    const auto same = std::find_if(all_.begin(), all_.end(), [&](const Entry& entry) {
+      return entry.problem.kind == kind && entry.type == type;
+    });
+    if (same != all_.end()) {
+      same->problem.count += count;
+    } else if (all_.size() < kMost) {
+      all_.push_back({type, {kind, count, time_ns, {}}});
+    }
+  }
+
+  [[nodiscard]] std::vector<Problem> Take() const {
+    std::vector<Problem> taken;
+    for (const Entry& entry : all_) {
+      taken.push_back(entry.problem);
+      taken.back().text = Describe(entry.problem.kind, entry.type, entry.problem.count);
+    }
+    return taken;
+  }
+
+ private:
+  struct Entry {
+    unsigned type;
+    Problem problem;
+  };
+  static constexpr std::size_t kMost = 100;  // garbage has up to 65,536 types
+  std::vector<Entry> all_;
+};
+
+bool Damages(ProblemKind kind) {
+  return kind != ProblemKind::kReservedBytes && kind != ProblemKind::kSeveralTracks;
+}
+
+/// One reading of a file.
+class Reader {
+ public:
+  Reader(const Input& input, const ReadOptions& options)
+      : options_(options), demuxer_(PlainPath(input.path)) {
+    // A playlist must not make us open what it names.
+    const lum::Demuxer::Options only_files{{"protocol_whitelist", "file"}};
+    const int opened = demuxer_.Open(&only_files, input.io);
+    // A video whose decoder settings are broken fails too; the motion track can be read all the
+    // same.
+    if (opened != 0 && demuxer_.StreamCount() == 0) {
+      result_.error = lum::FFmpegErrorString(opened);
+      return;
+    }
+    DescribeFile();
+    PickTrack();
+  }
+
+  ReadResult Run(const std::function<void(const Packet&)>& on_packet, Problems& problems) {
+    if (result_.status == Status::kWhole) {
+      if (options_.on_open) options_.on_open(result_);
+      if (result_.tracks.size() > 1) {
+        problems.Add(ProblemKind::kSeveralTracks, kNoTime, 0,
+                     static_cast<std::int64_t>(result_.tracks.size()));
+      }
+      if (const std::int64_t missing = demuxer_.MissingBytes(); missing > 0) {
+        problems.Add(ProblemKind::kTruncatedFile, kNoTime, 0, missing);
+      }
+      ReadPackets(on_packet, problems);
+    }
+    return std::move(result_);
+  }
+
+ private:
+  void DescribeFile() {
+    const AVFormatContext& context = *demuxer_.Context();
+    result_.format = context.iformat->name;
+    result_.duration_ns = DurationNs(context.duration, AVRational{1, AV_TIME_BASE});
+    const AVStream* video = demuxer_.VideoStream();
+    bool has_index = false;  // where one stream is counted, all are
+    for (unsigned i = 0; i < demuxer_.StreamCount(); ++i) {
+      has_index = has_index || demuxer_.GetStream(i)->nb_frames > 0;
+    }
+    for (unsigned i = 0; i < demuxer_.StreamCount(); ++i) {
+      const AVStream* stream = demuxer_.GetStream(i);
+      if (stream->codecpar->codec_tag != kTag) continue;
+      Track track;
+      track.stream_index = static_cast<int>(i);
+      if (has_index) track.packets = lum::compat::IndexEntryCount(stream);
+      track.time_base_num = stream->time_base.num;
+      track.time_base_den = stream->time_base.den;
+      track.start_ns = ToNanoseconds(stream->start_time, stream->time_base);
+      track.duration_ns = DurationNs(stream->duration, stream->time_base);
+      result_.tracks.push_back(track);
+    }
+    if (video == nullptr) return;
+    result_.video.stream_index = video->index;
+    result_.video.codec = avcodec_get_name(video->codecpar->codec_id);
+    result_.video.width = video->codecpar->width;
+    result_.video.height = video->codecpar->height;
+    if (video->nb_frames > 0) result_.video.frames = video->nb_frames;
+    if (video->avg_frame_rate.num > 0 && video->avg_frame_rate.den > 0) {
+      result_.video.frame_rate_hz = av_q2d(video->avg_frame_rate);
+    }
+    result_.video.start_ns = ToNanoseconds(video->start_time, video->time_base);
+    result_.video.duration_ns = DurationNs(video->duration, video->time_base);
+  }
+
+  void PickTrack() {
+    std::vector<Track>& tracks = result_.tracks;
+    const auto wanted = std::find_if(tracks.begin(), tracks.end(), [this](const Track& track) {
+      return options_.stream_index >= 0 ? track.stream_index == options_.stream_index
+                                        : track.packets != 0;
+    });
+    if (wanted != tracks.end()) {
+      picked_ = &*wanted;
+    } else if (options_.stream_index < 0 && !tracks.empty()) {
+      picked_ = &tracks.front();  // all are empty
+    } else {
+      result_.status = Status::kNoTrack;
+      result_.error = tracks.empty() ? "there is no camm track"
+                                     : "stream " + std::to_string(options_.stream_index) +
+                                           " is not a camm track";
+      return;
+    }
+    picked_->read = true;
+    result_.status = Status::kWhole;
+  }
+
+  /// The container then steps over the other streams' bytes, as far as it can.
+  void SkipOtherStreams() {
+    for (unsigned i = 0; i < demuxer_.StreamCount(); ++i) {
+      if (static_cast<int>(i) != picked_->stream_index) demuxer_.DiscardStream(i);
+    }
+  }
+
+  void ReadPackets(const std::function<void(const Packet&)>& on_packet, Problems& problems) {
+    // The origin may be a packet of any stream: only behind it can the others be skipped.
+    bool origin_known = options_.origin == Origin::kContainer;
+    std::int64_t origin_ns = 0;
+    if (origin_known) SkipOtherStreams();
+
+    const AVRational time_base =
+        demuxer_.GetStream(static_cast<unsigned>(picked_->stream_index))->time_base;
+    std::shared_ptr<lum::QVXPacket> packet;
+    int error = 0;
+    while ((error = demuxer_.ReadPacket(packet)) == 0) {
+      if (!origin_known) {
+        const std::int64_t placed = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+        const AVStream* stream = demuxer_.GetStream(static_cast<unsigned>(packet->stream_index));
+        if (const std::int64_t time = ToNanoseconds(placed, stream->time_base); time != kNoTime) {
+          origin_known = true;
+          origin_ns = time;
+          SkipOtherStreams();
+        }
+      }
+      if (packet->stream_index != picked_->stream_index) continue;
+      ++result_.packets;
+      std::int64_t time_ns = ToNanoseconds(packet->pts, time_base);
+      if (time_ns == kNoTime) {
+        problems.Add(ProblemKind::kMissingTime, kNoTime);
+      } else {
+        time_ns = SaturatingSub(time_ns, origin_ns);
+      }
+      on_packet({time_ns, packet->data, static_cast<std::size_t>(std::max(packet->size, 0))});
+    }
+    if (error != AVERROR_EOF) {
+      problems.Add(ProblemKind::kReadError, kNoTime);
+      result_.error = lum::FFmpegErrorString(error);
+    }
+  }
+
+  const ReadOptions& options_;
+  lum::Demuxer demuxer_;
+  Track* picked_ = nullptr;  // in `result_`; the vector no longer changes
+  ReadResult result_;
+};
+
+/// Adds the problems, and what follows from them.
+ReadResult Judged(ReadResult result, bool empty, const Problems& problems) {
+  if (result.status != Status::kWhole) return result;
+  result.problems = problems.Take();
+  const bool damaged = std::any_of(result.problems.begin(), result.problems.end(),
+                                   [](const Problem& problem) { return Damages(problem.kind); });
+  if (empty) {
+    result.status = Status::kNoSamples;
+    if (result.error.empty()) result.error = "the camm track holds no sample";
+  } else if (damaged) {
+    result.status = Status::kPartial;
+  }
+  return result;
+}
+
+}  // namespace
+
+void SilenceMessages() {
+  av_log_set_level(AV_LOG_QUIET);
+  lum::GetLogConfig().min_level = lum::kError + 1;
+}
+
+ReadResult StreamPackets(const Input& input, const ReadOptions& options,
+                         const std::function<void(const Packet&)>& on_packet) {
+  Problems problems;
+  ReadResult result = Reader(input, options).Run(on_packet, problems);
+  const bool empty = result.packets == 0;
+  return Judged(std::move(result), empty, problems);
+}
+
+ReadResult Stream(const Input& input, const ReadOptions& options,
+                  const std::function<void(const TimedSample&)>& on_sample) {
+  Problems problems;
+  std::array<std::int64_t, kTypeCount> counts{};
+  std::int64_t time_ns = kNoTime;
+  // Made once: a packet usually holds one sample, and there are millions of them.
+  const std::function<void(const Sample&)> sample_of_packet = [&](const Sample& sample) {
+    ++counts[sample.index()];
+    on_sample({time_ns, sample});
+  };
+  const std::function<void(const Defect&)> defect_of_packet = [&](const Defect& defect) {
+    switch (defect.kind) {
+      case DefectKind::kUnknownType:
+        return problems.Add(ProblemKind::kUnknownType, time_ns, defect.type);
+      case DefectKind::kCutSample:
+        return problems.Add(ProblemKind::kCutSample, time_ns);
+      case DefectKind::kReservedBytes:
+        return problems.Add(ProblemKind::kReservedBytes, time_ns);
+    }
+  };
+  ReadResult result =
+      Reader(input, options)
+          .Run(
+              [&](const Packet& packet) {
+                time_ns = packet.time_ns;
+                Decode(packet.data, packet.size, sample_of_packet, defect_of_packet);
+              },
+              problems);
+  result.counts = counts;
+  const bool empty =
+      std::all_of(counts.begin(), counts.end(), [](auto count) { return count == 0; });
+  return Judged(std::move(result), empty, problems);
+}
+
+Recording Read(const Input& input, const ReadOptions& options) {
+  Recording recording;
+  recording.result = Stream(input, options, [&recording](const TimedSample& sample) {
+    std::visit(
+        [&](const auto& value) {
+          using Type = std::decay_t<decltype(value)>;
+          recording.Of<Type>().push_back({sample.time_ns, value});
+        },
+        sample.sample);
+  });
+  return recording;
+}
+
+}  // namespace camm
