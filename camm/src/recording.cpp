@@ -106,19 +106,48 @@ class Reader {
     }
     DescribeFile();
     PickTrack();
+    if (result_.status == Status::kWhole) Begin();
   }
 
-  ReadResult Run(const std::function<void(const Packet&)>& on_packet, Problems& problems) {
-    if (result_.status == Status::kWhole) {
-      if (options_.on_open) options_.on_open(result_);
-      if (result_.tracks.size() > 1) {
-        problems.Add(ProblemKind::kSeveralTracks, kNoTime, 0,
-                     static_cast<std::int64_t>(result_.tracks.size()));
+  /// Reads the track's next packet; its bytes live until the next call.
+  /// @return false at the end, and where there is nothing to read.
+  bool Next(Packet& packet) {
+    if (result_.status != Status::kWhole) return false;
+    int error = 0;
+    while ((error = demuxer_.ReadPacket(packet_)) == 0) {
+      if (!origin_known_) FindOrigin();
+      if (packet_->stream_index != picked_->stream_index) continue;
+      ++result_.packets;
+      std::int64_t time_ns = ToNanoseconds(packet_->pts, time_base_);
+      if (time_ns == kNoTime) {
+        problems_.Add(ProblemKind::kMissingTime, kNoTime);
+      } else {
+        time_ns = SaturatingSub(time_ns, origin_ns_);
       }
-      if (const std::int64_t missing = demuxer_.MissingBytes(); missing > 0) {
-        problems.Add(ProblemKind::kTruncatedFile, kNoTime, 0, missing);
-      }
-      ReadPackets(on_packet, problems);
+      packet = {time_ns, packet_->data, static_cast<std::size_t>(std::max(packet_->size, 0))};
+      return true;
+    }
+    if (error != AVERROR_EOF) {
+      problems_.Add(ProblemKind::kReadError, kNoTime);
+      result_.error = lum::FFmpegErrorString(error);
+    }
+    return false;
+  }
+
+  [[nodiscard]] Problems& problems() { return problems_; }
+
+  /// The result of what was read, judged by what was found in it.
+  /// @param empty whether nothing was found.
+  ReadResult Finish(bool empty) {
+    if (result_.status != Status::kWhole) return std::move(result_);
+    result_.problems = problems_.Take();
+    const bool damaged = std::any_of(result_.problems.begin(), result_.problems.end(),
+                                     [](const Problem& problem) { return Damages(problem.kind); });
+    if (empty) {
+      result_.status = Status::kNoSamples;
+      if (result_.error.empty()) result_.error = "the camm track holds no sample";
+    } else if (damaged) {
+      result_.status = Status::kPartial;
     }
     return std::move(result_);
   }
@@ -186,62 +215,88 @@ class Reader {
     }
   }
 
-  void ReadPackets(const std::function<void(const Packet&)>& on_packet, Problems& problems) {
-    // The origin may be a packet of any stream: only behind it can the others be skipped.
-    bool origin_known = options_.origin == Origin::kContainer;
-    std::int64_t origin_ns = 0;
-    if (origin_known) SkipOtherStreams();
-
-    const AVRational time_base =
-        demuxer_.GetStream(static_cast<unsigned>(picked_->stream_index))->time_base;
-    std::shared_ptr<lum::QVXPacket> packet;
-    int error = 0;
-    while ((error = demuxer_.ReadPacket(packet)) == 0) {
-      if (!origin_known) {
-        const std::int64_t placed = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-        const AVStream* stream = demuxer_.GetStream(static_cast<unsigned>(packet->stream_index));
-        if (const std::int64_t time = ToNanoseconds(placed, stream->time_base); time != kNoTime) {
-          origin_known = true;
-          origin_ns = time;
-          SkipOtherStreams();
-        }
-      }
-      if (packet->stream_index != picked_->stream_index) continue;
-      ++result_.packets;
-      std::int64_t time_ns = ToNanoseconds(packet->pts, time_base);
-      if (time_ns == kNoTime) {
-        problems.Add(ProblemKind::kMissingTime, kNoTime);
-      } else {
-        time_ns = SaturatingSub(time_ns, origin_ns);
-      }
-      on_packet({time_ns, packet->data, static_cast<std::size_t>(std::max(packet->size, 0))});
+  void Begin() {
+    if (options_.on_open) options_.on_open(result_);
+    if (result_.tracks.size() > 1) {
+      problems_.Add(ProblemKind::kSeveralTracks, kNoTime, 0,
+                    static_cast<std::int64_t>(result_.tracks.size()));
     }
-    if (error != AVERROR_EOF) {
-      problems.Add(ProblemKind::kReadError, kNoTime);
-      result_.error = lum::FFmpegErrorString(error);
+    if (const std::int64_t missing = demuxer_.MissingBytes(); missing > 0) {
+      problems_.Add(ProblemKind::kTruncatedFile, kNoTime, 0, missing);
     }
+    time_base_ = demuxer_.GetStream(static_cast<unsigned>(picked_->stream_index))->time_base;
+    // The origin may be a packet of any stream: only after it can the others be skipped.
+    origin_known_ = options_.origin == Origin::kContainer;
+    if (origin_known_) SkipOtherStreams();
   }
 
-  const ReadOptions& options_;
+  void FindOrigin() {
+    const std::int64_t placed = packet_->dts != AV_NOPTS_VALUE ? packet_->dts : packet_->pts;
+    const AVStream* stream = demuxer_.GetStream(static_cast<unsigned>(packet_->stream_index));
+    const std::int64_t time = ToNanoseconds(placed, stream->time_base);
+    if (time == kNoTime) return;
+    origin_known_ = true;
+    origin_ns_ = time;
+    SkipOtherStreams();
+  }
+
+  const ReadOptions options_;
   lum::Demuxer demuxer_;
   Track* picked_ = nullptr;  // in `result_`; the vector no longer changes
   ReadResult result_;
+  Problems problems_;
+  AVRational time_base_{0, 1};
+  bool origin_known_ = false;
+  std::int64_t origin_ns_ = 0;
+  std::shared_ptr<lum::QVXPacket> packet_;
 };
 
-/// Adds the problems, and what follows from them.
-ReadResult Judged(ReadResult result, bool empty, const Problems& problems) {
-  if (result.status != Status::kWhole) return result;
-  result.problems = problems.Take();
-  const bool damaged = std::any_of(result.problems.begin(), result.problems.end(),
-                                   [](const Problem& problem) { return Damages(problem.kind); });
-  if (empty) {
-    result.status = Status::kNoSamples;
-    if (result.error.empty()) result.error = "the camm track holds no sample";
-  } else if (damaged) {
-    result.status = Status::kPartial;
+/// A reader, with the samples of each packet counted and their defects noted.
+class SampleCounter {
+ public:
+  SampleCounter(Reader& reader, std::function<void(const TimedSample&)> on_sample)
+      : reader_(reader), on_sample_(std::move(on_sample)) {}
+
+  bool NextPacket() {
+    Packet packet{};
+    if (!reader_.Next(packet)) return false;
+    time_ns_ = packet.time_ns;
+    Decode(packet.data, packet.size, sample_of_packet_, defect_of_packet_);
+    return true;
   }
-  return result;
-}
+
+  ReadResult Finish() {
+    ReadResult result = reader_.Finish(
+        std::all_of(counts_.begin(), counts_.end(), [](auto count) { return count == 0; }));
+    result.counts = counts_;
+    return result;
+  }
+
+ private:
+  void OnDefect(const Defect& defect) {
+    switch (defect.kind) {
+      case DefectKind::kUnknownType:
+        return reader_.problems().Add(ProblemKind::kUnknownType, time_ns_, defect.type);
+      case DefectKind::kCutSample:
+        return reader_.problems().Add(ProblemKind::kCutSample, time_ns_);
+      case DefectKind::kReservedBytes:
+        return reader_.problems().Add(ProblemKind::kReservedBytes, time_ns_);
+    }
+  }
+
+  Reader& reader_;
+  const std::function<void(const TimedSample&)> on_sample_;
+  std::array<std::int64_t, kTypeCount> counts_{};
+  std::int64_t time_ns_ = kNoTime;
+  // Made once: a packet usually holds one sample, and there are millions of them.
+  const std::function<void(const Sample&)> sample_of_packet_ = [this](const Sample& sample) {
+    ++counts_[sample.index()];
+    on_sample_({time_ns_, sample});
+  };
+  const std::function<void(const Defect&)> defect_of_packet_ = [this](const Defect& defect) {
+    OnDefect(defect);
+  };
+};
 
 }  // namespace
 
@@ -252,45 +307,45 @@ void SilenceMessages() {
 
 ReadResult StreamPackets(const Input& input, const ReadOptions& options,
                          const std::function<void(const Packet&)>& on_packet) {
-  Problems problems;
-  ReadResult result = Reader(input, options).Run(on_packet, problems);
-  const bool empty = result.packets == 0;
-  return Judged(std::move(result), empty, problems);
+  Reader reader(input, options);
+  bool empty = true;
+  for (Packet packet{}; reader.Next(packet); empty = false) on_packet(packet);
+  return reader.Finish(empty);
 }
 
 ReadResult Stream(const Input& input, const ReadOptions& options,
                   const std::function<void(const TimedSample&)>& on_sample) {
-  Problems problems;
-  std::array<std::int64_t, kTypeCount> counts{};
-  std::int64_t time_ns = kNoTime;
-  // Made once: a packet usually holds one sample, and there are millions of them.
-  const std::function<void(const Sample&)> sample_of_packet = [&](const Sample& sample) {
-    ++counts[sample.index()];
-    on_sample({time_ns, sample});
-  };
-  const std::function<void(const Defect&)> defect_of_packet = [&](const Defect& defect) {
-    switch (defect.kind) {
-      case DefectKind::kUnknownType:
-        return problems.Add(ProblemKind::kUnknownType, time_ns, defect.type);
-      case DefectKind::kCutSample:
-        return problems.Add(ProblemKind::kCutSample, time_ns);
-      case DefectKind::kReservedBytes:
-        return problems.Add(ProblemKind::kReservedBytes, time_ns);
-    }
-  };
-  ReadResult result =
-      Reader(input, options)
-          .Run(
-              [&](const Packet& packet) {
-                time_ns = packet.time_ns;
-                Decode(packet.data, packet.size, sample_of_packet, defect_of_packet);
-              },
-              problems);
-  result.counts = counts;
-  const bool empty =
-      std::all_of(counts.begin(), counts.end(), [](auto count) { return count == 0; });
-  return Judged(std::move(result), empty, problems);
+  Reader reader(input, options);
+  SampleCounter samples(reader, on_sample);
+  while (samples.NextPacket()) {
+  }
+  return samples.Finish();
 }
+
+struct SampleReader::State {
+  State(const Input& input, const ReadOptions& options)
+      : reader(input, options),
+        samples(reader, [this](const TimedSample& sample) { batch->push_back(sample); }) {}
+
+  std::vector<TimedSample>* batch = nullptr;
+  Reader reader;
+  SampleCounter samples;
+};
+
+SampleReader::SampleReader(const Input& input, const ReadOptions& options)
+    : state_(std::make_unique<State>(input, options)) {}
+
+SampleReader::~SampleReader() = default;
+
+bool SampleReader::Next(std::vector<TimedSample>& batch, std::size_t at_least) {
+  batch.clear();
+  state_->batch = &batch;
+  while (batch.size() < at_least && state_->samples.NextPacket()) {
+  }
+  return !batch.empty();
+}
+
+ReadResult SampleReader::Finish() { return state_->samples.Finish(); }
 
 Recording Read(const Input& input, const ReadOptions& options) {
   Recording recording;

@@ -141,6 +141,28 @@ ReadResult StreamPackets(const Input& input, const ReadOptions& options,
 ReadResult Stream(const Input& input, const ReadOptions& options,
                   const std::function<void(const TimedSample&)>& on_sample);
 
+/// Reads a track as `Stream` does, for callers that would rather ask than be called.
+/// Not thread-safe: one thread at a time.
+class SampleReader {
+ public:
+  SampleReader(const Input& input, const ReadOptions& options);
+  ~SampleReader();
+  SampleReader(const SampleReader&) = delete;
+  SampleReader& operator=(const SampleReader&) = delete;
+
+  /// Replaces what `batch` holds by the samples of the next packets, `at_least` of them unless the
+  /// end comes first.
+  /// @return false when there are none left, or nothing could be opened: `Finish` tells.
+  [[nodiscard]] bool Next(std::vector<TimedSample>& batch, std::size_t at_least = 1);
+
+  /// What is known of the file and of what was read. Once, after the last `Next`.
+  ReadResult Finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
 /// A sample of one type with its time.
 template <typename T>
 struct Timed {
