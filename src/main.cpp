@@ -10,11 +10,11 @@
 #include <string>
 
 #include "av_toolbox/ffmpeg_util.h"
+#include "base/log_sites.h"
 #include "camm_processed_filter.h"
 #include "editor/file_media_src.h"
 #include "editor/media_pipe.h"
 #include "extraction_report.h"
-#include "log_sites.h"
 #include "utils/allocator.h"
 #include "utils/last_words.h"
 #include "utils/memory_reserve.h"

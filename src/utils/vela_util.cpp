@@ -8,7 +8,7 @@
 #include <thread>
 #include <utility>
 
-#include "log_sites.h"
+#include "base/log_sites.h"
 
 namespace lum::vela {
 namespace {

@@ -2,7 +2,7 @@
 
 #include "av_toolbox/ffmpeg_util.h"
 #include "av_toolbox/filter_util.h"
-#include "av_toolbox/log_sites.h"
+#include "base/log_sites.h"
 
 namespace lum {
 

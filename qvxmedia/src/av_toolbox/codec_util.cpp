@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "av_toolbox/log_sites.h"
+#include "base/log_sites.h"
 
 namespace lum {
 namespace {

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "av_toolbox/ffmpeg_util.h"
-#include "av_toolbox/log_sites.h"
+#include "base/log_sites.h"
 
 namespace lum {
 namespace {

@@ -5,7 +5,7 @@
 #include <mutex>
 
 #include "av_toolbox/ffmpeg_compat.h"
-#include "av_toolbox/log_sites.h"
+#include "base/log_sites.h"
 
 namespace lum {
 

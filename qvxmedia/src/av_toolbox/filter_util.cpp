@@ -1,6 +1,6 @@
 #include "av_toolbox/filter_util.h"
 
-#include "av_toolbox/log_sites.h"
+#include "base/log_sites.h"
 
 namespace lum {
 

@@ -29,7 +29,9 @@ std::string ShortFileName(const std::string& file) {
 void Write(const std::string& text) {
   LogSink& sink = GetLogSink();
   const std::lock_guard<std::mutex> lock(sink.mutex);
-  std::fwrite(text.data(), 1, text.size(), sink.use_stderr ? stderr : stdout);
+  if (!sink.console_off) {
+    std::fwrite(text.data(), 1, text.size(), sink.use_stderr ? stderr : stdout);
+  }
   if (sink.file != nullptr) {
     std::fwrite(text.data(), 1, text.size(), sink.file);
     std::fflush(sink.file);
@@ -63,7 +65,7 @@ LogMessage::LogMessage(const std::string& file, const std::string& /*function*/,
 
 LogMessage::LogMessage(const std::string& condition, const std::string& file,
                        const std::string& /*function*/, int32_t line)
-    : fatal_(true), level_(kError) {
+    : fatal_(true), level_(static_cast<int32_t>(LogLevel::kError)) {
   AppendHeader();
   *this << "[Check failed (" << condition << ") " << ShortFileName(file) << ':' << line << ']';
 }
@@ -86,6 +88,7 @@ void LogMessage::AppendHeader() {
 
 LogMessage::~LogMessage() {
   try {
+    clear();  // also a record whose stream went bad ends its line
     *this << '\n';
     Write(str());
   } catch (const std::bad_alloc&) {  // a record less; what the process does goes on

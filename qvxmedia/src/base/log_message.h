@@ -20,11 +20,11 @@
 namespace lum {
 
 /// Severity of a record. A failed check is a `kError` record that ends the process.
-enum LogLevel : int32_t { kVerbose = 0, kInfo = 1, kWarning = 2, kError = 3 };
+enum class LogLevel : int32_t { kVerbose = 0, kInfo = 1, kWarning = 2, kError = 3 };
 
 /// Process-wide logging configuration. Any thread may read or write it.
 struct LogConfig {
-  std::string name;                   ///< Not used by the library.
+  std::string name;                   ///< The program's to use; the library never reads it.
   std::atomic<int32_t> min_level{0};  ///< Statements below this level build nothing.
 };
 
@@ -39,6 +39,8 @@ struct LogSink {
   std::mutex mutex;
   /// Writes the console copy to standard error instead of standard output.
   std::atomic<bool> use_stderr{false};
+  /// Leaves the console copy out; `file` still gets every record.
+  std::atomic<bool> console_off{false};
 };
 
 /// The configuration, created on first use. Any thread.
@@ -47,8 +49,8 @@ LogConfig& GetLogConfig();
 LogSink& GetLogSink();
 
 /// True when a statement of `level` is to be written.
-inline bool LogEnabled(int32_t level) {
-  return GetLogConfig().min_level.load(std::memory_order_relaxed) <= level;
+inline bool LogEnabled(LogLevel level) {
+  return GetLogConfig().min_level.load(std::memory_order_relaxed) <= static_cast<int32_t>(level);
 }
 
 /// A place in the source that records name. Where a record's place is part of the log format it is
@@ -68,7 +70,7 @@ class LogMessage : public std::ostringstream {
  public:
   /// @param file source path; the part after its last backslash is printed.
   /// @param function accepted, not printed.
-  /// @param level one of `LogLevel`.
+  /// @param level the value of a `LogLevel`.
   LogMessage(const std::string& file, const std::string& function, int32_t line, int32_t level);
   /// A failed check: level `kError`, fatal.
   /// @param condition text of the condition that did not hold.
@@ -99,13 +101,13 @@ class LogMessage : public std::ostringstream {
   default:                               \
     if (!::lum::LogEnabled(level)) {     \
     } else                               \
-      ::lum::LogMessage(file, __builtin_FUNCTION(), line, level).stream()
+      ::lum::LogMessage(file, __builtin_FUNCTION(), line, static_cast<int32_t>(level)).stream()
 
 /// A statement at the place where it stands. `level` is an enumerator of `lum::LogLevel`.
-#define LUM_LOG(level) LUM_LOG_IMPL_(::lum::level, __FILE__, __LINE__)
+#define LUM_LOG(level) LUM_LOG_IMPL_(::lum::LogLevel::level, __FILE__, __LINE__)
 
 /// A statement that names the `lum::LogSite` given.
-#define LUM_LOG_AT(level, site) LUM_LOG_IMPL_(::lum::level, (site).file, (site).line)
+#define LUM_LOG_AT(level, site) LUM_LOG_IMPL_(::lum::LogLevel::level, (site).file, (site).line)
 
 #define LUM_CHECK_IMPL_(condition, text, file, line) \
   switch (0)                                         \

@@ -3,8 +3,8 @@
 #include <exception>
 #include <stdexcept>
 
+#include "base/log_sites.h"
 #include "editor/blocking_post.h"
-#include "editor/log_sites.h"
 
 namespace lum {
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "base/log_sites.h"
 #include "eventloop/event_dispatcher.h"
 
 namespace lum {
@@ -19,6 +20,13 @@ std::shared_ptr<Event> Event::SetHandler(const std::shared_ptr<EventHandler>& ha
 std::shared_ptr<Event> Event::SetDispatcher(const std::shared_ptr<EventDispatcher>& dispatcher) {
   dispatcher_ = dispatcher;
   return shared_from_this();
+}
+
+const any* Event::Find(const std::string& key) const {
+  const auto found = data_.find(key);
+  if (found != data_.end()) return &found->second;
+  LUM_LOG_AT(kInfo, site::kEventKeyMissing) << "unable to find key: " << key;
+  return nullptr;
 }
 
 void Event::Post() { PostWithDelay(0); }

@@ -9,7 +9,6 @@
 #include <unordered_map>
 
 #include "base/any.h"
-#include "eventloop/log_sites.h"
 
 namespace lum {
 
@@ -60,13 +59,9 @@ class Event : public std::enable_shared_from_this<Event> {
   /// @throws bad_any_cast when the value is stored under another type.
   template <typename T>
   bool GetDataCopy(const std::string& key, T* out) const {
-    const auto found = data_.find(key);
-    if (found == data_.end()) {
-      LUM_LOG_AT(kInfo, site::kEventKeyMissing) << "unable to find key: " << key;
-      return false;
-    }
-    *out = any_cast<T>(found->second);
-    return true;
+    const any* value = Find(key);
+    if (value != nullptr) *out = any_cast<T>(*value);
+    return value != nullptr;
   }
 
   /// Hands the event to its dispatcher, to be dispatched at once. Any thread.
@@ -78,7 +73,11 @@ class Event : public std::enable_shared_from_this<Event> {
  private:
   friend class EventDispatcher;
 
-  void* timer_record_ = nullptr;  // set by the dispatcher while a delay timer holds the event
+  // Null, with an INFO record, when there is no such key.
+  [[nodiscard]] const any* Find(const std::string& key) const;
+
+  // Set by the dispatcher while a delay timer holds the event; for a debugger, nothing reads it.
+  void* timer_record_ = nullptr;
   int32_t what_;
   // Atomic, as an event may be posted again while it is still queued.
   std::atomic<int32_t> delay_ms_{0};

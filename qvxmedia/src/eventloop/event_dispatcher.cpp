@@ -9,7 +9,7 @@
 #include <new>
 #include <system_error>
 
-#include "eventloop/log_sites.h"
+#include "base/log_sites.h"
 
 namespace lum {
 
@@ -27,8 +27,8 @@ struct EventDispatcher::QuitRecord {
 namespace {
 
 constexpr int kNoDescriptor = -1;
-// EVENT_BASE_FLAG_PRECISE_TIMER where libevent names it (2.1); 2.0 accepts and ignores it.
-constexpr int kPreciseTimer = 0x20;
+constexpr int kPreciseTimer = EVENT_BASE_FLAG_PRECISE_TIMER;
+static_assert(kPreciseTimer == 0x20);
 
 int EnableThreadSupport() { return evthread_use_pthreads(); }
 
@@ -108,6 +108,7 @@ void EventDispatcher::Stop() {
     record->quit_event = event_new(event_base_, kNoDescriptor, 0, &OnQuitEvent, record.get());
   }
   if (record == nullptr || record->quit_event == nullptr) return QuitWithoutMemory();
+  // Refused, as the base keeps libevent's single priority; said all the same.
   event_priority_set(record->quit_event, 100);
   const timeval at_once{0, 0};
   if (event_add(record->quit_event, &at_once) != 0) {
@@ -177,7 +178,8 @@ void EventDispatcher::AddTimer(const std::shared_ptr<Event>& event) {
   timeout.tv_sec = remaining_us / 1'000'000;
   timeout.tv_usec = remaining_us % 1'000'000;
 
-  // A time-out counts from the base's cached time, which is that of the turn's begin.
+  // A time-out counts from the base's cached time, which is that of the turn's begin (libevent 2.1
+  // and later can bring it up to date).
   event_base_update_cache_time(event_base_);
   auto record = std::make_unique<TimerRecord>(TimerRecord{this, event});
   struct event* timer = event_new(event_base_, kNoDescriptor, 0, &OnTimerEvent, record.get());
@@ -187,7 +189,7 @@ void EventDispatcher::AddTimer(const std::shared_ptr<Event>& event) {
     return;
   }
   timer_events_.emplace(record.get(), timer);
-  event_priority_set(timer, 1);
+  event_priority_set(timer, 1);  // refused, see Stop
   event->timer_record_ = record.release();
 }
 
