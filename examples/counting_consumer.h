@@ -16,11 +16,9 @@ class CountingConsumer : public lum::PacketConsumer {
     return true;
   }
   bool Notify(lum::MediaInfo* /*info*/, const lum::MediaMessage& message) override {
-    if (message.code == lum::MediaMessage::kNewRange) ++jumps;
+    if (message.code == lum::kMediaMessageNewRange) ++jumps;
     return true;
   }
-  bool Close(lum::MediaInfo* /*info*/) override { return true; }
-  void Interrupt(lum::MediaInfo* /*info*/) override {}
 
   int count = 0;
   int jumps = 0;

@@ -17,11 +17,6 @@ class KeyFrameLister : public lum::PacketConsumer {
     }
     return true;  // false, after setting info->error, fails the run
   }
-  bool Notify(lum::MediaInfo* /*info*/, const lum::MediaMessage& /*message*/) override {
-    return true;
-  }
-  bool Close(lum::MediaInfo* /*info*/) override { return true; }
-  void Interrupt(lum::MediaInfo* /*info*/) override {}
 };
 
 int main(int argc, char** argv) {

@@ -49,9 +49,6 @@ class CountingConsumer : public lum::PacketConsumer {
       : options_(options), pipe_(std::move(pipe)) {}
 
   bool Open(lum::MediaInfo* info) override { return info->stream != nullptr; }
-  bool Notify(lum::MediaInfo* /*info*/, const lum::MediaMessage& /*message*/) override {
-    return true;
-  }
   bool Filter(lum::MediaInfo* info, const std::shared_ptr<lum::QVXPacket>& packet) override {
     Require(!closed_, "no packet comes after the stream was closed");
     last_ = packet;  // keeping one is allowed
@@ -66,7 +63,6 @@ class CountingConsumer : public lum::PacketConsumer {
     Require(!closed_.exchange(true), "a stream is closed once");
     return true;
   }
-  void Interrupt(lum::MediaInfo* /*info*/) override {}
 
  private:
   uint8_t options_;

@@ -110,12 +110,6 @@ bool CammProcessedFilter::Open(lum::MediaInfo* /*info*/) {
   return gps_open && gyro_open;
 }
 
-bool CammProcessedFilter::Notify(lum::MediaInfo* /*info*/, const lum::MediaMessage& /*message*/) {
-  return true;
-}
-
-void CammProcessedFilter::Interrupt(lum::MediaInfo* /*info*/) {}
-
 bool CammProcessedFilter::Filter(lum::MediaInfo* info,
                                  const std::shared_ptr<lum::QVXPacket>& packet) {
   ++packet_count_;

@@ -20,7 +20,7 @@
 /// `exposure_6.dat` and `gps.json`. Angle-axis, position, minimal-GPS and magnetic-field samples
 /// are not decoded.
 ///
-/// Threads: as `lum::MediaSource`; it has no lock of its own, and `Interrupt` does nothing.
+/// Threads: as `lum::MediaSource`; it has no lock of its own.
 /// Ownership: shared by the driver and the file source.
 /// Errors: a file that cannot be created or written whole fails no call but `Open`; see `problems`.
 /// Running out of memory leaves `Filter` as an exception; no file counts as whole then.
@@ -40,12 +40,10 @@ class CammProcessedFilter : public lum::PacketConsumer {
   /// Creates `gps.json` and `gyro.dat`, empty. Does not read `info`.
   /// @return true when both are open.
   bool Open(lum::MediaInfo* info) override;
-  bool Notify(lum::MediaInfo* info, const lum::MediaMessage& message) override;
   /// Decodes one packet. Reads the time base of `info->stream`. Always true.
   bool Filter(lum::MediaInfo* info, const std::shared_ptr<lum::QVXPacket>& packet) override;
   /// Writes and closes every output. Does not read `info`. Always true.
   bool Close(lum::MediaInfo* info) override;
-  void Interrupt(lum::MediaInfo* info) override;
 
   /// Output files that are missing or not whole. After `Close`.
   [[nodiscard]] const std::vector<Problem>& problems() const { return problems_; }

@@ -112,7 +112,7 @@ class StrictConsumer : public lum::PacketConsumer {
   }
   bool Notify(lum::MediaInfo* /*info*/, const lum::MediaMessage& message) override {
     EXPECT_EQ(calls_, kOpen);
-    if (message.code == lum::MediaMessage::kEnd) {
+    if (message.code == lum::kMediaMessageEnd) {
       EXPECT_FALSE(ended_.exchange(true));
       if (on_end) on_end();
     }

@@ -7,8 +7,8 @@
 
 #include "av_toolbox/codec_util.h"
 #include "av_toolbox/time_util.h"
+#include "base/log_sites.h"
 #include "editor/blocking_post.h"
-#include "editor/log_sites.h"
 
 namespace lum {
 namespace {
@@ -62,8 +62,10 @@ bool FileMediaSrc::Prepare() {
   open_result_ = demuxer_->Open(nullptr, io_source_);
   if (open_result_ != 0) {
     error_code = kReadErrorCode;
+    outcome_ = RunOutcome::kOpenFailed;
     return false;
   }
+  outcome_ = RunOutcome::kNotOver;
   stopping_ = false;
   interrupted_early_ = false;
   finished_ = false;
@@ -90,6 +92,7 @@ bool FileMediaSrc::OpenConsumers() {
     opening.info.source_id = static_cast<int32_t>(index);
     if (opening.consumer->Open(&opening.info)) continue;
     error_code = opening.info.error;
+    outcome_ = RunOutcome::kOpenRefused;
     for (size_t j = 0; j < i; ++j) {
       if (!tracks_[j].active()) continue;
       tracks_[j].consumer->Close(&tracks_[j].info);
@@ -140,6 +143,7 @@ void FileMediaSrc::Stop() {
     dispatcher_->Stop();
     dispatcher_->Release();
     dispatcher_.reset();
+    Settle(RunOutcome::kCanceled);
   }
   packet_.reset();
   demuxer_.reset();
@@ -170,9 +174,15 @@ void FileMediaSrc::FinishReading(SrcEvent outcome) {
   PostToSelf(outcome);
 }
 
-void FileMediaSrc::Fail(int32_t code) {
+void FileMediaSrc::Fail(RunOutcome outcome, int32_t code) {
+  Settle(outcome);
   error_code = code;
   FinishReading(kSrcEventFailed);
+}
+
+void FileMediaSrc::Settle(RunOutcome outcome) {
+  RunOutcome none = RunOutcome::kNotOver;
+  outcome_.compare_exchange_strong(none, outcome);
 }
 
 void FileMediaSrc::HandleEvent(const std::shared_ptr<Event>& event) {
@@ -187,6 +197,7 @@ void FileMediaSrc::HandleEvent(const std::shared_ptr<Event>& event) {
       FailOnException([this] { PerformRead(); });
       break;
     case kSrcEventInterrupted:
+      Settle(RunOutcome::kCanceled);
       Report(MediaSrcState::kCanceled, nullptr);
       break;
     case kSrcEventClose:
@@ -210,7 +221,7 @@ void FileMediaSrc::FailOnException(Step&& step) {
     step();
   } catch (const std::exception& e) {
     LUM_LOG(kError) << "reading failed: " << e.what();
-    Fail(kReadErrorCode);
+    Fail(RunOutcome::kException, kReadErrorCode);
   }
 }
 
@@ -218,11 +229,15 @@ void FileMediaSrc::PerformStart() {
   LUM_LOG_AT(kVerbose, site::kSrcStart) << "file media src to start.";
   if (!prepared_) {
     finished_ = true;
+    Settle(RunOutcome::kNotPrepared);
     PerformFailed();
     return;
   }
   // There was no thread yet to report it on, and whoever waits for the end must hear of it.
-  if (interrupted_early_) Report(MediaSrcState::kCanceled, nullptr);
+  if (interrupted_early_) {
+    Settle(RunOutcome::kCanceled);
+    Report(MediaSrcState::kCanceled, nullptr);
+  }
   if (ReadingIsOver()) return;
   length_ = 0;
   if (ranges_.empty()) {
@@ -253,7 +268,7 @@ void FileMediaSrc::PerformRead() {
   if (read == AVERROR_EOF) return FinishReading(kSrcEventEnd);
   if (read != 0) {
     read_result_ = read;
-    return Fail(kReadErrorCode);
+    return Fail(RunOutcome::kReadFailed, kReadErrorCode);
   }
 
   const std::shared_ptr<QVXPacket>& packet = packet_;
@@ -268,10 +283,10 @@ void FileMediaSrc::PerformRead() {
       for (Track& t : tracks_) {
         if (!t.active()) continue;
         const bool told = AnswerOf([&] {
-          t.consumer->Notify(&t.info, {MediaMessage::kStart, start_position_});
+          t.consumer->Notify(&t.info, {kMediaMessageStart, start_position_});
           return true;  // it cannot be refused
         });
-        if (!told) return Fail(t.info.error);
+        if (!told) return FailTrack(t);
       }
     }
     if (track != nullptr) {
@@ -351,9 +366,9 @@ FileMediaSrc::RangeStep FileMediaSrc::NextRange(int64_t position_ms) {
     if (!t.active()) continue;
     t.accumulated_offset =
         WrappingAdd(t.accumulated_offset, Rescale(read_ms, kMilliseconds, t.stream->time_base));
-    const MediaMessage jump{MediaMessage::kNewRange, t.accumulated_offset};
+    const MediaMessage jump{kMediaMessageNewRange, t.accumulated_offset};
     if (!AnswerOf([&] { return t.consumer->Notify(&t.info, jump); })) {
-      Fail(t.info.error);
+      FailTrack(t);
       return RangeStep::kStop;
     }
   }
@@ -381,7 +396,7 @@ bool FileMediaSrc::Deliver(Track& target, const std::shared_ptr<QVXPacket>& pack
 
 bool FileMediaSrc::PassOn(Track& target, const std::shared_ptr<QVXPacket>& packet) {
   const bool accepted = AnswerOf([&] { return target.consumer->Filter(&target.info, packet); });
-  if (!accepted) Fail(target.info.error);
+  if (!accepted) FailTrack(target);
   return accepted;
 }
 
@@ -431,9 +446,10 @@ void FileMediaSrc::PerformOnEnd() {
   for (Track& t : tracks_) {
     if (!t.active()) continue;
     t.info.ended = true;
-    const MediaMessage end{MediaMessage::kEnd, any()};
-    if (!AnswerOf([&] { return t.consumer->Notify(&t.info, end); })) return Fail(t.info.error);
+    const MediaMessage end{kMediaMessageEnd, any()};
+    if (!AnswerOf([&] { return t.consumer->Notify(&t.info, end); })) return FailTrack(t);
   }
+  Settle(RunOutcome::kEnded);
   if (!state_callback) return;
   Report(MediaSrcState::kEnded, EstimateEndMs());
 }
@@ -463,10 +479,15 @@ int64_t FileMediaSrc::EstimateEndMs() {
 void FileMediaSrc::PerformClose(const Event& event) {
   LUM_LOG_AT(kVerbose, site::kSrcPerformClose) << "perform close";
   closed_ = true;
+  Settle(RunOutcome::kCanceled);
   for (Track& t : tracks_) {
     if (!t.active() || t.closed) continue;
     if (!AnswerOf([&] { return t.consumer->Close(&t.info); })) {
       error_code = t.info.error;
+      const RunOutcome before = outcome_;
+      if (before == RunOutcome::kEnded || before == RunOutcome::kCanceled) {
+        outcome_ = RunOutcome::kConsumerFailed;
+      }
       Report(MediaSrcState::kError, nullptr);
     }
   }

@@ -90,6 +90,8 @@ class FileMediaSrc : public MediaSrc,
   [[nodiscard]] int open_result() const { return open_result_; }
   /// Whether the last `Prepare` succeeded.
   [[nodiscard]] bool prepared() const { return prepared_; }
+  /// How the run ended. Final once the source was closed or stopped. Any thread.
+  [[nodiscard]] RunOutcome outcome() const { return outcome_; }
   /// FFmpeg's error that ended the reading; 0 when there was none. When `demuxer` may be used.
   [[nodiscard]] int read_result() const { return read_result_; }
 
@@ -139,7 +141,10 @@ class FileMediaSrc : public MediaSrc,
   void PostRead();
   void Report(MediaSrcState state, const any& value);
   void FinishReading(SrcEvent outcome);
-  void Fail(int32_t code);
+  void Fail(RunOutcome outcome, int32_t code);
+  void FailTrack(const Track& track) { Fail(RunOutcome::kConsumerFailed, track.info.error); }
+  // Keeps the first outcome.
+  void Settle(RunOutcome outcome);
   [[nodiscard]] bool ReadingIsOver() const { return finished_ || closed_ || stopping_; }
 
   Track* TrackOf(const QVXPacket& packet);
@@ -182,6 +187,7 @@ class FileMediaSrc : public MediaSrc,
   bool skipped_unused_ = false;
 
   std::atomic<double> progress_{0.0};
+  std::atomic<RunOutcome> outcome_{RunOutcome::kNotOver};
   std::atomic<bool> closed_{false};
   std::atomic<bool> stopping_{false};
   bool released_ = false;

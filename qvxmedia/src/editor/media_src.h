@@ -1,5 +1,5 @@
-// The contract between a media source, which reads a container and produces packets, and the
-// consumers attached to it.
+// The contract between what reads packets and what consumes them. The names are close: a `MediaSrc`
+// reads a container, a `MediaSource` consumes its packets.
 #ifndef QVXMEDIA_EDITOR_MEDIA_SRC_H_
 #define QVXMEDIA_EDITOR_MEDIA_SRC_H_
 
@@ -25,28 +25,50 @@ struct MediaInfo {
   int32_t error = -1;  ///< A consumer may leave an error code here before it returns false.
 };
 
+/// Codes of a `MediaMessage`, and the value that each carries.
+enum MediaMessageCode : int32_t {
+  kMediaMessageEnd = 0,    ///< The input has ended; no value.
+  kMediaMessageStart = 1,  ///< Before the first packet: int64, start position in milliseconds.
+  /// Reading jumps: int64, the stream's accumulated offset, in its time base.
+  kMediaMessageNewRange = 2,
+};
+
 /// What `MediaSource::Notify` carries.
 struct MediaMessage {
-  enum Code : int32_t {
-    kEnd = 0,       ///< The input has ended; no value.
-    kStart = 1,     ///< Before the first packet: int64, start position in milliseconds.
-    kNewRange = 2,  ///< Reading jumps: int64, the stream's accumulated offset, in its time base.
-  };
-
-  int32_t code;
+  int32_t code;  ///< One of `MediaMessageCode`.
   any value;
 };
 
-/// A consumer of one or more streams' packets (`T` is how a packet is held).
+/// How a source's run ended. The first that applies is kept, but a consumer that fails to close
+/// turns an end or a cancellation into `kConsumerFailed`.
+///
+/// The codes that callbacks deliver overlap (1 is a read error's and a cancelled run's, a consumer
+/// may fail with 0); these do not.
+enum class RunOutcome : uint8_t {
+  kNotOver,         ///< Not started, or still under way.
+  kEnded,           ///< Read to the end, and every consumer was told.
+  kCanceled,        ///< Interrupted, closed or stopped before the end.
+  kNotPrepared,     ///< Started without a successful `Prepare`.
+  kOpenFailed,      ///< `Prepare`: the input could not be opened.
+  kOpenRefused,     ///< `Prepare`: a consumer refused to open.
+  kReadFailed,      ///< The input could not be read on.
+  kConsumerFailed,  ///< A consumer refused a call, or an exception left it.
+  kException,       ///< An exception ended the reading, such as for want of memory.
+};
+
+/// A consumer of one or more streams' packets (`T` is how a packet is held). What it does not care
+/// about it need not implement: by default it accepts everything that it is told.
 ///
 /// Calls come in this order: `Open` once a stream, then `Filter` for each of its packets, in file
-/// order, interleaved with `Notify`, then `Close` once.
+/// order, interleaved with `Notify`, then `Close` once. `Interrupt` comes between `Open` and
+/// `Close`, if at all.
 ///
-/// Threads: `Open` runs on the thread that prepares the source; `Notify`, `Filter` and `Close` on
-/// the source's event thread; `Interrupt` on the thread that interrupts the source, at any time, so
-/// it is not serialised with `Filter`.
+/// Threads: `Open` runs on the thread that prepares the source, and so does `Close` when a later
+/// consumer refuses to open; `Notify`, `Filter` and `Close` otherwise on the source's event thread;
+/// `Interrupt` on the thread that interrupts the source, so it is not serialised with `Filter`.
 /// Ownership: shared by whoever attached it and the source. A packet is never modified after it was
 /// passed on; a consumer may keep the shared pointer. `MediaInfo` lives as long as the source.
+/// Errors: an exception that leaves a call counts as a refusal and is recorded.
 template <typename T>
 class MediaSource {
  public:
@@ -57,13 +79,15 @@ class MediaSource {
 
   /// @return false to abort the preparation.
   virtual bool Open(MediaInfo* info) = 0;
-  /// @return false to refuse: for `kNewRange` and `kEnd` the run then fails with `info->error`.
-  virtual bool Notify(MediaInfo* info, const MediaMessage& message) = 0;
+  /// @return false to refuse: the run then fails with `info->error`, but at the start, which cannot
+  ///   be refused.
+  virtual bool Notify(MediaInfo* /*info*/, const MediaMessage& /*message*/) { return true; }
   /// @return false to fail the run with `info->error`.
   virtual bool Filter(MediaInfo* info, const T& packet) = 0;
   /// @return false to fail the run with `info->error`.
-  virtual bool Close(MediaInfo* info) = 0;
-  virtual void Interrupt(MediaInfo* info) = 0;
+  virtual bool Close(MediaInfo* /*info*/) { return true; }
+  /// The source is being interrupted.
+  virtual void Interrupt(MediaInfo* /*info*/) {}
 };
 
 using PacketConsumer = MediaSource<std::shared_ptr<QVXPacket>>;
