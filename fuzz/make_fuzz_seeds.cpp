@@ -8,14 +8,17 @@
 #include <string>
 #include <vector>
 
-#include "support/av_encode.h"
-#include "support/camm_samples.h"
-#include "support/mp4_writer.h"
+#include "samples/av_encode.h"
+#include "samples/camera.h"
+#include "samples/camm_samples.h"
+#include "samples/mp4_writer.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-using namespace motrace::testing;  // NOLINT(google-build-using-namespace): one short program
+using namespace motrace::samples;  // NOLINT(google-build-using-namespace): one short program
+using motrace::testing::ReadFile;
+using motrace::testing::WriteFile;
 namespace fs = std::filesystem;
 
 const Vec3 kVector{0.5F, -1.25F, 9.75F};
@@ -29,12 +32,10 @@ GpsFix Fix() {
   return fix;
 }
 
-// One of each type.
-std::vector<Bytes> EveryType() {
-  return {AngleAxisSample(kVector), ExposureSample(10000000, 16000000),
-          GyroSample(kVector),      AccelSample(kVector),
-          PositionSample(kVector),  MinimalGpsSample(48.137, 11.575, 519.5),
-          GpsSample(Fix()),         MagneticFieldSample(kVector)};
+// `instants` times one of each type.
+CameraOptions Camera(std::uint32_t timescale, int instants) {
+  constexpr int kHertz = 100;
+  return {timescale, instants, kHertz, kHertz, kHertz, kHertz};
 }
 
 // A packet of the decoder's target: length, time, difference, payload.
@@ -48,16 +49,15 @@ Bytes DecoderPacket(const Bytes& payload, uint8_t time, uint8_t difference) {
 
 void WriteDecoderSeeds(const fs::path& directory) {
   fs::create_directories(directory);
-  std::uint8_t number = 0;
   Bytes all{1};
   Bytes together;
-  for (const Bytes& sample : EveryType()) {
-    WriteFile(directory / ("type_" + std::to_string(number)),
-              Concat({{number}, DecoderPacket(sample, 100, 0)}));
-    all = Concat({all, DecoderPacket(sample, static_cast<std::uint8_t>(101 + number), 1)});
+  RecordCamera(Camera(1000, 1), [&](const Bytes& sample, std::uint32_t /*duration*/) {
+    const std::uint8_t type = sample[2];
+    WriteFile(directory / ("type_" + std::to_string(type)),
+              Concat({{type}, DecoderPacket(sample, 100, 0)}));
+    all = Concat({all, DecoderPacket(sample, static_cast<std::uint8_t>(101 + type), 1)});
     together = Concat({together, sample});
-    ++number;
-  }
+  });
   WriteFile(directory / "every_type", all);
   WriteFile(directory / "one_packet", Concat({{0}, DecoderPacket(together, 255, 0)}));
   WriteFile(directory / "carried_keys",
@@ -74,13 +74,7 @@ void WriteDecoderSeeds(const fs::path& directory) {
   WriteFile(directory / "pairs", pairs);
 }
 
-Mp4Track Motion(std::uint32_t timescale, std::uint32_t duration) {
-  Mp4Track track = Mp4Track::Camm(timescale);
-  for (int i = 0; i < 3; ++i) {
-    for (const Bytes& sample : EveryType()) track.Add(sample, duration);
-  }
-  return track;
-}
+Mp4Track Motion(std::uint32_t timescale) { return CameraTrack(Camera(timescale, 3)); }
 
 void WriteContainerSeeds(const fs::path& directory) {
   fs::create_directories(directory);
@@ -98,25 +92,25 @@ void WriteContainerSeeds(const fs::path& directory) {
   Mp4Layout fragmented;
   fragmented.order = Mp4Order::kFragmented;
   fragmented.interleave_ms = 100;
-  Mp4Track strange = Motion(1000000000, 10000000);
+  Mp4Track strange = Motion(1000000000);
   strange.media_duration = 0;
   strange.samples_without_time = 2;
-  Mp4Track edited = Motion(1000, 10);
+  Mp4Track edited = Motion(1000);
   edited.edits = {{50, -1, 1}, {100, 40, 1}, {60, 0, 1}};
   const auto camera = [&](Mp4Track motion) {
     return std::vector<Mp4Track>{ToMp4Track(video, 90000), ToMp4Track(audio, 48000),
                                  std::move(motion)};
   };
 
-  WriteMp4(directory / "camera", camera(Motion(1000, 10)));
-  WriteMp4(directory / "camera_moov_first", camera(Motion(90000, 900)), first);
-  WriteMp4(directory / "camera_fragmented", camera(Motion(1000, 10)), fragmented);
-  WriteMp4(directory / "motion", {Motion(1000, 10)});
-  WriteMp4(directory / "motion_first", {Motion(48000, 480), ToMp4Track(video, 90000)}, first);
+  WriteMp4(directory / "camera", camera(Motion(1000)));
+  WriteMp4(directory / "camera_moov_first", camera(Motion(90000)), first);
+  WriteMp4(directory / "camera_fragmented", camera(Motion(1000)), fragmented);
+  WriteMp4(directory / "motion", {Motion(1000)});
+  WriteMp4(directory / "motion_first", {Motion(48000), ToMp4Track(video, 90000)}, first);
   WriteMp4(directory / "nanoseconds", camera(std::move(strange)));
   WriteMp4(directory / "edit_list", {edited}, first);
   WriteMp4(directory / "no_motion", {ToMp4Track(video, 90000)});
-  WriteMp4(directory / "timecode_too", {Mp4Track::Data("tmcd", "tmcd", 30000), Motion(1000, 10)});
+  WriteMp4(directory / "timecode_too", {Mp4Track::Data("tmcd", "tmcd", 30000), Motion(1000)});
   MuxWithLibavformat(directory / "matroska", "matroska", &video, nullptr, nullptr);
   H264Options annex_b = video_options;
   annex_b.annex_b = true;

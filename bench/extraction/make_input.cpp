@@ -9,7 +9,6 @@
 // every byte is stored.
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -18,22 +17,20 @@
 #include <utility>
 #include <vector>
 
-#include "support/av_encode.h"
-#include "support/camm_samples.h"
-#include "support/mp4_writer.h"
+#include "samples/av_encode.h"
+#include "samples/camera.h"
+#include "samples/mp4_writer.h"
 
 namespace {
 
-using motrace::testing::Bytes;
-using motrace::testing::Mp4Track;
+using namespace motrace::samples;  // NOLINT(google-build-using-namespace): one short program
 
 constexpr uint32_t kTicksPerSecond = 60000;  // divides by every rate below
 constexpr uint32_t kFramesPerSecond = 60;
 constexpr uint32_t kFrameBytes = 60'000'000 / 8 / kFramesPerSecond;
 constexpr int kWidth = 640;
 constexpr int kHeight = 320;
-constexpr uint32_t kMotionRate = 1000;
-constexpr uint32_t kGpsRate = 10;
+constexpr int kMotionRate = 1000;
 
 // The frame with a filler NAL unit behind it (type 12, ISO/IEC 14496-10), up to the frame size.
 Bytes Padded(const Bytes& frame) {
@@ -50,14 +47,14 @@ Bytes Padded(const Bytes& frame) {
   return padded;
 }
 
-motrace::testing::EncodedStream EncodedSecond() {
-  motrace::testing::H264Options options;
+EncodedStream EncodedSecond() {
+  H264Options options;
   options.width = kWidth;
   options.height = kHeight;
   options.frames = kFramesPerSecond;
   options.frames_per_second = kFramesPerSecond;
   options.b_frames = 0;
-  return motrace::testing::EncodeH264(options);
+  return EncodeH264(options);
 }
 
 Mp4Track VideoTrack(uint32_t seconds) {
@@ -73,47 +70,21 @@ Mp4Track VideoTrack(uint32_t seconds) {
   return track;
 }
 
-// Calls add(payload, ticks to the next sample) for every sample of the motion track.
-template <typename Add>
-void ForEachMotionSample(uint32_t seconds, bool paired, Add add) {
-  constexpr uint32_t kStep = kTicksPerSecond / kMotionRate;
-  for (uint32_t i = 0; i < seconds * kMotionRate; ++i) {
-    const double t = static_cast<double>(i) / kMotionRate;
-    const auto wave = [t](double hertz) { return static_cast<float>(std::sin(t * hertz)); };
-    // The last sample of an instant takes the time to the next one, the others take none.
-    if (i % (kMotionRate / kGpsRate) == 0) {
-      motrace::testing::GpsFix fix;
-      fix.time_gps_epoch = 1.4e9 + t;
-      fix.latitude = 48.0 + t * 1e-5;
-      fix.longitude = 11.0 + t * 1e-5;
-      add(motrace::testing::GpsSample(fix), 0);
-    }
-    if (i * kFramesPerSecond / kMotionRate != (i + 1) * kFramesPerSecond / kMotionRate) {
-      add(motrace::testing::ExposureSample(8'000'000, 16'000'000), 0);
-    }
-    const Bytes gyro = motrace::testing::GyroSample({wave(0.7), wave(0.5), wave(1.1)});
-    const Bytes accel = motrace::testing::AccelSample({wave(1.8), wave(2.8), 9.81F});
-    if (paired) {
-      add(motrace::testing::Concat({gyro, accel}), kStep);
-    } else {
-      add(gyro, 0);
-      add(accel, kStep);
-    }
-  }
-}
-
-Mp4Track MotionTrack(uint32_t seconds, bool paired) {
-  Mp4Track track = Mp4Track::Camm(kTicksPerSecond);
-  ForEachMotionSample(seconds, paired, [&track](const Bytes& payload, uint32_t duration) {
-    track.Add(payload, duration);
-  });
-  return track;
+CameraOptions Motion(uint32_t seconds, bool paired) {
+  CameraOptions options;
+  options.timescale = kTicksPerSecond;
+  options.instants = static_cast<int>(seconds) * kMotionRate;
+  options.motion_hertz = kMotionRate;
+  options.exposure_hertz = kFramesPerSecond;
+  options.other_hertz = 0;
+  options.paired = paired;
+  return options;
 }
 
 // The same second of pictures again and again, and the motion track as private data.
 void WriteTransportStream(const char* path, uint32_t seconds, bool paired) {
-  motrace::testing::EncodedStream video = EncodedSecond();
-  const std::vector<motrace::testing::EncodedPacket> one_second = std::move(video.packets);
+  EncodedStream video = EncodedSecond();
+  const std::vector<EncodedPacket> one_second = std::move(video.packets);
   video.packets.clear();
   for (uint32_t second = 0; second < seconds; ++second) {
     for (auto packet : one_second) {
@@ -123,17 +94,17 @@ void WriteTransportStream(const char* path, uint32_t seconds, bool paired) {
       video.packets.push_back(std::move(packet));
     }
   }
-  motrace::testing::DataStream data;
+  DataStream data;
   data.time_base = {1, static_cast<int>(kTicksPerSecond)};
   int64_t time = 0;
-  ForEachMotionSample(seconds, paired, [&](const Bytes& payload, uint32_t duration) {
-    motrace::testing::EncodedPacket packet;
+  RecordCamera(Motion(seconds, paired), [&](const Bytes& payload, uint32_t duration) {
+    EncodedPacket packet;
     packet.data = payload;
     packet.pts = packet.dts = time;
     time += duration;
     data.packets.push_back(std::move(packet));
   });
-  motrace::testing::MuxWithLibavformat(path, "mpegts", &video, nullptr, &data);
+  MuxWithLibavformat(path, "mpegts", &video, nullptr, &data);
 }
 
 }  // namespace
@@ -151,15 +122,15 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    motrace::testing::Mp4Layout layout;
+    Mp4Layout layout;
     layout.interleave_ms = 1000;
-    if (fragmented) layout.order = motrace::testing::Mp4Order::kFragmented;
+    if (fragmented) layout.order = Mp4Order::kFragmented;
     const auto length = static_cast<uint32_t>(seconds);
     if (transport) {
       WriteTransportStream(argv[1], length, paired);
       return 0;
     }
-    motrace::testing::WriteMp4(argv[1], {VideoTrack(length), MotionTrack(length, paired)}, layout);
+    WriteMp4(argv[1], {VideoTrack(length), CameraTrack(Motion(length, paired))}, layout);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "make_input: %s\n", e.what());
     return 1;

@@ -8,9 +8,7 @@
 #include <vector>
 
 #include "av_toolbox/ffmpeg_util.h"
-#include "support/av_encode.h"
-#include "support/camm_samples.h"
-#include "support/mp4_writer.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 
 namespace motrace::testing {

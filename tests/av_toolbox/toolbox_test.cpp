@@ -9,8 +9,8 @@
 #include "av_toolbox/codec_util.h"
 #include "av_toolbox/filter_util.h"
 #include "av_toolbox/packet_util.h"
-#include "support/av_encode.h"
 #include "support/log_capture.h"
+#include "support/samples.h"
 
 namespace lum {
 namespace {

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "av_toolbox/codec_util.h"
-#include "support/camm_samples.h"
 #include "support/plain_extraction.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 
 namespace {

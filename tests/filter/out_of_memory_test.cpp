@@ -9,7 +9,7 @@
 #include "av_toolbox/codec_util.h"
 #include "camm_processed_filter.h"
 #include "failing_allocator.h"
-#include "support/camm_samples.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 
 namespace {

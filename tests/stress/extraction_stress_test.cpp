@@ -17,10 +17,9 @@
 #include "editor/media_pipe.h"
 #include "eventloop/loop_testing.h"
 #include "stress/stress_testing.h"
-#include "support/camm_samples.h"
 #include "support/hang_guard.h"
-#include "support/mp4_writer.h"
 #include "support/plain_extraction.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 #include "utils/vela_util.h"
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "av_toolbox/demuxer.h"
-#include "support/bytes.h"
+#include "support/samples.h"
 
 namespace motrace::testing {
 

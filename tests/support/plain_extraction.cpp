@@ -11,7 +11,7 @@ extern "C" {
 #include <memory>
 #include <stdexcept>
 
-#include "support/av_encode.h"
+#include "support/samples.h"
 
 namespace motrace::testing {
 namespace {

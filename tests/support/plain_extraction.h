@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "support/bytes.h"
+#include "support/samples.h"
 
 /// A second, deliberately plain statement of what an extraction must write, to compare the tool
 /// and the motion filter with. It shares no code with either and uses no JSON library.

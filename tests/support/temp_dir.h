@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "support/bytes.h"
+#include "support/samples.h"
 
 namespace motrace::testing {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/mp4_writer.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 #include "tool/motion_tracks.h"
 #include "tool/tool_run.h"

@@ -8,9 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/av_encode.h"
-#include "support/camm_samples.h"
-#include "support/mp4_writer.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 #include "tool/motion_tracks.h"
 #include "tool/tool_run.h"
@@ -67,7 +65,7 @@ TEST(Extraction, ChoicesOfTracks) {
   ExpectSame("motion alone", {motion});
   ExpectSame("motion first", {motion, AudioTrack(), VideoTrack()});
   ExpectSame("motion before another data track", {VideoTrack(), motion, vendor});
-  ExpectSame("motion twice", {VideoTrack(), motion, MotionTrack(1000, 50, 100, 2)});
+  ExpectSame("motion twice", {VideoTrack(), motion, MotionTrack(1000, 50, 100)});
   ExpectSame("timecode behind motion", {VideoTrack(), motion, timecode});
   ExpectSame("motion under the metadata handler", {VideoTrack(), metadata});
 }
@@ -123,7 +121,7 @@ TEST(Extraction, EditLists) {
   }
   Mp4Track motion = MotionTrack(90000);
   motion.edits = {{500, -1, 1}};  // FFmpeg finds nothing in such a track
-  ExpectSame("only delay", {VideoTrack(), motion}, {}, HasSubstr("none of the 452 motion packets"));
+  ExpectSame("only delay", {VideoTrack(), motion}, {}, HasSubstr("none of the 444 motion packets"));
   motion.edits = {{0, 9000, 1}};
   ExpectSame("in fragments", {VideoTrack(), motion}, Layout(Mp4Order::kFragmented, 100));
   Mp4Track video = ToMp4Track(SharedVideo(), 90000, /*with_edit_list=*/false);
@@ -132,9 +130,10 @@ TEST(Extraction, EditLists) {
 }
 
 TEST(Extraction, Samples) {
-  MotionSource source(3);
   Bytes everything;
-  for (int i = 0; i < 4000; ++i) everything = Concat({everything, Concat(source.Next())});
+  RecordCamera({90000, 4000}, [&](const Bytes& sample, std::uint32_t /*duration*/) {
+    everything.insert(everything.end(), sample.begin(), sample.end());
+  });
   ExpectSame("everything in one packet", {VideoTrack(), Packets({everything})});
   std::vector<Bytes> cut;
   for (const Bytes& whole : {GyroSample({1, 2, 3}), AccelSample({4, 5, 6}), ExposureSample(7, 8),
@@ -202,10 +201,11 @@ TEST(Extraction, OtherMuxers) {
     DataStream data;
     data.codec_id = muxer.data_codec;
     data.codec_tag = muxer.data_tag;
-    MotionSource source(5);
-    for (std::int64_t i = 0; i < 100; ++i) {
-      data.packets.push_back({Concat(source.Next()), i * 10, i * 10, 10, true});
-    }
+    std::int64_t time = 0;
+    RecordCamera({1000, 100}, [&](const Bytes& sample, std::uint32_t duration) {
+      data.packets.push_back({sample, time, time, duration, true});
+      time += duration;
+    });
     const TempDir dir;
     MuxWithLibavformat(dir / "video", muxer.format, &SharedVideo(), &SharedAudio(), &data,
                        muxer.movflags);

@@ -15,7 +15,7 @@
 #include <string>
 #include <thread>
 
-#include "support/mp4_writer.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 #include "tool/motion_tracks.h"
 #include "tool/tool_run.h"

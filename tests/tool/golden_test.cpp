@@ -10,8 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/camm_samples.h"
-#include "support/mp4_writer.h"
+#include "support/samples.h"
 #include "support/subprocess.h"
 #include "support/temp_dir.h"
 #include "tool/motion_tracks.h"

@@ -18,8 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/camm_samples.h"
-#include "support/mp4_writer.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 #include "tool/motion_tracks.h"
 #include "tool/tool_run.h"

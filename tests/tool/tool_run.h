@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "support/bytes.h"
 #include "support/plain_extraction.h"
+#include "support/samples.h"
 #include "support/subprocess.h"
 #include "support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "support/mp4_writer.h"
+#include "samples/mp4_writer.h"
 
 #include <algorithm>
 #include <fstream>
@@ -6,7 +6,7 @@
 #include <limits>
 #include <utility>
 
-namespace motrace::testing {
+namespace motrace::samples {
 namespace {
 
 constexpr std::uint32_t kMovieTimescale = 1000;
@@ -398,4 +398,4 @@ void WriteMp4(const std::filesystem::path& path, const std::vector<Mp4Track>& tr
   const Mp4FileWriter written(path, tracks, layout);
 }
 
-}  // namespace motrace::testing
+}  // namespace motrace::samples

@@ -1,10 +1,10 @@
-#ifndef MOTRACE_TESTS_SUPPORT_CAMM_SAMPLES_H_
-#define MOTRACE_TESTS_SUPPORT_CAMM_SAMPLES_H_
+#ifndef MOTRACE_SAMPLES_CAMM_SAMPLES_H_
+#define MOTRACE_SAMPLES_CAMM_SAMPLES_H_
 
 #include <cstdint>
 #include <cstring>
 
-#include "support/bytes.h"
+#include "samples/bytes.h"
 
 /// Builders of Camera Motion Metadata samples, one per type of the public format page
 /// (https://developers.google.com/streetview/publish/camm-spec): two reserved bytes, the type as a
@@ -12,7 +12,7 @@
 ///
 /// Every builder returns one whole sample, header included. `reserved` is what the two reserved
 /// bytes hold: the format says 0, real cameras write other values too.
-namespace motrace::testing {
+namespace motrace::samples {
 
 /// The fields' bytes one after another, as a little-endian host holds them.
 template <typename... Fields>
@@ -85,6 +85,6 @@ inline Bytes GpsSample(const GpsFix& fix, std::uint16_t reserved = 0) {
 /// Microtesla.
 inline Bytes MagneticFieldSample(const Vec3& field) { return Vec3Sample(7, field); }
 
-}  // namespace motrace::testing
+}  // namespace motrace::samples
 
-#endif  // MOTRACE_TESTS_SUPPORT_CAMM_SAMPLES_H_
+#endif  // MOTRACE_SAMPLES_CAMM_SAMPLES_H_

@@ -1,5 +1,5 @@
-#ifndef MOTRACE_TESTS_SUPPORT_MP4_WRITER_H_
-#define MOTRACE_TESTS_SUPPORT_MP4_WRITER_H_
+#ifndef MOTRACE_SAMPLES_MP4_WRITER_H_
+#define MOTRACE_SAMPLES_MP4_WRITER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "support/bytes.h"
+#include "samples/bytes.h"
 
 /// A small writer of ISO base media files (ISO/IEC 14496-12; the sample entries of 14496-14 and
 /// 14496-15) that can also produce the unusual layouts of real cameras, which common muxers refuse
 /// to write. It copies what it is told and checks nothing, so a test can write broken files too.
-namespace motrace::testing {
+namespace motrace::samples {
 
 /// One entry of an edit list.
 struct Mp4Edit {
@@ -105,6 +105,6 @@ struct Mp4Layout {
 void WriteMp4(const std::filesystem::path& path, const std::vector<Mp4Track>& tracks,
               const Mp4Layout& layout = {});
 
-}  // namespace motrace::testing
+}  // namespace motrace::samples
 
-#endif  // MOTRACE_TESTS_SUPPORT_MP4_WRITER_H_
+#endif  // MOTRACE_SAMPLES_MP4_WRITER_H_

@@ -1,12 +1,12 @@
-#ifndef MOTRACE_TESTS_SUPPORT_BYTES_H_
-#define MOTRACE_TESTS_SUPPORT_BYTES_H_
+#ifndef MOTRACE_SAMPLES_BYTES_H_
+#define MOTRACE_SAMPLES_BYTES_H_
 
 #include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
-namespace motrace::testing {
+namespace motrace::samples {
 
 /// Raw bytes: a sample's payload, a box, a file.
 using Bytes = std::vector<std::uint8_t>;
@@ -19,6 +19,6 @@ Bytes Concat(const Parts& parts) {
   return all;
 }
 
-}  // namespace motrace::testing
+}  // namespace motrace::samples
 
-#endif  // MOTRACE_TESTS_SUPPORT_BYTES_H_
+#endif  // MOTRACE_SAMPLES_BYTES_H_

@@ -1,5 +1,5 @@
-#ifndef MOTRACE_TESTS_SUPPORT_AV_ENCODE_H_
-#define MOTRACE_TESTS_SUPPORT_AV_ENCODE_H_
+#ifndef MOTRACE_SAMPLES_AV_ENCODE_H_
+#define MOTRACE_SAMPLES_AV_ENCODE_H_
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -12,12 +12,12 @@ extern "C" {
 #include <string>
 #include <vector>
 
-#include "support/bytes.h"
-#include "support/mp4_writer.h"
+#include "samples/bytes.h"
+#include "samples/mp4_writer.h"
 
 /// Real H.264 and AAC for the tests' files, encoded with libavcodec from a synthetic picture and
 /// tone. One thread, fixed settings: the same options give the same bytes on one machine.
-namespace motrace::testing {
+namespace motrace::samples {
 
 struct EncodedPacket {
   Bytes data;
@@ -86,6 +86,6 @@ void MuxWithLibavformat(const std::filesystem::path& path, const std::string& fo
                         const EncodedStream* video, const EncodedStream* audio,
                         const DataStream* data, const std::string& movflags = "");
 
-}  // namespace motrace::testing
+}  // namespace motrace::samples
 
-#endif  // MOTRACE_TESTS_SUPPORT_AV_ENCODE_H_
+#endif  // MOTRACE_SAMPLES_AV_ENCODE_H_

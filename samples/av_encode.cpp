@@ -1,4 +1,4 @@
-#include "support/av_encode.h"
+#include "samples/av_encode.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -13,7 +13,7 @@ extern "C" {
 #include <cstddef>
 #include <stdexcept>
 
-namespace motrace::testing {
+namespace motrace::samples {
 namespace {
 
 struct FreeOutput {
@@ -270,4 +270,4 @@ void MuxWithLibavformat(const std::filesystem::path& path, const std::string& fo
   Check(av_write_trailer(output.get()), "write " + path.string());
 }
 
-}  // namespace motrace::testing
+}  // namespace motrace::samples
