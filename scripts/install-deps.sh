@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages that are needed, and only those that are missing:
-#   scripts/install-deps.sh tool    what building the tool and its library needs
+#   scripts/install-deps.sh tool    what building the programs and their libraries needs
 #   scripts/install-deps.sh         that, and what the image libraries, tests and benchmarks need
 #   scripts/install-deps.sh lint    all of that, and the checkers of the source
 set -euo pipefail
@@ -9,13 +9,14 @@ packages=(
   build-essential cmake ninja-build pkg-config
   libavformat-dev libavcodec-dev libavutil-dev
   libevent-dev libboost-filesystem-dev
+  libcli11-dev libfmt-dev nlohmann-json3-dev
 )
 case "${1:-all}" in
   tool) ;;
   all | lint)
     packages+=(
       libopencv-core-dev libopencv-imgproc-dev ocl-icd-opencl-dev pocl-opencl-icd
-      libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+      libgtest-dev libgmock-dev libbenchmark-dev
       python3 python3-numpy man-db file
     )
     if [ "${1:-all}" = lint ]; then packages+=(clang-format-14 clang-tidy-14); fi
