@@ -1,29 +1,17 @@
 #include "camm/recording.h"
 
 #include <algorithm>
-#include <map>
 #include <utility>
 
 #include "av_toolbox/demuxer.h"
 #include "av_toolbox/ffmpeg_util.h"
 #include "base/log_message.h"
-#include "time_conversion.h"
+#include "ffmpeg_input.h"
 
 namespace camm {
 namespace {
 
 constexpr std::uint32_t kTag = MKTAG('c', 'a', 'm', 'm');
-
-std::int64_t ToNanoseconds(std::int64_t value, AVRational time_base) {
-  if (value == AV_NOPTS_VALUE || time_base.num <= 0 || time_base.den <= 0) return kNoTime;
-  // Both factors are below 2^31 * 10^9: no overflow.
-  return MulDiv(value, time_base.num * kNanosecondsPerSecond, time_base.den);
-}
-
-/// A path that FFmpeg can't take for a URL, nor for one of its protocols' names.
-std::string PlainPath(const std::string& path) {
-  return path.empty() || path.front() == '/' ? path : "./" + path;
-}
 
 std::int64_t DurationNs(std::int64_t value, AVRational time_base) {
   return value < 0 ? -1 : ToNanoseconds(value, time_base);
@@ -95,9 +83,7 @@ class Reader {
  public:
   Reader(const Input& input, const ReadOptions& options)
       : options_(options), demuxer_(PlainPath(input.path)) {
-    // A playlist must not make us open what it names.
-    const lum::Demuxer::Options only_files{{"protocol_whitelist", "file"}};
-    const int opened = demuxer_.Open(&only_files, input.io);
+    const int opened = demuxer_.Open(&kOnlyFiles, input.io);
     // A video whose decoder settings are broken fails too; the motion track can be read all the
     // same.
     if (opened != 0 && demuxer_.StreamCount() == 0) {

@@ -25,6 +25,14 @@ inline std::int64_t MulDiv(std::int64_t value, std::int64_t numerator, std::int6
   return static_cast<std::int64_t>(rounded > kMax ? kMax : rounded < -kMax ? -kMax : rounded);
 }
 
+/// `a + b`, kept within the same limits.
+inline std::int64_t SaturatingAdd(std::int64_t a, std::int64_t b) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  std::int64_t sum = 0;
+  if (__builtin_add_overflow(a, b, &sum)) return a < 0 ? -kMax : kMax;
+  return sum < -kMax ? -kMax : sum;
+}
+
 /// `a - b`, kept within the same limits.
 inline std::int64_t SaturatingSub(std::int64_t a, std::int64_t b) {
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();

@@ -1,0 +1,52 @@
+#include "file_reader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+namespace camm {
+
+Descriptor::~Descriptor() {
+  if (fd_ >= 0) close(fd_);
+}
+
+FileReader::FileReader(const std::string& path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+
+std::int64_t FileReader::Size() {
+  struct stat status {};
+  return fstat(fd_.get(), &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
+}
+
+bool FileReader::ReadAt(std::uint64_t offset, std::uint8_t* to, std::size_t size) {
+  while (size > 0) {
+    const ssize_t count = pread(fd_.get(), to, size, static_cast<off_t>(offset));
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    to += count;
+    offset += static_cast<std::uint64_t>(count);
+    size -= static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+std::int64_t SourceReader::Size() {
+  return source_.IsSeekable() ? source_.Seek(0, AVSEEK_SIZE) : -1;
+}
+
+bool SourceReader::ReadAt(std::uint64_t offset, std::uint8_t* to, std::size_t size) {
+  if (source_.Seek(static_cast<std::int64_t>(offset), SEEK_SET) < 0) return false;
+  while (size > 0) {
+    constexpr std::size_t kMost = std::numeric_limits<int>::max();
+    const int count = source_.Read(to, static_cast<int>(std::min(size, kMost)));
+    if (count <= 0) return false;
+    to += count;
+    size -= static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+}  // namespace camm
