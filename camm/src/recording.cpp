@@ -288,7 +288,7 @@ class SampleCounter {
 
 void SilenceMessages() {
   av_log_set_level(AV_LOG_QUIET);
-  lum::GetLogConfig().min_level = lum::kError + 1;
+  lum::GetLogConfig().min_level = static_cast<int32_t>(lum::LogLevel::kError) + 1;
 }
 
 ReadResult StreamPackets(const Input& input, const ReadOptions& options,
