@@ -5,10 +5,8 @@
 
 #include <string>
 
-#include "support/bytes.h"
-#include "support/camm_samples.h"
 #include "support/memory_source.h"
-#include "support/mp4_writer.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 
 namespace camm {

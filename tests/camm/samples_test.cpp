@@ -5,8 +5,7 @@
 
 #include <string>
 
-#include "support/bytes.h"
-#include "support/camm_samples.h"
+#include "support/samples.h"
 
 namespace camm {
 namespace {
