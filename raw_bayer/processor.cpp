@@ -4,7 +4,6 @@
 // mosaic_rules.h.
 
 #include <algorithm>
-#include <atomic>
 #include <cfloat>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include "raw_bayer/backends.h"
 #include "raw_bayer/mosaic_rules.h"
 #include "raw_bayer/row_kernels.h"
+#include "simd/parallel_for.h"
 
 namespace lum::raw::processor {
 namespace {
@@ -57,40 +57,11 @@ int StripeStart(int first, int last, int index, int count) {
   return first + static_cast<int>(static_cast<std::int64_t>(last - first) * index / count);
 }
 
-/// Calls `work(i)` for every i below `count`, on the threads of cv::parallel_for_.
-///
-/// The two counters say in atomics what parallel_for_ guarantees anyway: work starts after the call
-/// and the call returns after all work. The thread library under it is not built for
-/// ThreadSanitizer, which would not see that order.
-template <typename Work>
-void Parallel(int count, const Work& work) {
-  class Body : public cv::ParallelLoopBody {
-   public:
-    explicit Body(const Work& each) : each_(each) { begun_.store(1, std::memory_order_release); }
-    void operator()(const cv::Range& range) const override {
-      (void)begun_.load(std::memory_order_acquire);
-      for (int i = range.start; i < range.end; ++i) {
-        each_(i);
-      }
-      ended_.fetch_add(1, std::memory_order_acq_rel);
-    }
-    void AwaitEnd() const { (void)ended_.load(std::memory_order_acquire); }
-
-   private:
-    const Work& each_;
-    std::atomic<int> begun_{0};
-    mutable std::atomic<int> ended_{0};
-  };
-  const Body body(work);
-  cv::parallel_for_(cv::Range(0, count), body, count);
-  body.AwaitEnd();
-}
-
 /// Calls `work(first_row, last_row)` for stripes of the rows 0 to `rows`.
 template <typename Work>
 void ForStripes(int rows, int width, const Work& work) {
   const int count = StripeCount(rows, width);
-  Parallel(count, [&](int i) {
+  simd::ParallelFor(count, [&](int i) {
     work(StripeStart(0, rows, i, count), StripeStart(0, rows, i + 1, count));
   });
 }
@@ -230,7 +201,7 @@ void Repair(const MutablePlane& image, float rate) {
                          StripeStart(0, image.height, i + 1, count));
   }
   const kernels::Screen screen(rate);
-  Parallel(count, [&](int i) { stripes[static_cast<size_t>(i)].Run(screen); });
+  simd::ParallelFor(count, [&](int i) { stripes[static_cast<size_t>(i)].Run(screen); });
 }
 
 /// Cells that are written to buffers in the first cache before they are streamed.

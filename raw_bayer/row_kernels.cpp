@@ -1,33 +1,24 @@
 #include "raw_bayer/row_kernels.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <climits>
 #include <cmath>
-#include <opencv2/core/utility.hpp>
+
+#include "simd/kernel_sets.h"
 
 namespace lum::raw::kernels {
 namespace {
 
-std::atomic<const Kernels*> g_forced{nullptr};
-
-std::array<const Kernels*, 5> FindSupported() {
-  std::array<const Kernels*, 5> found{};
-  std::size_t count = 0;
-#ifdef LUM_RAW_X86_KERNELS
-  if (cv::checkHardwareSupport(CV_CPU_AVX512_SKX)) {
-    found[count++] = &kAvx512Kernels;
-  }
-  if (cv::checkHardwareSupport(CV_CPU_AVX2)) {
-    found[count++] = &kAvx2Kernels;
-  }
+simd::KernelSets<Kernels>& Sets() {
+  static simd::KernelSets<Kernels> sets({
+#ifdef LUM_SIMD_X86
+      {&kAvx512Kernels, simd::HasAvx512},
+      {&kAvx2Kernels, simd::HasAvx2},
 #endif
-  if (kBaselineKernels.lanes < kPlainKernels.lanes) {
-    found[count++] = &kBaselineKernels;
-  }
-  found[count] = &kPlainKernels;
-  return found;
+      {&kBaselineKernels, [] { return kBaselineKernels.lanes < kPlainKernels.lanes; }},
+      {&kPlainKernels, nullptr},
+  });
+  return sets;
 }
 
 }  // namespace
@@ -46,16 +37,8 @@ Screen::Screen(float bad_pixel_rate) : rate(bad_pixel_rate), useful(bad_pixel_ra
   low = rate == 1.0F ? 0 : static_cast<std::uint16_t>(std::max(std::ceil(exact) - 1.0, 0.0));
 }
 
-const Kernels* const* Supported() {
-  static const std::array<const Kernels*, 5> kFound = FindSupported();
-  return kFound.data();
-}
-
-const Kernels& Active() {
-  const Kernels* const forced = g_forced.load(std::memory_order_relaxed);
-  return forced != nullptr ? *forced : *Supported()[0];
-}
-
-void Force(const Kernels* kernels) { g_forced.store(kernels, std::memory_order_relaxed); }
+const Kernels* const* Supported() { return Sets().Supported(); }
+const Kernels& Active() { return Sets().Active(); }
+void Force(const Kernels* kernels) { Sets().Force(kernels); }
 
 }  // namespace lum::raw::kernels

@@ -78,7 +78,7 @@ struct Kernels {
 
 extern const Kernels kPlainKernels;     // none at all: the callers' scalar code does everything
 extern const Kernels kBaselineKernels;  // what the compiler's target has: SSE2, NEON, ...
-extern const Kernels kAvx2Kernels;      // these two only where LUM_RAW_X86_KERNELS is defined
+extern const Kernels kAvx2Kernels;      // these two only on x86
 extern const Kernels kAvx512Kernels;
 
 /// The set in use: the widest that the processor has and OpenCV has not switched off, or the one

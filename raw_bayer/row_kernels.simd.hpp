@@ -1,9 +1,7 @@
-// The row kernels' one source, included by one file per instruction set after OpenCV's universal
-// intrinsics. It defines the table LUM_RAW_KERNELS. No include guard: it is no header.
+// The row kernels' one source, compiled once per instruction set after OpenCV's universal
+// intrinsics. It defines the table LUM_KERNELS. No include guard: it is no header.
 
 #include "raw_bayer/row_kernels.h"
-
-// NOLINTBEGIN(misc-definitions-in-headers): each including file makes other definitions of it.
 
 // Pairs of samples below are taken as the low and high half of 32-bit lanes.
 #if CV_SIMD && defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
@@ -286,16 +284,14 @@ void FinishStreaming() {
 
 }  // namespace
 
-const Kernels LUM_RAW_KERNELS = {
-    LUM_RAW_KERNELS_NAME, kLanes, Fix<Cross>, Fix<Square>, Split, Merge, Stream, FinishStreaming};
+const Kernels LUM_KERNELS = {
+    LUM_KERNELS_NAME, kLanes, Fix<Cross>, Fix<Square>, Split, Merge, Stream, FinishStreaming};
 
 }  // namespace lum::raw::kernels
 
 #else  // No vectors that the code above can use.
 
-const lum::raw::kernels::Kernels lum::raw::kernels::LUM_RAW_KERNELS = {
+const lum::raw::kernels::Kernels lum::raw::kernels::LUM_KERNELS = {
     "none", 0x7fffffff, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
 
 #endif
-
-// NOLINTEND(misc-definitions-in-headers)

@@ -163,13 +163,10 @@ double meanDifference(const cv::Mat& a, const cv::Mat& b) {
 }
 
 std::vector<const kernels::Kernels*> vectorKernels() {
-  std::vector<const kernels::Kernels*> sets{&kernels::kBaselineKernels};
-#ifdef LUM_HAVE_AVX2_KERNELS
-  if (kernels::isSupported(kernels::kAvx2Kernels)) sets.push_back(&kernels::kAvx2Kernels);
-#endif
-#ifdef LUM_HAVE_AVX512_KERNELS
-  if (kernels::isSupported(kernels::kAvx512Kernels)) sets.push_back(&kernels::kAvx512Kernels);
-#endif
+  std::vector<const kernels::Kernels*> sets;
+  for (const auto* set = kernels::supportedKernels(); *set != nullptr; ++set) {
+    if (*set != &kernels::kPortableKernels) sets.insert(sets.begin(), *set);
+  }
   return sets;
 }
 

@@ -6,7 +6,7 @@
 
 #include "flow_kernels.h"
 #include "huge_pages.h"
-#include "parallel_for.h"
+#include "simd/parallel_for.h"
 
 namespace cv::optflow::lum {
 namespace {
@@ -45,7 +45,7 @@ void forStripes(int count, int stripes, bool shared, const Body& body) {
     if (begin < end) body(begin, end, stripe);
   };
   if (shared) {
-    parallelFor(stripes, work);
+    ::lum::simd::ParallelFor(stripes, work);
   } else {
     for (int stripe = 0; stripe < stripes; ++stripe) work(stripe);
   }
@@ -138,7 +138,7 @@ void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat&
     prepareLevel(0, level);
     prepareLevel(1, level);
   }
-  parallelFor(2, [&](int image) {
+  ::lum::simd::ParallelFor(2, [&](int image) {
     for (int i = level; i <= coarsest; ++i) prepareLevel(image, i);
   });
   for (int i = finest; i <= coarsest; ++i) {
@@ -343,7 +343,7 @@ void DISOpticalFlowImpl::resizeFlow(const Mat (&components)[2], float factor, Ma
       static_cast<int>(std::max<std::size_t>(outs[0].total() / kMinPixelsPerStripe, 1));
   const int stripes = std::max(std::min(getNumThreads(), most), 1);
   const int rows = (to.height + stripes - 1) / stripes;
-  parallelFor(planes * stripes, [&](int task) {
+  ::lum::simd::ParallelFor(planes * stripes, [&](int task) {
     const int plane = task / stripes;
     const int begin = std::min(task % stripes * rows, to.height);
     const int end = std::min(begin + rows, to.height);

@@ -1,40 +1,26 @@
 #include "flow_kernels.h"
 
-#include <atomic>
-#include <opencv2/core.hpp>
+#include "simd/kernel_sets.h"
 
 namespace cv::optflow::lum::kernels {
 namespace {
 
-std::atomic<const Kernels*> g_forced{nullptr};
+::lum::simd::KernelSets<Kernels>& sets() {
+  static ::lum::simd::KernelSets<Kernels> all({
+#ifdef LUM_SIMD_X86
+      {&kAvx512Kernels, ::lum::simd::HasAvx512},
+      {&kAvx2Kernels, ::lum::simd::HasAvx2},
+#endif
+      {&kBaselineKernels, nullptr},
+      {&kPortableKernels, nullptr},
+  });
+  return all;
+}
 
 }  // namespace
 
-bool isSupported(const Kernels& kernels) {
-#ifdef LUM_HAVE_AVX2_KERNELS
-  if (&kernels == &kAvx2Kernels) {
-    return checkHardwareSupport(CV_CPU_AVX2) && checkHardwareSupport(CV_CPU_FMA3);
-  }
-#endif
-#ifdef LUM_HAVE_AVX512_KERNELS
-  if (&kernels == &kAvx512Kernels) {
-    return isSupported(kAvx2Kernels) && checkHardwareSupport(CV_CPU_AVX512_SKX);
-  }
-#endif
-  return &kernels == &kBaselineKernels || &kernels == &kPortableKernels;
-}
-
-const Kernels& activeKernels() {
-  if (const Kernels* forced = g_forced.load(std::memory_order_relaxed)) return *forced;
-#ifdef LUM_HAVE_AVX512_KERNELS
-  if (isSupported(kAvx512Kernels)) return kAvx512Kernels;
-#endif
-#ifdef LUM_HAVE_AVX2_KERNELS
-  if (isSupported(kAvx2Kernels)) return kAvx2Kernels;
-#endif
-  return kBaselineKernels;
-}
-
-void forceKernels(const Kernels* kernels) { g_forced.store(kernels, std::memory_order_relaxed); }
+const Kernels* const* supportedKernels() { return sets().Supported(); }
+const Kernels& activeKernels() { return sets().Active(); }
+void forceKernels(const Kernels* kernels) { sets().Force(kernels); }
 
 }  // namespace cv::optflow::lum::kernels

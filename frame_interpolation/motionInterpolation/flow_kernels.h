@@ -113,12 +113,8 @@ struct Kernels {
 
 extern const Kernels kPortableKernels;  // plain C++
 extern const Kernels kBaselineKernels;  // what the compiler's target has: SSE2, NEON, ...
-#ifdef LUM_HAVE_AVX2_KERNELS
-extern const Kernels kAvx2Kernels;  // AVX2 with FMA
-#endif
-#ifdef LUM_HAVE_AVX512_KERNELS
-extern const Kernels kAvx512Kernels;  // refinement for AVX-512 F, CD, BW, DQ, VL; else as AVX2
-#endif
+extern const Kernels kAvx2Kernels;      // AVX2 with FMA; these two only on x86
+extern const Kernels kAvx512Kernels;    // refinement for AVX-512 F, CD, BW, DQ, VL; else as AVX2
 
 /// The set used by all objects: the widest that the processor has and OpenCV has not switched off,
 /// or the one that was forced.
@@ -128,7 +124,7 @@ const Kernels& activeKernels();
 /// another thread computes.
 void forceKernels(const Kernels* kernels);
 
-/// Whether the processor can run a set.
-bool isSupported(const Kernels& kernels);
+/// The sets that this processor can run, the widest first; a null pointer ends them.
+const Kernels* const* supportedKernels();
 
 }  // namespace cv::optflow::lum::kernels

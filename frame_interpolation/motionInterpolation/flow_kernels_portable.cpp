@@ -5,4 +5,4 @@
 
 #define LUM_KERNELS kPortableKernels
 #define LUM_KERNELS_NAME "portable"
-#include "flow_kernels.inc"
+#include "flow_kernels.simd.hpp"

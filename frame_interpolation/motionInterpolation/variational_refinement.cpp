@@ -9,7 +9,7 @@
 
 #include "flow_kernels.h"
 #include "huge_pages.h"
-#include "parallel_for.h"
+#include "simd/parallel_for.h"
 
 namespace cv::optflow::lum {
 namespace {
@@ -77,7 +77,7 @@ void runBands(std::vector<std::atomic<int>>& begun, std::vector<std::atomic<int>
     return isDone(band, phase) && (band == 0 || isDone(band - 1, phase)) &&
            (band + 1 == bands || isDone(band + 1, phase));
   };
-  parallelFor(static_cast<int>(bands), [&](int worker) {
+  ::lum::simd::ParallelFor(static_cast<int>(bands), [&](int worker) {
     for (bool finished = false; !finished;) {
       finished = true;
       bool worked = false;

@@ -99,13 +99,8 @@ cv::Mat refine(const ImagePair& pair, const lum_reference::RefineParams& p) {
 }
 
 std::vector<const kernels::Kernels*> allKernels() {
-  std::vector<const kernels::Kernels*> all{&kernels::kPortableKernels, &kernels::kBaselineKernels};
-#ifdef LUM_HAVE_AVX2_KERNELS
-  if (kernels::isSupported(kernels::kAvx2Kernels)) all.push_back(&kernels::kAvx2Kernels);
-#endif
-#ifdef LUM_HAVE_AVX512_KERNELS
-  if (kernels::isSupported(kernels::kAvx512Kernels)) all.push_back(&kernels::kAvx512Kernels);
-#endif
+  std::vector<const kernels::Kernels*> all;
+  for (const auto* set = kernels::supportedKernels(); *set != nullptr; ++set) all.push_back(*set);
   return all;
 }
 

@@ -1,6 +1,5 @@
-// The kernels' one source, included by one file per instruction set after OpenCV's universal
-// intrinsics. It defines the table LUM_KERNELS. No include guard: it is no header. With
-// LUM_SEARCH_KERNELS, search and densification are those of that table.
+// The kernels' one source, compiled once per instruction set after OpenCV's universal intrinsics.
+// It defines the table LUM_KERNELS. No include guard: it is no header.
 
 #include "flow_kernels.h"
 
@@ -31,25 +30,20 @@ inline v_float32 lerp(const v_float32& a, const v_float32& b, const v_float32& t
 }
 inline float lerp(float a, float b, float t) { return a + t * (b - a); }
 
-#ifdef LUM_SEARCH_KERNELS
+#if CV_AVX512_SKX
 // Another set's: a patch row is 8 pixels, which fill no more than half a wider vector.
 void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* scratch) {
-  LUM_SEARCH_KERNELS.structureTensor(args, begin, end, scratch);
+  kAvx2Kernels.structureTensor(args, begin, end, scratch);
 }
-void search(const SearchArgs& args, int begin, int end) {
-  LUM_SEARCH_KERNELS.search(args, begin, end);
-}
-void densify(const SearchArgs& args, int begin, int end) {
-  LUM_SEARCH_KERNELS.densify(args, begin, end);
-}
+void search(const SearchArgs& args, int begin, int end) { kAvx2Kernels.search(args, begin, end); }
+void densify(const SearchArgs& args, int begin, int end) { kAvx2Kernels.densify(args, begin, end); }
 #else
-#include "search_kernels.inc"
+#include "search_kernels.simd.hpp"
 #endif
-#include "refinement_kernels.inc"
+#include "refinement_kernels.simd.hpp"
 
 }  // namespace
 
-extern const Kernels LUM_KERNELS;
 const Kernels LUM_KERNELS = {LUM_KERNELS_NAME, structureTensor, search, densify, termRows, solve};
 
 }  // namespace cv::optflow::lum::kernels

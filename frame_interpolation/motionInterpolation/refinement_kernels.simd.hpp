@@ -1,4 +1,4 @@
-// Variational refinement: a part of flow_kernels.inc.
+// Variational refinement: a part of flow_kernels.simd.hpp.
 
 // ---------------------------------------------------------------- variational refinement
 

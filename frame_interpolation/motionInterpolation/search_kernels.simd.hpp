@@ -1,4 +1,4 @@
-// Structure tensor, patch search and densification: a part of flow_kernels.inc.
+// Structure tensor, patch search and densification: a part of flow_kernels.simd.hpp.
 
 // ---------------------------------------------------------------- structure tensor
 
