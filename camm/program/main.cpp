@@ -41,7 +41,7 @@ int Main(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  camm::SilenceMessages();  // what went wrong is in the results, and in our words
+  camm::SilenceMessages();        // what went wrong is in the results, and in our words
   std::signal(SIGXFSZ, SIG_IGN);  // a file size limit is an error of writing, not the end
   try {
     return Main(argc, argv);
