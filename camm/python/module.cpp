@@ -1,0 +1,249 @@
+// The library's recordings as NumPy arrays, without a copy of the samples.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "camm/imu.h"
+#include "camm/program/summary_text.h"
+#include "camm/recording.h"
+#include "camm/summary.h"
+
+namespace py = pybind11;
+
+namespace {
+
+/// Names, formats and offsets of a record's fields, as NumPy takes them.
+struct Layout {
+  py::list names, formats, offsets;
+
+  void Add(const std::string& name, const py::object& format, std::ptrdiff_t offset) {
+    names.append(name);
+    formats.append(format);
+    offsets.append(offset);
+  }
+
+  /// The fields of a sample that lies at `offset`; three along the axes also as one, `xyz_UNIT`.
+  template <typename T>
+  void AddSample(std::ptrdiff_t offset) {
+    const T sample{};
+    T::Fields(sample, [&](std::string_view name, const auto& field) {
+      using Field = std::decay_t<decltype(field)>;
+      const std::ptrdiff_t at =
+          offset + (reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&sample));
+      const py::object format = py::dtype::of<Field>();
+      Add(std::string(name), format, at);
+      if (name.substr(0, 2) == "x_") {
+        Add("xyz" + std::string(name.substr(1)), py::make_tuple(format, py::make_tuple(3)), at);
+      }
+    });
+  }
+
+  [[nodiscard]] py::dtype Type(std::size_t size) const {
+    return py::dtype(names, formats, offsets, static_cast<py::ssize_t>(size));
+  }
+};
+
+template <typename T>
+py::dtype SeriesType() {
+  Layout layout;
+  layout.Add("time_ns", py::dtype::of<std::int64_t>(), 0);
+  layout.AddSample<T>(offsetof(camm::Timed<T>, value));
+  return layout.Type(sizeof(camm::Timed<T>));
+}
+
+py::dtype ImuType() {
+  Layout layout;
+  layout.Add("time_ns", py::dtype::of<std::int64_t>(), offsetof(camm::ImuSample, time_ns));
+  layout.AddSample<camm::Gyro>(offsetof(camm::ImuSample, gyro));
+  layout.AddSample<camm::Accel>(offsetof(camm::ImuSample, accel));
+  return layout.Type(sizeof(camm::ImuSample));
+}
+
+/// An array over samples that `owner` keeps alive.
+template <typename Samples>
+py::array View(const py::dtype& type, Samples& samples, const py::object& owner) {
+  return py::array(type, {samples.size()}, {sizeof(typename Samples::value_type)}, samples.data(),
+                   owner);
+}
+
+template <typename T>
+void DefineSeries(py::class_<camm::Recording, std::shared_ptr<camm::Recording>>& recording,
+                  py::dict& types) {
+  types[py::str(std::string(T::kName))] = SeriesType<T>();
+  recording.def_property_readonly(std::string(T::kName).c_str(), [](const py::object& self) {
+    return View(SeriesType<T>(), self.cast<camm::Recording&>().Of<T>(), self);
+  });
+}
+
+/// What a recording lacks for being read at all: the library's own words and its number for them.
+struct Failure {
+  std::string text;
+  camm::Status status;
+};
+
+void ThrowOnFailure(const std::string& path, const camm::ReadResult& result) {
+  if (result.status != camm::Status::kWhole && result.status != camm::Status::kPartial) {
+    throw Failure{path + ": " + result.error, result.status};
+  }
+}
+
+camm::ReadOptions Options(int stream, const std::string& origin) {
+  camm::ReadOptions options;
+  options.stream_index = stream;
+  if (origin == "first packet") {
+    options.origin = camm::Origin::kFirstPacket;
+  } else if (origin != "container") {
+    throw py::value_error("origin is \"container\" or \"first packet\", not \"" + origin + "\"");
+  }
+  return options;
+}
+
+/// Samples one at a time. They are read in batches, without the interpreter's lock.
+class SampleIterator {
+ public:
+  SampleIterator(std::string path, const camm::ReadOptions& options)
+      : path_(std::move(path)), reader_({path_, nullptr}, options) {}
+
+  camm::TimedSample Next() {
+    if (next_ == batch_.size()) Refill();
+    return batch_[next_++];
+  }
+
+ private:
+  static constexpr std::size_t kBatch = 4096;
+
+  void Refill() {
+    bool more = false;
+    next_ = 0;
+    if (!done_) {
+      const py::gil_scoped_release unlocked;
+      more = reader_.Next(batch_, kBatch);
+    }
+    if (more) return;
+    batch_.clear();
+    if (!std::exchange(done_, true)) {
+      const camm::ReadResult result = reader_.Finish();
+      // A track without samples is the end at once.
+      if (result.status != camm::Status::kNoSamples) ThrowOnFailure(path_, result);
+    }
+    throw py::stop_iteration();
+  }
+
+  std::string path_;
+  camm::SampleReader reader_;
+  std::vector<camm::TimedSample> batch_;
+  std::size_t next_ = 0;
+  bool done_ = false;
+};
+
+py::dict FieldsOf(const camm::TimedSample& sample) {
+  py::dict fields;
+  std::visit(
+      [&fields](const auto& value) {
+        std::decay_t<decltype(value)>::Fields(value, [&fields](std::string_view name, auto field) {
+          fields[py::str(std::string(name))] = field;
+        });
+      },
+      sample.sample);
+  return fields;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_camm, module) {
+  camm::SilenceMessages();
+  module.attr("NO_TIME") = camm::kNoTime;
+
+  static const py::exception<Failure> failure(module, "Error");
+  py::register_exception_translator([](std::exception_ptr thrown) {
+    try {
+      if (thrown) std::rethrow_exception(thrown);
+    } catch (const Failure& caught) {
+      const py::object error = py::handle(failure.ptr())(caught.text);
+      error.attr("status") = static_cast<int>(caught.status);
+      PyErr_SetObject(failure.ptr(), error.ptr());
+    }
+  });
+
+  using camm::Recording;
+  py::class_<Recording, std::shared_ptr<Recording>> recording(module, "Recording");
+  py::dict types;
+  DefineSeries<camm::AngleAxis>(recording, types);
+  DefineSeries<camm::Exposure>(recording, types);
+  DefineSeries<camm::Gyro>(recording, types);
+  DefineSeries<camm::Accel>(recording, types);
+  DefineSeries<camm::Position>(recording, types);
+  DefineSeries<camm::GpsMin>(recording, types);
+  DefineSeries<camm::Gps>(recording, types);
+  DefineSeries<camm::Magnetic>(recording, types);
+  module.attr("DTYPES") = types;
+  recording.def_property_readonly("problems", [](const Recording& self) {
+    std::vector<std::string> texts;
+    for (const camm::Problem& problem : self.result.problems) texts.push_back(problem.text);
+    return texts;
+  });
+
+  py::class_<camm::TimedSample>(module, "Sample")
+      .def_property_readonly("type",
+                             [](const camm::TimedSample& self) {
+                               return std::string(camm::TypeName(self.sample.index()));
+                             })
+      .def_readonly("time_ns", &camm::TimedSample::time_ns)
+      .def("asdict", &FieldsOf)
+      .def("__getattr__",
+           [](const camm::TimedSample& self, const py::str& name) {
+             const py::dict fields = FieldsOf(self);
+             if (!fields.contains(name)) {
+               throw py::attribute_error("a sample of type " +
+                                         std::string(camm::TypeName(self.sample.index())) +
+                                         " has no field " + std::string(name));
+             }
+             return py::object(fields[name]);
+           })
+      .def("__repr__", [](const camm::TimedSample& self) {
+        return "Sample(" + std::string(camm::TypeName(self.sample.index())) +
+               ", time_ns=" + std::to_string(self.time_ns) + ", " +
+               std::string(py::repr(FieldsOf(self))) + ")";
+      });
+
+  py::class_<SampleIterator>(module, "SampleIterator")
+      .def("__iter__", [](const py::object& self) { return self; })
+      .def("__next__", &SampleIterator::Next);
+
+  module.def("read", [](const std::string& path, int stream, const std::string& origin) {
+    const camm::ReadOptions options = Options(stream, origin);
+    auto read = std::make_shared<Recording>();
+    {
+      const py::gil_scoped_release unlocked;
+      *read = camm::Read({path, nullptr}, options);
+    }
+    ThrowOnFailure(path, read->result);
+    return read;
+  });
+  module.def("samples", [](const std::string& path, int stream, const std::string& origin) {
+    const camm::ReadOptions options = Options(stream, origin);
+    const py::gil_scoped_release unlocked;
+    return std::make_unique<SampleIterator>(path, options);
+  });
+  module.def("info", [](const Recording& self, const std::string& path) {
+    const py::gil_scoped_release unlocked;
+    return camm::program::SummaryJson(path, camm::Summarize(self));
+  });
+  module.def("imu", [](const Recording& self) {
+    auto merged = std::make_unique<std::vector<camm::ImuSample>>();
+    {
+      const py::gil_scoped_release unlocked;
+      *merged = camm::MergeImu(self.Of<camm::Gyro>(), self.Of<camm::Accel>()).samples;
+    }
+    std::vector<camm::ImuSample>& samples = *merged;
+    const py::capsule owner(merged.release(), [](void* samples_of_array) {
+      delete static_cast<std::vector<camm::ImuSample>*>(samples_of_array);
+    });
+    return View(ImuType(), samples, owner);
+  });
+}
