@@ -1,7 +1,6 @@
 #include "editor/file_media_src.h"
 
 #include <algorithm>
-#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -9,31 +8,28 @@
 #include "av_toolbox/time_util.h"
 #include "base/log_sites.h"
 #include "editor/blocking_post.h"
+#include "editor/exception_text.h"
+#include "editor/pacer.h"
+#include "editor/silent_audio.h"
 
 namespace lum {
 namespace {
 
 constexpr int32_t kReadErrorCode = 1;
-constexpr int64_t kAacFrameMillis =
-    int64_t{1024} * 1000;  // milliseconds a frame, times the sample rate
-constexpr int kSilentAudioRate = 48000;
-constexpr int kSilentAudioChannels = 2;
-
-int64_t SteadyNanoseconds() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
 
 // A missing time stamp stays missing.
 int64_t Shifted(int64_t timestamp, int64_t by) {
   return timestamp == AV_NOPTS_VALUE ? timestamp : WrappingAdd(timestamp, by);
 }
 
-// A consumer's answer. An exception is a refusal, since it must not unwind through libevent's C
-// frames.
+// A consumer's answer. An exception of whatever type is a refusal, since it must not unwind through
+// libevent's C frames.
 template <typename Call>
 bool AnswerOf(Call&& call) {
   try {
     return call();
-  } catch (const std::exception& e) {
-    LUM_LOG(kError) << "consumer failed: " << e.what();
+  } catch (...) {
+    LUM_LOG(kError) << "consumer failed: " << CurrentExceptionText();
     return false;
   }
 }
@@ -43,9 +39,14 @@ int64_t PlacingTimestamp(const QVXPacket& packet) {
   return packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
 }
 
+int64_t StreamDurationMs(const AVStream& stream) {
+  return stream.duration > 0 ? Rescale(stream.duration, stream.time_base, kMilliseconds) : -1;
+}
+
 }  // namespace
 
-FileMediaSrc::FileMediaSrc(std::string url) : url_(std::move(url)) {}
+FileMediaSrc::FileMediaSrc(std::string url)
+    : url_(std::move(url)), pacer_(std::make_unique<Pacer>()) {}
 
 FileMediaSrc::~FileMediaSrc() {
   LUM_CHECK(dispatcher_ == nullptr)
@@ -58,6 +59,16 @@ void FileMediaSrc::SetConsumer(StreamKind kind, std::shared_ptr<PacketConsumer> 
 }
 
 bool FileMediaSrc::Prepare() {
+  if (dispatcher_ != nullptr || phase_ > Phase::kPrepared) return false;
+  CloseUnheard();
+  ForgetInput();
+  phase_ = Phase::kNew;
+  prepared_ = false;
+  outcome_ = RunOutcome::kNotOver;
+  for (Track& t : tracks_) {
+    t.info.ended = false;
+    t.info.error = -1;
+  }
   demuxer_ = std::make_shared<Demuxer>(url_);
   open_result_ = demuxer_->Open(nullptr, io_source_);
   if (open_result_ != 0) {
@@ -65,97 +76,108 @@ bool FileMediaSrc::Prepare() {
     outcome_ = RunOutcome::kOpenFailed;
     return false;
   }
-  outcome_ = RunOutcome::kNotOver;
-  stopping_ = false;
-  interrupted_early_ = false;
-  finished_ = false;
+  pacer_->Reset();
   track(StreamKind::kVideo).stream = demuxer_->VideoStream();
   track(StreamKind::kAudio).stream = demuxer_->AudioStream();
   track(StreamKind::kData).stream = demuxer_->DataStream();
   if (add_silent_audio_ && track(StreamKind::kAudio).stream == nullptr) {
-    synthetic_audio_ = NewAACStream(AV_SAMPLE_FMT_FLTP, AV_CH_LAYOUT_STEREO, kSilentAudioChannels,
-                                    kSilentAudioRate, nullptr, 0, {1, kSilentAudioRate});
-    synthetic_audio_->index = static_cast<int>(demuxer_->StreamCount());  // the first free one
-    track(StreamKind::kAudio).stream = synthetic_audio_.get();
+    const auto first_free = static_cast<int>(demuxer_->StreamCount());
+    silent_audio_ = std::make_unique<SilentAudio>(first_free);
+    track(StreamKind::kAudio).stream = silent_audio_->stream();
   }
   prepared_ = OpenConsumers();
+  if (prepared_) phase_ = Phase::kPrepared;
   return prepared_;
 }
 
 bool FileMediaSrc::OpenConsumers() {
-  for (size_t i = 0; i < kKinds; ++i) {
-    Track& opening = tracks_[i];
+  for (Track& opening : tracks_) {
     if (!opening.active()) continue;
-    opening.info.params = NewAVCodecParameters();
-    avcodec_parameters_copy(opening.info.params.get(), opening.stream->codecpar);
-    opening.info.stream = opening.stream;
-    opening.info.source_id = static_cast<int32_t>(index);
-    if (opening.consumer->Open(&opening.info)) continue;
-    error_code = opening.info.error;
+    MediaInfo& info = opening.info;
+    info.params = NewAVCodecParameters();
+    avcodec_parameters_copy(info.params.get(), opening.stream->codecpar);
+    info.stream = opening.stream;
+    info.source_id = static_cast<int32_t>(index);
+    opening.open = true;
+    if (AnswerOf([&] { return opening.consumer->Open(&info); })) continue;
+    error_code = info.error;
     outcome_ = RunOutcome::kOpenRefused;
-    for (size_t j = 0; j < i; ++j) {
-      if (!tracks_[j].active()) continue;
-      tracks_[j].consumer->Close(&tracks_[j].info);
-      tracks_[j].closed = true;
-    }
+    CloseUnheard(&opening);  // it may hold what it opened first: closed with the source
     return false;
   }
   return true;
 }
 
+void FileMediaSrc::CloseUnheard(const Track* but) {
+  for (Track& t : tracks_) {
+    if (!t.open || &t == but) continue;
+    t.open = false;
+    AnswerOf([&] { return t.consumer->Close(&t.info); });
+  }
+}
+
+void FileMediaSrc::ForgetInput() {
+  for (Track& t : tracks_) t.stream = t.info.stream = nullptr;
+  silent_audio_.reset();
+  demuxer_.reset();
+}
+
 void FileMediaSrc::Start() {
-  if (dispatcher_ != nullptr || released_) return;
+  if (dispatcher_ != nullptr) return;
+  if (Released()) phase_ = Phase::kNew;  // reported as not prepared
   const auto dispatcher = std::make_shared<EventDispatcher>();
   dispatcher->SetName(url_);
   dispatcher->Run();
   dispatcher_ = dispatcher;
   read_event_ = MakeEvent(kSrcEventRead, shared_from_this(), dispatcher_);
   PostToSelf(kSrcEventStart);
+  // An interrupt that came before there was a thread to report it on.
+  if (phase_ == Phase::kPrepared && pacer_->ended()) PostToSelf(kSrcEventInterrupted);
 }
 
 void FileMediaSrc::Interrupt() {
-  EndReading();
+  pacer_->End();
   track(StreamKind::kVideo).info.ended = true;
   track(StreamKind::kAudio).info.ended = true;
   for (Track& t : tracks_) {
-    if (t.active()) t.consumer->Interrupt(&t.info);
+    if (!t.open) continue;
+    const bool told = AnswerOf([&] {
+      t.consumer->Interrupt(&t.info);
+      return true;
+    });
+    if (told || !Settle(RunOutcome::kConsumerFailed)) continue;
+    error_code = t.info.error;
+    if (dispatcher_ == nullptr) phase_ = Phase::kNew;  // fails when it is started
+    PostToSelf(kSrcEventFailed);
   }
-  if (dispatcher_ == nullptr) interrupted_early_ = true;
   PostToSelf(kSrcEventInterrupted);
 }
 
 void FileMediaSrc::Close() {
-  if (closed_) {
+  if (phase_ == Phase::kClosed) {
     LUM_LOG_AT(kVerbose, site::kSrcCloseTwice) << "want to close twice.";
     return;
   }
   if (dispatcher_ == nullptr) return;  // never started, or stopped: no thread to close on
-  EndReading();
+  pacer_->End();
   PostAndWait(MakeEvent(kSrcEventClose, shared_from_this(), dispatcher_));
   LUM_LOG_AT(kVerbose, site::kSrcClosed) << "file_media_src:" << url_ << " closed.";
 }
 
 void FileMediaSrc::Stop() {
-  if (released_) return;
-  released_ = true;
-  EndReading();
+  if (Released()) return;
+  pacer_->End();
   if (dispatcher_ != nullptr) {
     dispatcher_->Stop();
     dispatcher_->Release();
     dispatcher_.reset();
     Settle(RunOutcome::kCanceled);
   }
+  if (phase_ != Phase::kClosed) phase_ = Phase::kStopped;
+  for (Track& t : tracks_) t.open = false;  // nobody is called any more
   packet_.reset();
-  demuxer_.reset();
+  ForgetInput();
   LUM_LOG_AT(kVerbose, site::kSrcReleased) << "file_media_src:" << url_ << " released.";
-}
-
-void FileMediaSrc::EndReading() {
-  {
-    const std::lock_guard<std::mutex> lock(pace_mutex_);
-    stopping_ = true;
-  }
-  pace_wake_.notify_all();
 }
 
 void FileMediaSrc::PostToSelf(SrcEvent what) {
@@ -170,7 +192,7 @@ void FileMediaSrc::Report(MediaSrcState state, const any& value) {
 }
 
 void FileMediaSrc::FinishReading(SrcEvent outcome) {
-  finished_ = true;
+  if (phase_ != Phase::kClosed) phase_ = Phase::kOver;
   PostToSelf(outcome);
 }
 
@@ -180,10 +202,12 @@ void FileMediaSrc::Fail(RunOutcome outcome, int32_t code) {
   FinishReading(kSrcEventFailed);
 }
 
-void FileMediaSrc::Settle(RunOutcome outcome) {
+bool FileMediaSrc::Settle(RunOutcome outcome) {
   RunOutcome none = RunOutcome::kNotOver;
-  outcome_.compare_exchange_strong(none, outcome);
+  return outcome_.compare_exchange_strong(none, outcome);
 }
+
+bool FileMediaSrc::ReadingIsOver() const { return phase_ != Phase::kReading || pacer_->ended(); }
 
 void FileMediaSrc::HandleEvent(const std::shared_ptr<Event>& event) {
   switch (event->what()) {
@@ -219,40 +243,47 @@ template <typename Step>
 void FileMediaSrc::FailOnException(Step&& step) {
   try {
     step();
-  } catch (const std::exception& e) {
-    LUM_LOG(kError) << "reading failed: " << e.what();
+  } catch (...) {
+    LUM_LOG(kError) << "reading failed: " << CurrentExceptionText();
     Fail(RunOutcome::kException, kReadErrorCode);
   }
 }
 
 void FileMediaSrc::PerformStart() {
   LUM_LOG_AT(kVerbose, site::kSrcStart) << "file media src to start.";
-  if (!prepared_) {
-    finished_ = true;
-    Settle(RunOutcome::kNotPrepared);
+  if (phase_ == Phase::kNew) {
+    if (!IsFailure(outcome_)) {
+      outcome_ = RunOutcome::kNotPrepared;
+      error_code = kReadErrorCode;
+    }
+    phase_ = Phase::kOver;
     PerformFailed();
-    return;
   }
-  // There was no thread yet to report it on, and whoever waits for the end must hear of it.
-  if (interrupted_early_) {
-    Settle(RunOutcome::kCanceled);
-    Report(MediaSrcState::kCanceled, nullptr);
-  }
-  if (ReadingIsOver()) return;
-  length_ = 0;
+  if (phase_ != Phase::kPrepared) return;
+  phase_ = Phase::kReading;
+  if (ReadingIsOver()) return;  // interrupted before
+  length_ = LengthToReadMs();
   if (ranges_.empty()) {
-    const int64_t video_ms = demuxer_->VideoDurationMs();
-    const int64_t audio_ms = synthetic_audio_ ? video_ms : demuxer_->AudioDurationMs();
-    length_ = std::max(video_ms, audio_ms);
     PostRead();
   } else {
-    for (const Range& range : ranges_) {
-      length_ = WrappingAdd(length_, WrappingSub(range.end_ms, range.start_ms));
-    }
-    range_index_ = 0;
     PostToSelf(kSrcEventSeek);
   }
-  start_clock_ = SteadyNanoseconds();
+  pacer_->Start();
+}
+
+// The longer of video and audio; where neither has a duration, what is consumed counts.
+int64_t FileMediaSrc::LengthToReadMs() const {
+  int64_t length = 0;
+  for (const Range& range : ranges_) {
+    length = WrappingAdd(length, WrappingSub(range.end_ms, range.start_ms));
+  }
+  if (!ranges_.empty()) return length;
+  length = std::max(demuxer_->VideoDurationMs(), demuxer_->AudioDurationMs());
+  if (length > 0) return length;
+  for (const Track& t : tracks_) {
+    if (t.active()) length = std::max(length, StreamDurationMs(*t.stream));
+  }
+  return length;
 }
 
 void FileMediaSrc::PerformSeek() {
@@ -280,14 +311,7 @@ void FileMediaSrc::PerformRead() {
     const int64_t position_ms = Rescale(PlacingTimestamp(*packet), time_base, kMilliseconds);
     if (start_position_ == kUnset) {
       start_position_ = position_ms;
-      for (Track& t : tracks_) {
-        if (!t.active()) continue;
-        const bool told = AnswerOf([&] {
-          t.consumer->Notify(&t.info, {kMediaMessageStart, start_position_});
-          return true;  // it cannot be refused
-        });
-        if (!told) return FailTrack(t);
-      }
+      if (!NotifyStart()) return;
     }
     if (track != nullptr) {
       if (track->start_offset == kUnset) {
@@ -296,9 +320,8 @@ void FileMediaSrc::PerformRead() {
       const int64_t shift = WrappingSub(0, track->start_offset);
       packet->pts = Shifted(packet->pts, shift);
       packet->dts = Shifted(packet->dts, shift);
-      if (paced_ && !WaitUntilDue(Rescale(PlacingTimestamp(*packet), time_base, kMilliseconds))) {
-        return;
-      }
+      const int64_t due_ms = Rescale(PlacingTimestamp(*packet), time_base, kMilliseconds);
+      if (paced_ && !pacer_->WaitUntil(due_ms)) return;
     }
     if (UpdateProgress(position_ms) == RangeStep::kStop) return;
   }
@@ -307,27 +330,27 @@ void FileMediaSrc::PerformRead() {
   PostRead();
 }
 
-FileMediaSrc::Track* FileMediaSrc::TrackOf(const QVXPacket& packet) {
+// Returns false when a consumer threw: the start cannot be refused.
+bool FileMediaSrc::NotifyStart() {
   for (Track& t : tracks_) {
-    if (t.stream != nullptr && t.stream != synthetic_audio_.get() &&
-        t.stream->index == packet.stream_index) {
-      return &t;
-    }
+    if (!t.active()) continue;
+    const bool told = AnswerOf([&] {
+      t.consumer->Notify(&t.info, {kMediaMessageStart, start_position_});
+      return true;
+    });
+    if (told) continue;
+    FailTrack(t);
+    return false;
   }
-  return nullptr;
+  return true;
 }
 
-// Returns false when the wait was ended by an interrupt.
-bool FileMediaSrc::WaitUntilDue(int64_t due_ms) {
-  const int64_t now_ms = (SteadyNanoseconds() - start_clock_) / 1'000'000;
-  std::unique_lock<std::mutex> lock(pace_mutex_);
-  if (due_ms > now_ms) {
-    // A broken time stamp may lie centuries ahead, which the clock's own unit cannot hold.
-    constexpr int64_t kLongestWaitMs = int64_t{1000} * 60 * 60 * 24 * 365;
-    const std::chrono::milliseconds wait(std::min(WrappingSub(due_ms, now_ms), kLongestWaitMs));
-    pace_wake_.wait_for(lock, wait, [this] { return stopping_.load(); });
+FileMediaSrc::Track* FileMediaSrc::TrackOf(const QVXPacket& packet) {
+  for (Track& t : tracks_) {
+    const bool silent = silent_audio_ && t.stream == silent_audio_->stream();
+    if (t.stream != nullptr && !silent && t.stream->index == packet.stream_index) return &t;
   }
-  return !stopping_;
+  return nullptr;
 }
 
 FileMediaSrc::RangeStep FileMediaSrc::UpdateProgress(int64_t position_ms) {
@@ -387,7 +410,7 @@ bool FileMediaSrc::Deliver(Track& target, const std::shared_ptr<QVXPacket>& pack
   const int64_t dts = packet->dts;
   if (target.consumer != nullptr && !PassOn(target, packet)) return false;
   const Track& audio = track(StreamKind::kAudio);
-  if (&target == &track(StreamKind::kVideo) && synthetic_audio_ && audio.active() &&
+  if (&target == &track(StreamKind::kVideo) && silent_audio_ && audio.active() &&
       dts != AV_NOPTS_VALUE) {
     return AddSilentAudio(Rescale(dts, target.stream->time_base, kMilliseconds));
   }
@@ -402,14 +425,9 @@ bool FileMediaSrc::PassOn(Track& target, const std::shared_ptr<QVXPacket>& packe
 
 bool FileMediaSrc::AddSilentAudio(int64_t until_ms) {
   Track& audio = track(StreamKind::kAudio);
-  const int rate = audio.stream->codecpar->sample_rate;
-  if (rate <= 0) return true;
-  // Counted in frames, so that the truncated milliseconds do not add up to a drift.
-  for (int64_t time_ms = 0; !ReadingIsOver(); ++silent_frames_sent_) {
-    time_ms = silent_frames_sent_ * kAacFrameMillis / rate;
-    if (time_ms > until_ms) break;
-    const auto frame = NewAACPacket(
-        nullptr, 0, Rescale(time_ms, kMilliseconds, audio.stream->time_base), audio.stream->index);
+  while (!ReadingIsOver()) {
+    const auto frame = silent_audio_->NextUpTo(until_ms);
+    if (frame == nullptr) break;
     audio.last_dts = frame->dts;
     if (!PassOn(audio, frame)) return false;
   }
@@ -429,19 +447,19 @@ void FileMediaSrc::SkipUnusedStreams() {
       return t.active() && t.stream == stream;
     });
     const bool times_silent_audio =
-        synthetic_audio_ && audio.active() && stream == track(StreamKind::kVideo).stream;
+        silent_audio_ && audio.active() && stream == track(StreamKind::kVideo).stream;
     if (!consumed && !times_silent_audio) demuxer_->DiscardStream(i);
   }
 }
 
 void FileMediaSrc::PerformFailed() {
-  if (closed_) return;
+  if (phase_ == Phase::kClosed) return;
   for (Track& t : tracks_) t.info.ended = true;
   Report(MediaSrcState::kError, nullptr);
 }
 
 void FileMediaSrc::PerformOnEnd() {
-  if (closed_) return;
+  if (phase_ == Phase::kClosed) return;
   LUM_LOG_AT(kVerbose, site::kSrcOnEnd) << url_ << " on end.";
   for (Track& t : tracks_) {
     if (!t.active()) continue;
@@ -449,7 +467,8 @@ void FileMediaSrc::PerformOnEnd() {
     const MediaMessage end{kMediaMessageEnd, any()};
     if (!AnswerOf([&] { return t.consumer->Notify(&t.info, end); })) return FailTrack(t);
   }
-  Settle(RunOutcome::kEnded);
+  // False where an interrupt came first; one that a consumer threw from is a failure to report.
+  if (!Settle(RunOutcome::kEnded) && outcome_ == RunOutcome::kConsumerFailed) return;
   if (!state_callback) return;
   Report(MediaSrcState::kEnded, EstimateEndMs());
 }
@@ -460,7 +479,7 @@ int64_t FileMediaSrc::EstimateEndMs() {
   const Track& audio = track(StreamKind::kAudio);
   if (audio.active()) {
     const int rate = audio.stream->codecpar->sample_rate;
-    const int64_t frame = rate > 0 ? kAacFrameMillis / rate : 0;
+    const int64_t frame = AacFramesMs(1, rate);
     LUM_LOG_AT(kInfo, site::kSrcAudioEstimate) << "estimate audio frame duration:" << frame;
     estimate = WrappingAdd(frame, Rescale(audio.last_dts, audio.stream->time_base, kMilliseconds));
   }
@@ -478,18 +497,15 @@ int64_t FileMediaSrc::EstimateEndMs() {
 
 void FileMediaSrc::PerformClose(const Event& event) {
   LUM_LOG_AT(kVerbose, site::kSrcPerformClose) << "perform close";
-  closed_ = true;
+  phase_ = Phase::kClosed;
   Settle(RunOutcome::kCanceled);
   for (Track& t : tracks_) {
-    if (!t.active() || t.closed) continue;
-    if (!AnswerOf([&] { return t.consumer->Close(&t.info); })) {
-      error_code = t.info.error;
-      const RunOutcome before = outcome_;
-      if (before == RunOutcome::kEnded || before == RunOutcome::kCanceled) {
-        outcome_ = RunOutcome::kConsumerFailed;
-      }
-      Report(MediaSrcState::kError, nullptr);
-    }
+    if (!t.open) continue;
+    t.open = false;
+    if (AnswerOf([&] { return t.consumer->Close(&t.info); })) continue;
+    error_code = t.info.error;
+    if (!IsFailure(outcome_)) outcome_ = RunOutcome::kConsumerFailed;
+    Report(MediaSrcState::kError, nullptr);
   }
   FulfilPromise(event);
 }

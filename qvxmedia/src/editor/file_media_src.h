@@ -4,10 +4,8 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +15,9 @@
 #include "eventloop/event_dispatcher.h"
 
 namespace lum {
+
+class Pacer;
+class SilentAudio;
 
 /// The kinds of stream that a file source serves; at most one stream of each.
 enum class StreamKind : uint8_t { kVideo = 0, kAudio = 1, kData = 2 };
@@ -32,8 +33,10 @@ enum class StreamKind : uint8_t { kVideo = 0, kAudio = 1, kData = 2 };
 /// before `Start`, or between a report that ended the run and `Stop`.
 /// Ownership: created with `std::make_shared`; shares the consumers and the byte source. `Stop`
 /// must come before the last reference goes if `Start` was called: anything else is a fatal check.
-/// Errors: see `MediaSrc::error_code`. An exception that leaves a consumer's `Notify`, `Filter`
-/// or `Close` is recorded and fails the run like a refusal.
+/// A source serves one run. Until it is started it may be prepared again: consumers that are open
+/// are closed first. Afterwards `Prepare` fails, and `Start` of a stopped source reports an error.
+/// Errors: see `outcome` and `MediaSrc::error_code`. An exception that leaves a consumer is
+/// recorded and counts as a refusal.
 class FileMediaSrc : public MediaSrc,
                      public EventHandler,
                      public std::enable_shared_from_this<FileMediaSrc> {
@@ -110,21 +113,36 @@ class FileMediaSrc : public MediaSrc,
   static constexpr size_t kKinds = 3;
   static constexpr int64_t kUnset = INT32_MIN;
 
+  // Where a source stands in its one run. Written by the owner before the event thread starts and
+  // after it has ended, by the event thread in between.
+  enum class Phase : uint8_t {
+    kNew,
+    kPrepared,
+    kReading,
+    kOver,    // the end or a failure was posted: no further reads
+    kClosed,  // stopped too, when there is no dispatcher any more
+    kStopped,
+  };
+
   // What the source keeps for each kind of stream. Event thread, after Prepare.
   struct Track {
     AVStream* stream = nullptr;
     std::shared_ptr<PacketConsumer> consumer;
+    bool open = false;  // the consumer's Open was called, its Close was not
     MediaInfo info;
     int64_t start_offset = kUnset;   // where the current range began, in the stream's time base
     int64_t accumulated_offset = 0;  // joins successive ranges, in the stream's time base
     int64_t last_dts = 0;            // of the last packet passed on, adjusted
-    bool closed = false;             // the consumer was closed while preparing
 
     [[nodiscard]] bool active() const { return stream != nullptr && consumer != nullptr; }
   };
 
   Track& track(StreamKind kind) { return tracks_[static_cast<size_t>(kind)]; }
+  [[nodiscard]] bool Released() const { return dispatcher_ == nullptr && phase_ >= Phase::kClosed; }
   bool OpenConsumers();
+  // Closes those that are open, but for one; what they answer is recorded only.
+  void CloseUnheard(const Track* but = nullptr);
+  void ForgetInput();
 
   // Event thread.
   template <typename Step>
@@ -136,20 +154,20 @@ class FileMediaSrc : public MediaSrc,
   void PerformOnEnd();
   void PerformClose(const Event& event);
 
-  void EndReading();
   void PostToSelf(SrcEvent what);
   void PostRead();
   void Report(MediaSrcState state, const any& value);
   void FinishReading(SrcEvent outcome);
   void Fail(RunOutcome outcome, int32_t code);
   void FailTrack(const Track& track) { Fail(RunOutcome::kConsumerFailed, track.info.error); }
-  // Keeps the first outcome.
-  void Settle(RunOutcome outcome);
-  [[nodiscard]] bool ReadingIsOver() const { return finished_ || closed_ || stopping_; }
+  // Keeps the first outcome; returns whether this is it.
+  bool Settle(RunOutcome outcome);
+  [[nodiscard]] bool ReadingIsOver() const;
 
   Track* TrackOf(const QVXPacket& packet);
-  bool WaitUntilDue(int64_t due_ms);
+  bool NotifyStart();
   void SkipUnusedStreams();
+  [[nodiscard]] int64_t LengthToReadMs() const;
   enum class RangeStep : uint8_t { kDeliver, kStop };
   RangeStep UpdateProgress(int64_t position_ms);
   RangeStep NextRange(int64_t position_ms);
@@ -169,9 +187,9 @@ class FileMediaSrc : public MediaSrc,
   int open_result_ = 0;
   int read_result_ = 0;
   bool prepared_ = false;
-  bool interrupted_early_ = false;  // after Prepare, before Start
   std::array<Track, kKinds> tracks_;
-  std::shared_ptr<AVStream> synthetic_audio_;
+  std::unique_ptr<SilentAudio> silent_audio_;  // null unless it is added
+  std::unique_ptr<Pacer> pacer_;               // also what ends the reading
   std::shared_ptr<EventDispatcher> dispatcher_;
 
   std::shared_ptr<Event> read_event_;
@@ -181,20 +199,11 @@ class FileMediaSrc : public MediaSrc,
   size_t range_index_ = 0;
   int64_t start_position_ = kUnset;  // milliseconds
   int64_t length_ = 0;               // milliseconds to read
-  int64_t start_clock_ = 0;          // steady clock, nanoseconds
-  int64_t silent_frames_sent_ = 0;
-  bool finished_ = false;  // the end or a failure was posted: no further reads
   bool skipped_unused_ = false;
 
   std::atomic<double> progress_{0.0};
   std::atomic<RunOutcome> outcome_{RunOutcome::kNotOver};
-  std::atomic<bool> closed_{false};
-  std::atomic<bool> stopping_{false};
-  bool released_ = false;
-
-  // Ends the wait of paced reading early.
-  std::mutex pace_mutex_;
-  std::condition_variable pace_wake_;
+  std::atomic<Phase> phase_{Phase::kNew};
 };
 
 }  // namespace lum

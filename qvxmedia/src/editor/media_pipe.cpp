@@ -1,14 +1,16 @@
 #include "editor/media_pipe.h"
 
-#include <exception>
 #include <stdexcept>
 
 #include "base/log_sites.h"
 #include "editor/blocking_post.h"
+#include "editor/exception_text.h"
 
 namespace lum {
 
 MediaPipe::~MediaPipe() {
+  // It counts as started from Start on, also while the event is still to be handled.
+  if (state_ == kMediaPipeUnknown && dispatcher_ != nullptr) state_ = kMediaPipeStarted;
   LUM_CHECK_AT(state_ == kMediaPipeReleased || state_ == kMediaPipeUnknown, site::kPipeNotReleased)
       << "You must call Release before ~MediaPipe if you have called Start.";
   LUM_LOG_AT(kVerbose, site::kPipeDestroyed) << "~MediaPipe";
@@ -121,8 +123,8 @@ void MediaPipe::PerformStart() {
   try {
     for (const auto& src : srcs_) src->Start();
     state_ = kMediaPipeStarted;
-  } catch (const std::exception& e) {  // no thread for a source: it could not report a cancellation
-    LUM_LOG(kError) << "a source could not be started: " << e.what();
+  } catch (...) {  // no thread for a source: it could not report a cancellation
+    LUM_LOG(kError) << "a source could not be started: " << CurrentExceptionText();
     CloseSrcs();
     state_ = kMediaPipeError;
     if (on_error_) on_error_(error_code_);

@@ -56,6 +56,11 @@ enum class RunOutcome : uint8_t {
   kException,       ///< An exception ended the reading, such as for want of memory.
 };
 
+/// Whether a run that came to this failed.
+[[nodiscard]] constexpr bool IsFailure(RunOutcome outcome) {
+  return outcome >= RunOutcome::kNotPrepared;
+}
+
 /// A consumer of one or more streams' packets (`T` is how a packet is held). What it does not care
 /// about it need not implement: by default it accepts everything that it is told.
 ///
