@@ -72,11 +72,22 @@ void OutputFile::AppendFrom(int descriptor, std::uint64_t offset, std::uint64_t 
   Flush();
   bool in_kernel = true;
   while (size > 0) {
+    // A hole stays one; what cannot tell its holes is all data.
+    const off_t data = lseek(descriptor, static_cast<off_t>(offset), SEEK_DATA);
+    if (const auto begin = static_cast<std::uint64_t>(data); data >= 0 && begin > offset) {
+      const std::uint64_t hole = std::min(begin - offset, size);
+      offset += hole;
+      written_ += hole;
+      size -= hole;
+      continue;
+    }
     auto from = static_cast<off64_t>(offset);
     auto to = static_cast<off64_t>(written_);
-    constexpr std::uint64_t kMost = std::uint64_t{1} << 30;
+    const off_t end = lseek(descriptor, from, SEEK_HOLE);
+    std::uint64_t most = std::min(size, std::uint64_t{1} << 30);
+    if (end > from) most = std::min(most, static_cast<std::uint64_t>(end - from));
     ssize_t count = in_kernel ? copy_file_range(descriptor, &from, file_.get(), &to,
-                                                static_cast<std::size_t>(std::min(size, kMost)), 0)
+                                                static_cast<std::size_t>(most), 0)
                               : 0;
     if (count <= 0 && (!in_kernel || count == 0 || (errno != EINTR && errno != ENOSPC))) {
       // Not every pair of file systems can.

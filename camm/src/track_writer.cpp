@@ -23,7 +23,9 @@ namespace {
 using mp4::Type;
 
 constexpr std::uint32_t kOwnMovieScale = 1000;
-constexpr std::int64_t kMaxDelta = std::numeric_limits<std::uint32_t>::max();
+constexpr std::int64_t kMax32 = std::numeric_limits<std::uint32_t>::max();
+// The format has 32 bits without sign; common readers take the upper half for mistakes.
+constexpr std::int64_t kMaxDelta = std::numeric_limits<std::int32_t>::max();
 constexpr std::int64_t kMostBridges = 1000;  // packets without a byte
 constexpr std::uint32_t kPacketsInChunk = 1024;
 constexpr std::uint32_t kMediaHeader = 16;  // of mdat, with the long size
@@ -65,12 +67,10 @@ bool Fits(const std::vector<std::int64_t>& times_ns, std::int64_t scale) {
 std::uint32_t ChooseTimeScale(const std::vector<std::int64_t>& times_ns, std::uint32_t wanted) {
   std::int64_t divisor = kNanosecondsPerSecond;
   for (const std::int64_t time_ns : times_ns) divisor = std::gcd(divisor, time_ns);
-  std::vector<std::uint32_t> scales{1000, 24000, 30000, 48000, 60000, 90000, 1'000'000};
-  scales.push_back(static_cast<std::uint32_t>(kNanosecondsPerSecond / divisor));
-  std::sort(scales.begin(), scales.end());
-  if (wanted > 0) scales.insert(scales.begin(), wanted);
-  for (const std::uint32_t scale : scales) {
-    if (IsExact(times_ns, scale) && Fits(times_ns, scale)) return scale;
+  for (const std::uint32_t scale :
+       {wanted, 1000U, 24000U, 30000U, 48000U, 60000U, 90000U, 1'000'000U,
+        static_cast<std::uint32_t>(kNanosecondsPerSecond / divisor)}) {
+    if (scale > 0 && IsExact(times_ns, scale) && Fits(times_ns, scale)) return scale;
   }
   for (const std::uint32_t scale : {1'000'000U, 1000U, 1U}) {
     if (Fits(times_ns, scale)) return scale;
@@ -316,7 +316,7 @@ void WriteMovieHeader(mp4::Writer& out, mp4::View whole, std::uint64_t duration,
     out.PatchU32(duration_at, duration >> 32);
     out.PatchU32(duration_at + 4, duration);
   } else {
-    out.PatchU32(duration_at, std::min<std::uint64_t>(duration, kMaxDelta));
+    out.PatchU32(duration_at, std::min<std::uint64_t>(duration, kMax32));
   }
   out.PatchU32(out.bytes.size() - 4, next_id);
 }
@@ -364,7 +364,7 @@ class Source {
     // Its size is to be stated now. A long one needs eight bytes more, which QuickTime files keep
     // free in front of it.
     mp4::Writer size;
-    if (last.size <= kMaxDelta) {
+    if (last.size <= kMax32) {
       size.U32(last.size);
       return out.Patch(last.offset, size.bytes.data(), size.bytes.size());
     }
@@ -395,7 +395,7 @@ class Source {
     }
     if (const mp4::Track* replaced = Replaced()) {
       header.id = replaced->id;  // other tracks may refer to it
-    } else if (largest == kMaxDelta) {
+    } else if (largest == kMax32) {
       throw Unsuitable("its track numbers are used up");
     } else {
       header.id = largest + 1;
@@ -419,7 +419,7 @@ class Source {
     for (std::size_t i = 0; i < children.size(); ++i) {
       if (children[i].type == Type("mvhd")) {
         WriteMovieHeader(out, children[i].whole, std::max(duration, movie_.duration),
-                         next_id < kMaxDelta ? next_id + 1 : next_id);
+                         next_id < kMax32 ? next_id + 1 : next_id);
         continue;
       }
       if (children[i].type != Type("trak")) {
@@ -527,7 +527,7 @@ struct TrackWriter::State {
                        header.id + 1);
       write_track();
     });
-    if (index.bytes.size() > static_cast<std::size_t>(kMaxDelta)) {
+    if (index.bytes.size() > static_cast<std::size_t>(kMax32)) {
       throw OutputError("the index would be larger than 4 GiB");
     }
     out->Append(index.bytes.data(), index.bytes.size());
@@ -574,8 +574,8 @@ void TrackWriter::AddPacket(std::int64_t time_ns, const std::uint8_t* data, std:
   if (size == 0) return;
   State& state = *state_;
   state.Try([&] {
-    if (state.sizes.size() + kMostBridges >= static_cast<std::size_t>(kMaxDelta) ||
-        size > static_cast<std::size_t>(kMaxDelta)) {
+    if (state.sizes.size() + kMostBridges >= static_cast<std::size_t>(kMax32) ||
+        size > static_cast<std::size_t>(kMax32)) {
       throw OutputError("a track can't hold that much");
     }
     if (time_ns == kNoTime) time_ns = state.times_ns.empty() ? 0 : state.times_ns.back();

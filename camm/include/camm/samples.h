@@ -114,10 +114,10 @@ struct Gps {
     CAMM_DETAIL_FIELD(fix_type)
     CAMM_DETAIL_FIELD(latitude_deg)
     CAMM_DETAIL_FIELD(longitude_deg)
-    CAMM_DETAIL_FIELD(altitude_m) CAMM_DETAIL_FIELD(horizontal_accuracy_m)
-        CAMM_DETAIL_FIELD(vertical_accuracy_m) CAMM_DETAIL_FIELD(velocity_east_m_s)
-            CAMM_DETAIL_FIELD(velocity_north_m_s) CAMM_DETAIL_FIELD(velocity_up_m_s)
-                CAMM_DETAIL_FIELD(speed_accuracy_m_s)
+    CAMM_DETAIL_FIELD(altitude_m)
+    CAMM_DETAIL_FIELD(horizontal_accuracy_m) CAMM_DETAIL_FIELD(vertical_accuracy_m)
+        CAMM_DETAIL_FIELD(velocity_east_m_s) CAMM_DETAIL_FIELD(velocity_north_m_s)
+            CAMM_DETAIL_FIELD(velocity_up_m_s) CAMM_DETAIL_FIELD(speed_accuracy_m_s)
   }
 };
 
