@@ -25,6 +25,8 @@ int Main(int argc, char** argv) {
       "2 wrong command line, 3 cannot open or write, 4 no camm track, 5 no samples.");
   Run run;
   AddInfo(app, run);
+  AddInject(app, run);
+  AddCopy(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& request) {  // help or version

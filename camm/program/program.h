@@ -49,6 +49,8 @@ using Run = std::function<int()>;
 
 /// Each adds its verb. Parsing sets `run` if the verb was given.
 void AddInfo(CLI::App& app, Run& run);
+void AddInject(CLI::App& app, Run& run);
+void AddCopy(CLI::App& app, Run& run);
 
 /// A verb with the common options.
 /// @param example a command line and what it does, shown at the end of the help.

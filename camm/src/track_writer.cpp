@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <limits>
 #include <numeric>
 #include <optional>
@@ -478,6 +479,10 @@ struct TrackWriter::State {
 
   void Begin() {
     if (!options.video.empty()) source.emplace(options.video, options.existing);
+    std::error_code ignored;
+    if (source && std::filesystem::equivalent(options.video, path, ignored)) {
+      throw OutputError("it is the input, which is never written to");
+    }
     out.emplace(path, options.overwrite);
     if (source) {
       source->CopyTo(*out);

@@ -229,8 +229,10 @@ TEST_F(WriterTest, FailuresLeaveNothingBehind) {
   const WriteResult result = WriteTimes({1}, options);
   EXPECT_EQ(result.status, Status::kCannotOpen);
   EXPECT_EQ(result.error, out_ + ": No such file or directory");
-  out_ = dir_.path();
   options.overwrite = true;
+  out_ = options.video;
+  EXPECT_THAT(WriteTimes({1}, options).error, HasSubstr("it is the input"));
+  out_ = dir_.path();
   EXPECT_THAT(WriteTimes({1}, options).error, HasSubstr("not a regular file"));
   EXPECT_EQ(FilesLeft(), 2U);
 }

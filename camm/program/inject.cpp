@@ -1,0 +1,79 @@
+// camm inject: puts a log of motion samples into a video.
+
+#include <fmt/format.h>
+
+#include "camm/gps_time.h"
+#include "camm/program/motion_log.h"
+#include "camm/program/track_output.h"
+
+namespace camm::program {
+namespace {
+
+struct InjectOptions {
+  CommonOptions common;
+  std::string video, log, output;
+  std::string offset = "0", start_time;
+  LogOptions reading;
+  bool replace = false, force = false;
+};
+
+int RunInject(InjectOptions& options) {
+  const std::int64_t offset = ParseSeconds(options.offset);
+  if (!options.start_time.empty()) {
+    options.reading.start_unix_ns = ParseUtc(options.start_time);
+    if (!options.reading.start_unix_ns) {
+      throw UsageError(
+          fmt::format("'{}' is no time such as 2026-01-02T10:11:12Z", options.start_time));
+    }
+  }
+  WriterOptions writing;
+  writing.video = options.video;
+  writing.overwrite = options.force;
+  if (options.replace) writing.existing = ExistingTrack::kReplace;
+  TrackWriter writer(options.output, writing);
+  if (!writer.ok()) return FinishTrack(options.common, options.output, writer);
+  std::int64_t without_time = 0;
+  try {
+    const auto remarks =
+        ReadMotionLog(options.log, options.reading, [&](const TimedSample& sample) {
+          without_time += sample.time_ns == kNoTime ? 1 : 0;
+          writer.Add(Moved(sample.time_ns, offset), sample.sample);
+        });
+    for (const std::string& remark : remarks) Note(options.common, remark);
+  } catch (const LogError& error) {
+    Message(error.what());
+    return kExitCannot;
+  }
+  if (without_time > 0) {
+    Note(options.common, fmt::format("{}: {} samples without a time get that of the one before",
+                                     options.log, without_time));
+  }
+  return FinishTrack(options.common, options.output, writer);
+}
+
+}  // namespace
+
+void AddInject(CLI::App& app, Run& run) {
+  const auto options = std::make_shared<InjectOptions>();
+  CLI::App* verb = AddVerb(app, "inject", "Put motion samples from other files into a video.",
+                           "camm inject ride.mp4 ride.gpx -o out.mp4 --rate 10", options->common);
+  verb->add_option("VIDEO", options->video, "MP4 or QuickTime file")->required();
+  verb->add_option(
+          "INPUT", options->log,
+          "Folder of CSV files as camm export writes them, or one CSV, JSONL, EuRoC, .gcsv "
+          "or GPX file")
+      ->required();
+  verb->add_option("-o,--output", options->output, "The file to write")->required();
+  verb->add_option("--offset", options->offset, "Seconds to add to the times");
+  verb->add_option("--rate", options->reading.rate_hz, "GPX: points a second, interpolated")
+      ->check(CLI::PositiveNumber);
+  verb->add_option("--start-time", options->start_time,
+                   "GPX: UTC of the video's time 0 (default: the first point's)");
+  verb->add_option("--leap-seconds", options->reading.leap_seconds,
+                   "GPX: between GPS time and UTC (default: a table)");
+  verb->add_flag("--replace", options->replace, "Take the place of a track that is there");
+  verb->add_flag("--force", options->force, "Replace an existing file");
+  verb->callback([&run, options] { run = [options] { return RunInject(*options); }; });
+}
+
+}  // namespace camm::program

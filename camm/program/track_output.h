@@ -1,0 +1,40 @@
+// What the verbs that write a track share.
+#ifndef CAMM_PROGRAM_TRACK_OUTPUT_H_
+#define CAMM_PROGRAM_TRACK_OUTPUT_H_
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "camm/program/program.h"
+#include "camm/track_writer.h"
+
+namespace camm::program {
+
+/// Nanoseconds of a decimal number of seconds, exactly as far as it has nine places.
+/// @throws UsageError where it is none.
+std::int64_t ParseSeconds(std::string_view text);
+
+/// `START:END` in seconds; either may be left out.
+struct TimeRange {
+  std::optional<std::int64_t> start_ns, end_ns;
+  /// The end is not included.
+  [[nodiscard]] bool Holds(std::int64_t time_ns) const {
+    return (!start_ns || time_ns >= *start_ns) && (!end_ns || time_ns < *end_ns);
+  }
+};
+/// @throws UsageError
+TimeRange ParseRange(std::string_view text);
+
+/// A time moved by an offset; a missing one stays missing.
+/// @throws UsageError where the result is out of range.
+std::int64_t Moved(std::int64_t time_ns, std::int64_t by_ns);
+
+/// Finishes the file, and says on standard error what was written or why not.
+/// @return the exit code.
+int FinishTrack(const CommonOptions& common, const std::string& path, TrackWriter& writer);
+
+}  // namespace camm::program
+
+#endif  // CAMM_PROGRAM_TRACK_OUTPUT_H_
