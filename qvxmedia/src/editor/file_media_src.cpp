@@ -130,9 +130,11 @@ void FileMediaSrc::Start() {
   dispatcher->Run();
   dispatcher_ = dispatcher;
   read_event_ = MakeEvent(kSrcEventRead, shared_from_this(), dispatcher_);
+  // An interrupt that came before there was a thread to report it on. Asked before the start is
+  // posted: from then on the phase is the event thread's.
+  const bool interrupted = phase_ == Phase::kPrepared && pacer_->ended();
   PostToSelf(kSrcEventStart);
-  // An interrupt that came before there was a thread to report it on.
-  if (phase_ == Phase::kPrepared && pacer_->ended()) PostToSelf(kSrcEventInterrupted);
+  if (interrupted) PostToSelf(kSrcEventInterrupted);
 }
 
 void FileMediaSrc::Interrupt() {
