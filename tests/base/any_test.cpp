@@ -11,22 +11,20 @@ namespace lum {
 namespace {
 
 template <typename T>
-class AnyOf : public ::testing::Test {};
-using HeldTypes = ::testing::Types<std::nullptr_t, int, int64_t, std::promise<void>*>;
-TYPED_TEST_SUITE(AnyOf, HeldTypes);
-
-TYPED_TEST(AnyOf, KnowsItsTypeAndGivesItsValueBackOnlyAsThat) {
-  const auto value = TypeParam();
+void ExpectHeld(T value) {
   const any held(value);
-  EXPECT_FALSE(held.empty());
-  EXPECT_EQ(held.type(), typeid(TypeParam));
-  EXPECT_EQ(any_cast<TypeParam>(held), value);
+  EXPECT_EQ(held.type(), typeid(T));
+  EXPECT_EQ(any_cast<T>(held), value);
   EXPECT_THROW((void)any_cast<unsigned>(held), std::bad_cast);  // nothing is converted
 }
 
-TEST(Any, EmptyHasTypeVoidAndCannotBeCast) {
+TEST(Any, GivesItsValueBackOnlyAsWhatItIs) {
+  std::promise<void> promise;
+  ExpectHeld(nullptr);
+  ExpectHeld(3);
+  ExpectHeld(int64_t{3});
+  ExpectHeld(&promise);
   const any empty;
-  EXPECT_TRUE(empty.empty());
   EXPECT_EQ(empty.type(), typeid(void));
   try {
     (void)any_cast<int>(empty);
@@ -41,15 +39,11 @@ TEST(Any, CopiesOwnTheirValues) {
   any copy(original);
   any_cast<std::string>(copy) = "two";
   EXPECT_EQ(any_cast<std::string>(original), "one");
-  any assigned(3);
-  assigned = copy;
-  any& self = assigned;
-  assigned = self;
-  any_cast<std::string>(copy) = "three";
-  EXPECT_EQ(any_cast<std::string>(assigned), "two");
-  const any moved(std::move(assigned));
+  any& self = copy;
+  copy = self;
+  const any moved(std::move(copy));
   EXPECT_EQ(any_cast<std::string>(moved), "two");
-  EXPECT_TRUE(assigned.empty());  // NOLINT(bugprone-use-after-move): what is tested
+  EXPECT_TRUE(copy.empty() && !moved.empty());  // NOLINT(bugprone-use-after-move): what is tested
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 #ifndef MOTRACE_TESTS_EDITOR_FAKE_MEDIA_SRC_H_
 #define MOTRACE_TESTS_EDITOR_FAKE_MEDIA_SRC_H_
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <functional>
@@ -26,13 +24,10 @@ class Journal {
     entries_.push_back(std::move(entry));
     added_.notify_all();
   }
-  /// Returns once there are so many entries.
-  [[nodiscard]] ::testing::AssertionResult WaitFor(size_t count) {
+  /// Returns once there are so many entries; false when they do not come.
+  [[nodiscard]] bool WaitFor(size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (added_.wait_for(lock, kHang, [&] { return entries_.size() >= count; })) {
-      return ::testing::AssertionSuccess();
-    }
-    return ::testing::AssertionFailure() << "only " << entries_.size() << " entries";
+    return added_.wait_for(lock, kHang, [&] { return entries_.size() >= count; });
   }
   [[nodiscard]] std::vector<std::string> Entries() const {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -54,27 +49,19 @@ class FakeMediaSrc : public lum::MediaSrc {
 
   [[nodiscard]] double Progress() const override { return 0; }
   bool Prepare() override {
-    Note("prepare");
+    Note("prepare", nullptr);
     return prepares;
   }
-  void Start() override {
-    Note("start");
-    if (on_start) on_start();
-  }
+  void Start() override { Note("start", on_start); }
   void Interrupt() override {
-    Note("interrupt");
     ++interrupts;
-    if (on_interrupt) on_interrupt();
+    Note("interrupt", on_interrupt);
   }
   void Close() override {
-    Note("close");
     ++closes;
-    if (on_close) on_close();
+    Note("close", on_close);
   }
-  void Stop() override {
-    Note("stop");
-    if (on_stop) on_stop();
-  }
+  void Stop() override { Note("stop", on_stop); }
 
   // Reports; any thread.
   void End() { state_callback(MediaSrcState::kEnded, int64_t{1000}); }
@@ -93,8 +80,9 @@ class FakeMediaSrc : public lum::MediaSrc {
   std::atomic<int> closes{0};
 
  private:
-  void Note(const char* operation) {
+  void Note(const char* operation, const std::function<void()>& hook) {
     journal_->Add(std::string(operation) + ' ' + std::to_string(index));
+    if (hook) hook();
   }
 
   std::shared_ptr<Journal> journal_;

@@ -8,7 +8,6 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <string>
 #include <utility>
 
 #include "eventloop/event.h"
@@ -21,29 +20,24 @@ constexpr std::chrono::seconds kHang{60};
 
 /// Waits for something that must come.
 template <typename T>
-[[nodiscard]] ::testing::AssertionResult Arrives(const std::future<T>& future) {
-  if (future.wait_for(kHang) == std::future_status::ready) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "nothing came within " << kHang.count() << " s";
+[[nodiscard]] bool Arrives(const std::future<T>& future) {
+  return future.wait_for(kHang) == std::future_status::ready;
 }
 
 /// Runs what each event carries under "run", else what was given to it.
 class FunctionHandler : public lum::EventHandler {
  public:
   using Function = std::function<void()>;
+  static constexpr int32_t kRun = -77;
 
   explicit FunctionHandler(std::function<void(const lum::Event&)> otherwise = nullptr)
       : otherwise_(std::move(otherwise)) {}
 
   void HandleEvent(const std::shared_ptr<lum::Event>& event) override {
-    if (event->what() == kRun) {
-      Function run;
-      if (event->GetDataCopy("run", &run)) run();
-    } else if (otherwise_) {
-      otherwise_(*event);
-    }
+    Function run;
+    if (event->what() == kRun && event->GetDataCopy("run", &run)) return run();
+    if (otherwise_) otherwise_(*event);
   }
-
-  static constexpr int32_t kRun = -77;
 
  private:
   std::function<void(const lum::Event&)> otherwise_;
@@ -58,12 +52,14 @@ class TestLoop {
     dispatcher->SetName("test");
     dispatcher->Run();
   }
-  ~TestLoop() { End(); }
+  ~TestLoop() {
+    dispatcher->Stop();
+    dispatcher->Release();
+  }
   TestLoop(const TestLoop&) = delete;
   TestLoop& operator=(const TestLoop&) = delete;
 
-  void Post(int32_t what) { lum::MakeEvent(what, handler, dispatcher)->Post(); }
-  void PostDelayed(int32_t what, int32_t delay_ms) {
+  void Post(int32_t what, int32_t delay_ms = 0) {
     lum::MakeEvent(what, handler, dispatcher)->PostWithDelay(delay_ms);
   }
   /// Runs `function` on the loop, after `delay_ms`.
@@ -72,49 +68,34 @@ class TestLoop {
         ->SetData("run", function)
         ->PostWithDelay(delay_ms);
   }
-
   /// Returns once every event posted before the call, without a delay, was handled.
-  [[nodiscard]] ::testing::AssertionResult Flush() {
+  [[nodiscard]] bool Flush() {
     const auto reached = std::make_shared<std::promise<void>>();
     Run([reached] { reached->set_value(); });
     return Arrives(reached->get_future());
-  }
-
-  void End() {
-    dispatcher->Stop();
-    dispatcher->Release();
   }
 
   std::shared_ptr<lum::EventDispatcher> dispatcher;
   std::shared_ptr<FunctionHandler> handler;
 };
 
-/// Holds a loop inside a handler from construction until `Open`.
+/// Holds a loop inside a handler to the end of the scope.
 class Gate {
  public:
   explicit Gate(TestLoop& loop) {
-    loop.Run([state = state_] {
-      state->entered.set_value();
-      state->opened.get_future().wait();
+    const auto entered = std::make_shared<std::promise<void>>();
+    loop.Run([entered, opened = open_.get_future().share()] {
+      entered->set_value();
+      opened.wait();
     });
-    EXPECT_TRUE(Arrives(state_->entered.get_future()));
+    EXPECT_TRUE(Arrives(entered->get_future()));
   }
-  ~Gate() { Open(); }
+  ~Gate() { open_.set_value(); }
   Gate(const Gate&) = delete;
   Gate& operator=(const Gate&) = delete;
 
-  void Open() {
-    if (!open_) state_->opened.set_value();
-    open_ = true;
-  }
-
  private:
-  struct State {
-    std::promise<void> entered;
-    std::promise<void> opened;
-  };
-  std::shared_ptr<State> state_ = std::make_shared<State>();
-  bool open_ = false;
+  std::promise<void> open_;
 };
 
 /// Lets the clock pass a moment that something was made due at.
