@@ -103,6 +103,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Require(filter.accelerate_count() - std::min(filter.gyro_count(), filter.accelerate_count()) ==
               expected.unpaired_accelerations,
           "samples without a partner are counted");
+  const CammProcessedFilter::Tally& tally = filter.tally();
+  Require(tally.packets == static_cast<int64_t>(packets.size()), "packets are counted");
+  const size_t decoded = filter.gyro_count() + filter.accelerate_count() + filter.exposure_count() +
+                         filter.gps_count();
+  Require(tally.reread <= static_cast<int64_t>(decoded), "what was reread was decoded");
   for (const auto& [name, content] : expected.Files()) {
     std::ifstream file(Directory().path() / name, std::ios::binary);
     const Bytes written{std::istreambuf_iterator<char>(file), {}};

@@ -139,7 +139,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   pipe->AddSrc(source);
   const bool prepared = pipe->Prepare();
   const int32_t result = lum::vela::RunPipe(pipe, 1, 1.0F, kTimeLimitSeconds);
-  ExtractionProblems("memory", *source, *filter, result == 0);
+  const auto report = lum::vela::ExtractionReport("memory", *source, *filter);
+  Require(result == 0 || source->outcome() == lum::RunOutcome::kCanceled || !report.empty(),
+          "a failure is named");
   const bool decoded = source->demuxer() != nullptr && source->demuxer()->DataStream() != nullptr;
   pipe->Release();
 

@@ -1,5 +1,6 @@
 #include "camm_processed_filter.h"
 
+#include <algorithm>
 #include <boost/filesystem/path.hpp>
 #include <cerrno>
 #include <cstdio>
@@ -8,7 +9,9 @@
 #include <utility>
 
 #include "av_toolbox/time_util.h"
-#include "utils/memory_reserve.h"
+#include "process_guard.h"
+
+using lum::vela::OutputFile;
 
 namespace {
 
@@ -28,6 +31,10 @@ constexpr int kHeaderSize = 4;
 constexpr int kExposureSize = 8;
 constexpr int kVector3Size = 12;
 constexpr int kGpsSize = 56;
+
+// Of every type that the format knows, also of those that are not decoded.
+constexpr std::array<int, CammProcessedFilter::kTypes> kPayloadSizes = {
+    12, kExposureSize, kVector3Size, kVector3Size, 12, 24, kGpsSize, 12};
 
 constexpr size_t kExposureFiles = 6;
 
@@ -62,26 +69,10 @@ struct MotionOut {
 };
 static_assert(sizeof(MotionOut) == 56);
 
-// Hands records to a file many at a time: a call for each would cost more than the record.
-template <typename Record>
-class RecordWriter {
- public:
-  explicit RecordWriter(OutputFile& file) : file_(file) {}
-
-  void Add(const Record& record) {
-    batch_[count_++] = record;
-    if (count_ == batch_.size()) Flush();
-  }
-  void Flush() {
-    file_.Write(batch_.data(), count_ * sizeof(Record));
-    count_ = 0;
-  }
-
- private:
-  OutputFile& file_;
-  std::array<Record, 1024> batch_;
-  size_t count_ = 0;
-};
+bool IsDecoded(unsigned type) {
+  return type == kCammExposure || type == kCammGyro || type == kCammAcceleration ||
+         type == kCammGps;
+}
 
 int64_t MicrosecondsOf(int64_t milliseconds) { return lum::WrappingMul(milliseconds, 1000); }
 
@@ -94,14 +85,16 @@ std::string CammProcessedFilter::PathOf(const char* name) const {
 }
 
 bool CammProcessedFilter::OpenOutput(OutputFile& file, const char* name) {
-  if (file.Open(PathOf(name))) return true;
+  if (file.Open(PathOf(name), kept_file_)) return true;
   problems_.push_back({file.path(), /*created=*/false, file.error()});
   return false;
 }
 
-void CammProcessedFilter::CloseOutput(OutputFile& file) {
-  if (out_of_memory_) file.Fail(ENOMEM);
-  if (!file.Close()) problems_.push_back({file.path(), /*created=*/true, file.error()});
+// What was lost for want of memory makes a file incomplete even where all of the rest is written.
+void CammProcessedFilter::CloseOutput(OutputFile& file, bool lost) {
+  const bool written = file.Close();
+  if (written && !lost && !out_of_memory_) return;
+  problems_.push_back({file.path(), /*created=*/true, written ? ENOMEM : file.error()});
 }
 
 bool CammProcessedFilter::Open(lum::MediaInfo* /*info*/) {
@@ -112,11 +105,11 @@ bool CammProcessedFilter::Open(lum::MediaInfo* /*info*/) {
 
 bool CammProcessedFilter::Filter(lum::MediaInfo* info,
                                  const std::shared_ptr<lum::QVXPacket>& packet) {
-  ++packet_count_;
-  if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) ++corrupt_packet_count_;
+  ++tally_.packets;
+  if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) ++tally_.corrupt_packets;
   try {
     // Memory that ran out anywhere: what is left of it is for writing what there is.
-    if (MemoryReserve::Spent()) throw std::bad_alloc();
+    if (lum::vela::ProcessGuard::OutOfMemory()) throw std::bad_alloc();
     Decode(*packet, info->stream->time_base);
   } catch (const std::bad_alloc&) {
     out_of_memory_ = true;
@@ -128,7 +121,7 @@ bool CammProcessedFilter::Filter(lum::MediaInfo* info,
 void CammProcessedFilter::Decode(const lum::QVXPacket& packet, AVRational time_base) {
   // One record serves the whole packet: a GPS sample carries what motion and exposure samples
   // before it in the same packet have set.
-  GpsRecord record{};
+  lum::vela::GpsRecord record{};
   record.pts_ms = lum::Rescale(packet.pts, time_base, lum::kMilliseconds);
   record.dts_ms = packet.dts == packet.pts
                       ? record.pts_ms
@@ -136,9 +129,11 @@ void CammProcessedFilter::Decode(const lum::QVXPacket& packet, AVRational time_b
 
   const int size = packet.size;
   int pos = 0;
+  int payload_end = 0;  // of the last sample of which only the header was skipped
   // Samples of other types, and those whose payload is cut, are left behind by their header alone:
   // what follows it is read as headers again until one fits. A header needs all of its bytes.
   while (size - pos >= kHeaderSize) {
+    const bool rereading = pos < payload_end;
     FieldReader fields(packet.data + pos);
     fields.Next<uint16_t>();  // reserved
     const auto type = fields.Next<uint16_t>();
@@ -158,8 +153,10 @@ void CammProcessedFilter::Decode(const lum::QVXPacket& packet, AVRational time_b
       record.has_motion = true;
       const Vector3 value{record.x, record.y, record.z};
       if (type == kCammGyro) {
+        pair_times_.AddGyro(packet.pts);
         gyro_.push_back(value);
       } else {
+        pair_times_.AddAccelerate(packet.pts);
         accelerate_.push_back({record.pts_ms, value});
       }
       pos += kVector3Size;
@@ -177,8 +174,26 @@ void CammProcessedFilter::Decode(const lum::QVXPacket& packet, AVRational time_b
       record.speed_accuracy = fields.Next<float>();
       gps_.push_back(record);
       pos += kGpsSize;
+    } else {
+      if (!rereading) payload_end = pos + SkipPayload(type, remaining);
+      continue;
+    }
+
+    if (rereading) {
+      ++tally_.reread;
+      if (pos > payload_end) payload_end = size;  // out of step with the samples after it, too
     }
   }
+}
+
+// Counts a sample that is not decoded; returns how many bytes belong to it after its header.
+int CammProcessedFilter::SkipPayload(unsigned type, int remaining) {
+  if (type >= kTypes) {
+    ++tally_.unknown;
+    return remaining;
+  }
+  ++(IsDecoded(type) ? tally_.cut : tally_.left_out[type]);
+  return std::min(kPayloadSizes[type], remaining);
 }
 
 bool CammProcessedFilter::Close(lum::MediaInfo* /*info*/) {
@@ -190,13 +205,14 @@ bool CammProcessedFilter::Close(lum::MediaInfo* /*info*/) {
 
 void CammProcessedFilter::WriteGps() {
   if (!gps_file_.is_open()) return;
+  bool lost = false;
   try {
-    const std::string text = GpsJson(gps_);
+    const std::string text = lum::vela::GpsJson(gps_);
     gps_file_.Write(text.data(), text.size());
   } catch (const std::bad_alloc&) {
-    gps_file_.Fail(ENOMEM);  // the other files need no such text
+    lost = true;  // the other files need no such text
   }
-  CloseOutput(gps_file_);
+  CloseOutput(gps_file_, lost);
 }
 
 // Exposures are dealt out in turn over the files.
@@ -205,11 +221,11 @@ void CammProcessedFilter::WriteExposures() {
     std::array<char, 1024> name{};
     std::snprintf(name.data(), name.size(), "exposure_%d.dat", static_cast<int>(k + 1));
     if (!OpenOutput(exposure_file_, name.data())) continue;
-    RecordWriter<ExposureOut> out(exposure_file_);
     for (size_t i = k; i < exposures_.size(); i += kExposureFiles) {
-      out.Add({MicrosecondsOf(exposures_[i].pts_ms), exposures_[i].pixel_exposure_time * 1e-9});
+      const ExposureOut out{MicrosecondsOf(exposures_[i].pts_ms),
+                            exposures_[i].pixel_exposure_time * 1e-9};
+      exposure_file_.Write(&out, sizeof out);
     }
-    out.Flush();
     CloseOutput(exposure_file_);
   }
 }
@@ -218,14 +234,13 @@ void CammProcessedFilter::WriteExposures() {
 // gives the time stamp. Accelerometer values come first.
 void CammProcessedFilter::WriteMotion() {
   if (!gyro_file_.is_open()) return;
-  RecordWriter<MotionOut> out(gyro_file_);
   auto gyro = gyro_.cbegin();
   for (const AccelerateRecord& accelerate : accelerate_) {
     if (gyro == gyro_.cend()) break;
     const Vector3& a = accelerate.value;
     const Vector3& g = *gyro++;
-    out.Add({MicrosecondsOf(accelerate.pts_ms), {a[0], a[1], a[2], g[0], g[1], g[2]}});
+    const MotionOut out{MicrosecondsOf(accelerate.pts_ms), {a[0], a[1], a[2], g[0], g[1], g[2]}};
+    gyro_file_.Write(&out, sizeof out);
   }
-  out.Flush();
   CloseOutput(gyro_file_);
 }

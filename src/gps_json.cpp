@@ -5,6 +5,7 @@
 #include <cmath>
 #include <string_view>
 
+namespace lum::vela {
 namespace {
 
 constexpr int kSignificantDigits = 15;
@@ -95,3 +96,5 @@ std::string GpsJson(const std::deque<GpsRecord>& records) {
   out += "]}";
   return out;
 }
+
+}  // namespace lum::vela

@@ -6,6 +6,8 @@
 #include <deque>
 #include <string>
 
+namespace lum::vela {
+
 /// One GPS sample with what it shares with earlier samples of its packet.
 struct GpsRecord {
   int64_t pts_ms;  ///< Of the packet, as is `dts_ms`.
@@ -37,5 +39,7 @@ struct GpsRecord {
 /// Keys stand in ascending order. Floating values have 15 significant digits, ".0" where they would
 /// read as an integer, and are null where they are not finite.
 std::string GpsJson(const std::deque<GpsRecord>& records);
+
+}  // namespace lum::vela
 
 #endif  // MOTRACE_GPS_JSON_H_

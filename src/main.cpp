@@ -1,9 +1,7 @@
 // motrace source_path save_dir: extracts a video file's camera motion metadata.
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <csignal>
+#include <chrono>
+#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -15,30 +13,25 @@
 #include "editor/file_media_src.h"
 #include "editor/media_pipe.h"
 #include "extraction_report.h"
-#include "utils/allocator.h"
-#include "utils/last_words.h"
-#include "utils/memory_reserve.h"
-#include "utils/progress_line.h"
+#include "process_guard.h"
+#include "progress_line.h"
 #include "utils/vela_util.h"
 
 namespace {
 
-// Room for the thread stacks' first pages, the log and the writing of what was collected.
-constexpr size_t kReserve = size_t{4} * 1024 * 1024;
+using lum::vela::ExtractionReport;
+using lum::vela::ProcessGuard;
+using lum::vela::ProgressLine;
+using lum::vela::Quoted;
 
-// With a standard stream closed, the next file opened would take its number, and log text would end
-// up in an output file.
-void OccupyStandardDescriptors() {
-  int fd = open("/dev/null", O_RDWR);
-  while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
-  if (fd >= 0) close(fd);
-}
+constexpr std::chrono::milliseconds kProgressInterval{500};
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): it owns both for the length of the run
 bool ParseMotion(std::string source_path, std::string save_dir) {
   lum::InitFFmpeg();
   const auto source = std::make_shared<lum::FileMediaSrc>(source_path);
   const auto filter = std::make_shared<CammProcessedFilter>(std::move(save_dir));
+  filter->Keep(source_path);
   source->SetDataConsumer(filter);
   const auto pipe = std::make_shared<lum::MediaPipe>();
   pipe->AddSrc(source);
@@ -51,10 +44,11 @@ bool ParseMotion(std::string source_path, std::string save_dir) {
 
   int32_t result = 0;
   {
-    const ProgressLine progress([&source] { return source->Progress(); });
+    const ProgressLine progress(ProgressLine::IfTerminal(stderr), kProgressInterval,
+                                [&source] { return source->Progress(); });
     result = lum::vela::RunPipe(pipe, 1, 1.0F, -1);
   }
-  for (const std::string& line : ExtractionProblems(source_path, *source, *filter, result)) {
+  for (const std::string& line : ExtractionReport(source_path, *source, *filter)) {
     std::cerr << "motrace: " << line << '\n';
   }
   return result == 0;
@@ -63,23 +57,18 @@ bool ParseMotion(std::string source_path, std::string save_dir) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  OccupyStandardDescriptors();
   if (argc < 3) {
     LUM_LOG_AT(kError, lum::site::kUsage) << "usage: motrace source_path save_dir";
     return -1;
   }
-  // A log that nobody reads any more, or a file size limit, must not cost the extraction.
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
-  TuneAllocatorForPackets();
-  const MemoryReserve reserve(kReserve);
   try {
-    LastWords::Set("motrace: the extraction of '" + std::string(argv[1]) +
-                   "' was cut short: the files in '" + argv[2] + "' are not whole\n");
+    const ProcessGuard guard("motrace: the extraction of " + Quoted(argv[1]) +
+                             " was cut short: the files in " + Quoted(argv[2]) +
+                             " are not whole\n");
     ParseMotion(argv[1], argv[2]);
   } catch (const std::exception& e) {  // out of memory or of threads
-    std::cerr << "motrace: the extraction of '" << argv[1] << "' failed: " << e.what() << '\n';
+    std::cerr << "motrace: the extraction of " << Quoted(argv[1]) << " failed: " << e.what()
+              << '\n';
   }
-  LastWords::Clear();
   return 0;
 }

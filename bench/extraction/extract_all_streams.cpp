@@ -6,12 +6,12 @@
 #include "camm_processed_filter.h"
 #include "editor/file_media_src.h"
 #include "editor/media_pipe.h"
-#include "utils/allocator.h"
+#include "process_guard.h"
 #include "utils/vela_util.h"
 
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
-  TuneAllocatorForPackets();
+  const lum::vela::ProcessGuard guard("bench_extract_all_streams was cut short\n");
   lum::InitFFmpeg();
   const auto source = std::make_shared<lum::FileMediaSrc>(argv[1]);
   const auto filter = std::make_shared<CammProcessedFilter>(argv[2]);

@@ -16,9 +16,13 @@
 #include "camm_processed_filter.h"
 #include "eventloop/event_dispatcher.h"
 #include "gps_json.h"
-#include "utils/output_file.h"
+#include "output_file.h"
 
 namespace {
+
+using lum::vela::GpsJson;
+using lum::vela::GpsRecord;
+using lum::vela::OutputFile;
 
 // A directory that goes away with the benchmark.
 class ScratchDir {

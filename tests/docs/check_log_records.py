@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Compares the tables of docs/logging.md with the log statements of the sources.
 
-Every statement must have its row (place, level, first literal of its text), every row its statement.
+Every statement must have its row (place, level, first literal of its text), every row its statement;
+and the records of a run that went well are those of the log that is kept in tests/golden.
 """
 import re
 import sys
@@ -72,6 +73,18 @@ class LogRecords(unittest.TestCase):
             found = [row for row in described_checks if row[:3] == [place, condition, literal]]
             self.assertEqual(len(found), 1, f"check {place} {condition!r} {literal!r}")
         self.assertEqual(len(described_checks), len(checks), "rows without a check")
+
+    def test_a_run_that_went_well_writes_what_is_described(self):
+        kept = (root / "tests/golden/camera/log.txt").read_text().splitlines()
+        kept = {line for line in kept if line and not line.startswith("Start to parse")}
+        text = (root / "docs/logging.md").read_text(encoding="utf-8")
+        section = text.split("## Records of a run that went well")[1].split("\n## ")[0]
+        for level, place, record, meaning in re.findall(r"^\| ([A-Z]+) \| `(.*)` \| `(.*)` \| (.*) \|$", section, re.M):
+            pattern = re.escape(f"{level} {place} {record}").replace("NAME", "(PATH|pipe)")
+            found = {line for line in kept if re.fullmatch(pattern, line)}
+            self.assertEqual(bool(found), "not in motrace" not in meaning, pattern)
+            kept -= found
+        self.assertEqual(kept, set(), "records without a row")
 
     def test_every_site_is_used_and_stands_once(self):
         text = "".join(text for _, text in sources())

@@ -1,18 +1,14 @@
-#include "failing_allocator.h"
-
-#include <cstddef>
+// In a file of its own, where the static analyzer can follow the tests.
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
-namespace motrace::testing {
-
+/// While it is set, this program's `new` finds no memory for anything but small objects.
 std::atomic<bool> memory_is_out{false};
-
-}  // namespace motrace::testing
 
 void* operator new(std::size_t size) {
   constexpr std::size_t kSmall = 400;
-  void* memory = motrace::testing::memory_is_out && size >= kSmall ? nullptr : std::malloc(size);
+  void* memory = memory_is_out && size >= kSmall ? nullptr : std::malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }

@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <map>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,33 +14,31 @@
 #include "support/subprocess.h"
 #include "support/temp_dir.h"
 
-/// Running the built tool and judging what it left behind.
+/// Files to extract, running the built tool, and judging what it left behind.
 namespace motrace::testing {
 
-/// Runs `motrace arguments...`. A run that hangs or dies of a signal fails the current test.
-ProcessResult RunTool(const std::vector<std::string>& arguments,
-                      const ProcessOptions& options = {});
+/// One second of H.264 with B-frames (first decode time below zero), encoded once per process.
+const EncodedStream& SharedVideo();
+/// One second of AAC with priming, encoded once per process.
+const EncodedStream& SharedAudio();
+/// The shared streams as tracks with the usual time scales.
+Mp4Track VideoTrack();
+Mp4Track AudioTrack();
+/// A camm track of `instants` at 200 Hz, every sample a packet of its own and of a type that is
+/// read.
+Mp4Track MotionTrack(std::uint32_t timescale = 90000, int instants = 200, int hertz = 200);
+/// A camm track of one packet each, 10 ms apart.
+Mp4Track PacketTrack(const std::vector<Bytes>& packets);
 
-/// One line of standard output. The start line, which is no log record, has no level and no site.
-struct OutputLine {
-  std::string level;  ///< VERBOSE, INFO, WARNING, ERROR
-  std::string site;   ///< file:line
-  std::string text;
+/// Runs `before` ("ulimit -f 16;"), `motrace arguments...` and `after` ("2>&-") as one line of a
+/// shell. A run that hangs or dies of a signal fails the current test.
+ProcessResult RunTool(const std::vector<std::string>& arguments, const std::string& before = "",
+                      const std::string& after = "");
 
-  friend bool operator==(const OutputLine& a, const OutputLine& b) {
-    return a.level == b.level && a.site == b.site && a.text == b.text;
-  }
-  friend std::ostream& operator<<(std::ostream& out, const OutputLine& line) {
-    return out << "[" << line.level << "][" << line.site << "]" << line.text;
-  }
-};
-
-/// Takes standard output apart. Anything but log records, the start line and the line feed that
-/// ends an FFmpeg message fails the current test.
-std::vector<OutputLine> ParseOutput(const std::string& standard_output);
-
-/// The texts only.
-std::vector<std::string> Texts(const std::vector<OutputLine>& lines);
+/// The log on standard output, a line "LEVEL place text" for each record, by thread; the threads in
+/// the order in which they came. The start line and the line feed that ends an FFmpeg message count
+/// for the thread before them. Anything else fails the current test.
+std::vector<std::vector<std::string>> LogOf(const std::string& standard_output);
 
 /// Every file as expected, none missing, none besides; says which file differs, and where.
 ::testing::AssertionResult SameFiles(const std::map<std::string, Bytes>& expected,

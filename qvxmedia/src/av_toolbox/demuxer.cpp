@@ -179,6 +179,11 @@ int64_t Demuxer::MissingBytes() const {
   return size > 0 ? std::max<int64_t>(end - size, 0) : 0;
 }
 
+bool Demuxer::IsSeekable() const {
+  return format_ctx_ != nullptr && format_ctx_->pb != nullptr &&
+         (format_ctx_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
+}
+
 void Demuxer::Close() {
   if (closed_) return;
   avformat_close_input(&format_ctx_);

@@ -79,6 +79,9 @@ class Demuxer {
   /// unknown.
   [[nodiscard]] int64_t MissingBytes() const;
 
+  /// Whether the open input can be read in any order: a file can, a pipe cannot.
+  [[nodiscard]] bool IsSeekable() const;
+
   /// Frees the input. Later calls do nothing.
   void Close();
 

@@ -1,8 +1,8 @@
-#include "utils/last_words.h"
+#include "process_guard.h"
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <csignal>
 #include <new>
 #include <stdexcept>
 #include <system_error>
@@ -10,6 +10,7 @@
 
 #include "base/log_message.h"
 
+namespace lum::vela {
 namespace {
 
 constexpr const char* kWords = "the files are not whole";
@@ -17,11 +18,11 @@ constexpr const char* kWords = "the files are not whole";
 // An exception that leaves a thread is one that nobody can catch.
 template <typename Exception>
 void LeaveAThreadWith(const Exception& e) {
-  LastWords::Set(kWords);
+  const ProcessGuard guard(kWords);
   std::thread([&] { throw e; }).join();
 }
 
-TEST(LastWordsDeathTest, AProcessThatEndsEarlySaysSo) {
+TEST(ProcessGuardDeathTest, AProcessThatEndsEarlySaysSo) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto failed = testing::ExitedWithCode(1);
   EXPECT_EXIT(LeaveAThreadWith(std::bad_alloc()), failed, kWords);
@@ -30,7 +31,7 @@ TEST(LastWordsDeathTest, AProcessThatEndsEarlySaysSo) {
       failed, kWords);
   EXPECT_EXIT(
       {
-        LastWords::Set(kWords);
+        const ProcessGuard guard(kWords);
         LUM_CHECK(kWords == nullptr);
       },
       failed, kWords);
@@ -39,11 +40,27 @@ TEST(LastWordsDeathTest, AProcessThatEndsEarlySaysSo) {
               kWords);
   EXPECT_EXIT(
       {
-        LastWords::Set(kWords);
-        LastWords::Clear();
+        { const ProcessGuard guard(kWords); }
         std::exit(0);  // NOLINT(concurrency-mt-unsafe)
       },
       testing::ExitedWithCode(0), "^$");
 }
 
+// The new-handler stands in for an allocation that fails.
+TEST(ProcessGuardTest, TheReserveIsGivenUpOnceAndKnown) {
+  {
+    const ProcessGuard guard(kWords);
+    EXPECT_FALSE(ProcessGuard::OutOfMemory());
+    const std::new_handler handler = std::get_new_handler();
+    ASSERT_NE(handler, nullptr);
+    handler();
+    EXPECT_TRUE(ProcessGuard::OutOfMemory());
+    EXPECT_THROW(handler(), std::bad_alloc);
+  }
+  EXPECT_EQ(std::get_new_handler(), nullptr);
+  { const ProcessGuard again(kWords); }
+  EXPECT_FALSE(ProcessGuard::OutOfMemory());
+}
+
 }  // namespace
+}  // namespace lum::vela
