@@ -2,8 +2,8 @@
 # Extracts a video's camera motion metadata and lists what came out:
 #   scripts/extract.sh             makes a small sample video and extracts it into out/
 #   scripts/extract.sh VIDEO DIR   extracts VIDEO into DIR, which is made if need be
-# First installs the Debian packages that are missing and builds the tool. Fails when the extraction
-# was not complete.
+# First installs the Debian packages that are missing and builds the tool (build/tool). Fails when the
+# extraction was not complete.
 set -euo pipefail
 usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
 case "$#:${1:-}" in
@@ -12,16 +12,14 @@ case "$#:${1:-}" in
   *) usage >&2; exit 2 ;;
 esac
 root=$(cd "$(dirname "$0")/.." && pwd)
-bin=$root/build/release/bin
+bin=$root/build/tool/bin
 
 "$root/scripts/install-deps.sh" tool
+# In a folder of its own: the release preset builds everything, and needs more than is installed here.
 (
   cd "$root"
-  # A tree that was configured for everything stays so; a new one is configured for the tool alone.
-  [ -f build/release/build.ninja ] ||
-    cmake --preset release -DMOTRACE_BUILD_TESTS=OFF -DMOTRACE_BUILD_BENCH=OFF \
-      -DMOTRACE_BUILD_IMAGE_ENGINES=OFF >/dev/null
-  cmake --build --preset release --target motrace make_sample
+  [ -f build/tool/build.ninja ] || cmake --preset tool >/dev/null
+  cmake --build --preset tool --target motrace make_sample
 ) >&2
 
 if [ $# -eq 0 ]; then

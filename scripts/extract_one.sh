@@ -1,18 +1,46 @@
 #!/usr/bin/env bash
-# One extraction of a batch: scripts/extract_one.sh VIDEO DIR
-# Makes DIR, runs motrace, keeps its log there (motrace.log, and motrace.problems if there were any)
-# and, unlike motrace itself, fails when the extraction was not complete.
+# One extraction of a batch:
+#   extract_one.sh [--timeout SECONDS] VIDEO DIR           extracts VIDEO into DIR
+#   extract_one.sh [--timeout SECONDS] --below DIR VIDEO   into a folder of VIDEO's name below DIR
+# Makes the folder and clears what an earlier extraction left there. Keeps the log in it (motrace.log),
+# and what motrace says on standard error: motrace.notes, motrace.problems.
+# Unlike motrace itself it fails when the extraction was not complete, or was not over in time (124).
 # The tool is $MOTRACE, or the one in the PATH, or the one built here.
 set -euo pipefail
-[ $# -eq 2 ] || { echo "usage: $(basename "$0") VIDEO DIR" >&2; exit 2; }
-video=$1 dir=$2
-motrace=${MOTRACE:-$(command -v motrace || echo "$(dirname "$0")/../build/release/bin/motrace")}
-
-mkdir -p "$dir"
-"$motrace" "$video" "$dir" >"$dir/motrace.log" 2>"$dir/motrace.problems"
-if [ -s "$dir/motrace.problems" ]; then
-  cat "$dir/motrace.problems" >&2
-  exit 1
+usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
+limit=0 below=
+while [ $# -gt 0 ]; do
+  case $1 in
+    -h | --help) usage; exit 0 ;;
+    --timeout) limit=${2:-}; shift 2 || break ;;
+    --below) below=${2:-}; shift 2 || break ;;
+    *) break ;;
+  esac
+done
+if [ -n "$below" ] && [ $# -eq 1 ]; then
+  name=$1
+  # A name that leads out of the folder it starts in would lead out of DIR as well.
+  case /$name/ in */../*) name=$(realpath --canonicalize-missing --no-symlinks -- "$1") ;; esac
+  set -- "$1" "$below/${name#/}"
 fi
-rm "$dir/motrace.problems"
+[ $# -eq 2 ] && [[ $limit =~ ^[0-9]+$ ]] || { usage >&2; exit 2; }
+video=$1 dir=$2
+for motrace in "${MOTRACE:-}" "$(command -v motrace || true)" "$(dirname "$0")"/../build/{tool,release}/bin/motrace; do
+  if [ -x "$motrace" ]; then break; fi
+done
+
+mkdir -p -- "$dir"
+for name in gyro.dat exposure_{1..6}.dat gps.json motrace.{log,notes,problems}; do
+  [ "$dir/$name" -ef "$video" ] || rm -f -- "$dir/$name"
+done
+code=0
+timeout --foreground --kill-after=10 "$limit" "$motrace" "$video" "$dir" \
+  >"$dir/motrace.log" 2>"$dir/motrace.stderr" || code=$?
+[ "$code" -ne 124 ] || echo "motrace: gave '$video' up after $limit s" >>"$dir/motrace.stderr"
+cat "$dir/motrace.stderr" >&2
+grep '^motrace: note: ' "$dir/motrace.stderr" >"$dir/motrace.notes" || rm "$dir/motrace.notes"
+grep -v '^motrace: note: ' "$dir/motrace.stderr" >"$dir/motrace.problems" || rm "$dir/motrace.problems"
+rm "$dir/motrace.stderr"
+[ "$code" -eq 0 ] || exit "$code"
+[ ! -e "$dir/motrace.problems" ] || exit 1
 grep -q 'pipe run over\.\.\.$' "$dir/motrace.log" || { echo "failed, see $dir/motrace.log" >&2; exit 1; }

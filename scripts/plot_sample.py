@@ -1,26 +1,30 @@
 #!/usr/bin/python3
-"""Draws what an extraction holds: scripts/plot_sample.py [DIR [IMAGE]]
+"""Draws what an extraction holds.
 
 Without arguments the sample is made and extracted (scripts/extract.sh) and docs/sample.png drawn.
-Needs python3-matplotlib.
+Needs python3-numpy and python3-matplotlib.
 """
+import argparse
 import json
 import subprocess
 import sys
 from pathlib import Path
 
-import numpy as np
+root = Path(__file__).resolve().parents[1]
+parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+parser.add_argument("dir", nargs="?", type=Path, default=root / "out", help="what motrace wrote (%(default)s)")
+parser.add_argument("image", nargs="?", type=Path, default=root / "docs/sample.png", help="(%(default)s)")
+arguments = parser.parse_args()
+folder, image = arguments.dir, arguments.image
 
 try:
     import matplotlib
-except ImportError:
-    sys.exit("matplotlib is missing: apt-get install python3-matplotlib")
+    import numpy as np
+except ImportError as missing:
+    sys.exit(f"{missing}: apt-get install python3-numpy python3-matplotlib")
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402: after the choice of the backend
 
-root = Path(__file__).resolve().parents[1]
-folder = Path(sys.argv[1]) if len(sys.argv) > 1 else root / "out"
-image = Path(sys.argv[2]) if len(sys.argv) > 2 else root / "docs/sample.png"
 if len(sys.argv) == 1:
     subprocess.run([root / "scripts/extract.sh"], check=True)
 

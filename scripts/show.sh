@@ -2,7 +2,12 @@
 # Lists the files of an extraction: size, number of records, first record. scripts/show.sh DIR
 set -euo pipefail
 export LC_ALL=C
-dir=${1:?usage: scripts/show.sh DIR}
+case "$#:${1:-}" in
+  1:-h | 1:--help) sed -n '2s/^# //p' "$0"; exit 0 ;;
+  1:*) ;;
+  *) echo "usage: scripts/show.sh DIR" >&2; exit 2 ;;
+esac
+dir=$1
 [ -f "$dir/gyro.dat" ] || { echo "$dir holds no extraction" >&2; exit 1; }
 
 # line FILE RECORDS TEXT
