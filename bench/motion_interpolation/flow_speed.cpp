@@ -3,8 +3,8 @@
 //   flow_speed [FOLDER]
 //
 // FOLDER holds img0.pgm and img1.pgm of 1024 x 436 (other sizes are scaled to it); without it a
-// synthetic pair serves. Every figure is the median of several runs that alternate between both
-// sides; results of both sides are compared before anything is timed. Then whole calls with one
+// synthetic pair serves. Every figure is the median of several calls that alternate between both
+// sides, whose results are compared. Then whole calls with one
 // thread and two, from 512 x 218 to 8K, and where their time goes.
 
 #include <algorithm>
@@ -17,7 +17,6 @@
 #include <string>
 #include <vector>
 
-#include "../../tests/motion_interpolation/reference_flow.h"
 #include "flow_io.h"
 #include "flow_program.h"
 #include "motionInterpolation/dis_flow.h"
@@ -55,8 +54,7 @@ Images scaledTo(const Images& images, cv::Size size) {
   return scaled;
 }
 
-/// Processor time of this thread, in milliseconds: for stages on one thread it leaves out what
-/// other programs take meanwhile.
+/// Processor time of this thread, in milliseconds: it leaves out what other programs take.
 double threadMilliseconds() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -67,176 +65,18 @@ double wallMilliseconds() {
   return std::chrono::duration<double, std::milli>(Clock::now().time_since_epoch()).count();
 }
 
-/// Medians in milliseconds of functions that are run in turns, so that a slow moment of the machine
-/// meets all of them. Each runs twice in its turn and the second run counts, so that none pays for
-/// what another left in the caches.
-std::vector<double> medians(const std::vector<std::function<void()>>& functions, int rounds,
-                            double (*milliseconds)()) {
-  std::vector<std::vector<double>> times(functions.size());
-  for (int round = 0; round < rounds; ++round) {
-    for (std::size_t i = 0; i < functions.size(); ++i) {
-      functions[i]();
-      const double start = milliseconds();
-      functions[i]();
-      times[i].push_back(milliseconds() - start);
-    }
-  }
-  std::vector<double> result;
-  for (std::vector<double>& values : times) {
-    std::sort(values.begin(), values.end());
-    result.push_back(values[values.size() / 2]);
-  }
-  return result;
-}
-
-/// One scale prepared for the kernels, with the flow that search starts from.
-struct Scale {
-  Scale(const Images& images, const cv::Mat& flow) : level(images.i0, images.i1), start(flow) {
-    const int patches = lum_reference::gridSide(images.i0.cols, params) *
-                        lum_reference::gridSide(images.i0.rows, params);
-    for (cv::Mat* mat : {&sx, &sy, &xx, &yy, &xy, &x, &y}) mat->create(1, patches, CV_32F);
-    weights.create(images.i0.size(), CV_32F);
-    scratch.create(1, 5 * images.i0.cols, CV_32S);
-    u.create(images.i0.size(), CV_32F);
-    v.create(images.i0.size(), CV_32F);
-    cv::split(start, start_components);
-  }
-
-  kernels::SearchArgs args() {
-    kernels::SearchArgs a{};
-    const auto stride = [](const cv::Mat& mat) { return std::ptrdiff_t(mat.step1()); };
-    a.i0 = level.i0.ptr();
-    a.i0_stride = stride(level.i0);
-    a.i1 = level.i1.ptr();
-    a.i1_stride = stride(level.i1);
-    a.i1_ext = level.i1_ext.ptr();
-    a.i1_ext_stride = stride(level.i1_ext);
-    a.ix = level.ix.ptr<short>();
-    a.iy = level.iy.ptr<short>();
-    a.grad_stride = stride(level.ix);
-    a.ux = u.ptr<float>();
-    a.uy = v.ptr<float>();
-    a.u_stride = stride(u);
-    a.weight_sums = weights.ptr<float>();
-    a.sx = sx.ptr<float>();
-    a.sy = sy.ptr<float>();
-    a.xx = xx.ptr<float>();
-    a.yy = yy.ptr<float>();
-    a.xy = xy.ptr<float>();
-    a.x = x.ptr<float>();
-    a.y = y.ptr<float>();
-    a.w = level.i0.cols;
-    a.h = level.i0.rows;
-    a.ws = lum_reference::gridSide(a.w, params);
-    a.hs = lum_reference::gridSide(a.h, params);
-    a.patch_size = params.patch_size;
-    a.patch_stride = params.patch_stride;
-    a.border = lum_reference::kBorder;
-    a.passes = 2;
-    a.inner_iterations = params.iterations / 2;
-    a.mean_normalization = params.mean_normalization;
-    a.spatial_propagation = params.spatial_propagation;
-    return a;
-  }
-
-  void search(const kernels::Kernels& set) {
-    const kernels::SearchArgs a = args();
-    start_components[0].copyTo(u);
-    start_components[1].copyTo(v);
-    set.structureTensor(a, 0, a.hs, scratch.ptr<int>());
-    const int rows = (a.hs + 7) / 8;
-    for (int row = 0; row < a.hs; row += rows) set.search(a, row, std::min(row + rows, a.hs));
-  }
-  void densify(const kernels::Kernels& set) { set.densify(args(), 0, level.i0.rows); }
-
-  lum_reference::SearchParams params;
-  lum_reference::Level level;
-  cv::Mat start, start_components[2];
-  cv::Mat u, v, weights, scratch, sx, sy, xx, yy, xy, x, y;
-};
-
-double meanDifference(const cv::Mat& a, const cv::Mat& b) {
-  cv::Mat difference;
-  cv::absdiff(a, b, difference);
-  const cv::Scalar mean = cv::mean(difference);
-  return mean[0] + mean[1];
-}
-
-std::vector<const kernels::Kernels*> vectorKernels() {
-  std::vector<const kernels::Kernels*> sets;
-  for (const auto* set = kernels::supportedKernels(); *set != nullptr; ++set) {
-    if (*set != &kernels::kPortableKernels) sets.insert(sets.begin(), *set);
-  }
-  return sets;
-}
-
-/// Search, densification and refinement of the default finest scale, one thread.
-void compareStages(const Images& full, int rounds) {
-  cv::setNumThreads(1);
-  const cv::Size size(full.i0.cols / 4, full.i0.rows / 4);
-  Images images;
-  cv::resize(full.i0, images.i0, size, 0, 0, cv::INTER_AREA);
-  cv::resize(full.i1, images.i1, size, 0, 0, cv::INTER_AREA);
-  // What the coarser scales hand down.
-  const lum_reference::SearchParams params;
-  cv::Mat start;
-  cv::resize(lum_reference::denseFlow(images.i0, images.i1, params, 1), start, size);
-  Scale scale(images, start);
-  cv::Mat patches;
-  cv::Mat dense;
-  cv::Mat refined;
-  const lum_reference::RefineParams refine_params;
-
-  for (const kernels::Kernels* set : vectorKernels()) {
-    kernels::forceKernels(set);
-    const auto refinement = cv::optflow::lum::VariationalRefinement::create();
-    cv::Mat ru;
-    cv::Mat rv;
-    const std::vector<std::function<void()>> functions = {
-        [&] { patches = lum_reference::search(scale.level, params, start, cv::Mat()); },
-        [&] { scale.search(*set); },
-        [&] { dense = lum_reference::densify(scale.level, params, patches); },
-        [&] { scale.densify(*set); },
-        [&] {
-          refined =
-              lum_reference::Refinement(images.i0, images.i1, dense, refine_params).minimise(dense);
-        },
-        [&] {
-          scale.u.copyTo(ru);
-          scale.v.copyTo(rv);
-          refinement->refine(images.i0, images.i1, ru, rv);
-        }};
-    for (const auto& function : functions) function();
-    const auto merged = [](const cv::Mat& u, const cv::Mat& v) {
-      cv::Mat flow;
-      cv::merge(std::vector<cv::Mat>{u, v}, flow);
-      return flow;
-    };
-    const double dense_difference = meanDifference(merged(scale.u, scale.v), dense);
-    const double refined_difference = meanDifference(merged(ru, rv), refined);
-    const std::vector<double> ms = medians(functions, rounds, threadMilliseconds);
-    std::printf(
-        "%4d x %-4d %-9s search %7.2f -> %6.3f ms (%.1fx)  densify %6.2f -> %6.3f ms (%.1fx)"
-        "  both %.1fx  refine %7.2f -> %6.3f ms (%.1fx)  mean differences %.1e, %.1e px\n",
-        full.i0.cols, full.i0.rows, set->name, ms[0], ms[1], ms[0] / ms[1], ms[2], ms[3],
-        ms[2] / ms[3], (ms[0] + ms[2]) / (ms[1] + ms[3]), ms[4], ms[5], ms[4] / ms[5],
-        dense_difference, refined_difference);
-    kernels::forceKernels(nullptr);
-  }
-}
-
 /// Milliseconds spent in the kernels of the stages of one thread.
 struct StageTimes {
-  double search = 0, densification = 0, refinement = 0;
+  double search = 0, densification = 0, refinement = 0, scaling = 0;
 };
 StageTimes g_times;
 const kernels::Kernels* g_timed = nullptr;
 
 template <typename Function>
 void addTime(double& sum, const Function& function) {
-  const double start = wallMilliseconds();
+  const double start = threadMilliseconds();
   function();
-  sum += wallMilliseconds() - start;
+  sum += threadMilliseconds() - start;
 }
 
 /// The kernels of `g_timed` with a clock around each.
@@ -251,8 +91,11 @@ const kernels::Kernels kTimedKernels = {
     [](const kernels::SearchArgs& args, int begin, int end) {
       addTime(g_times.densification, [&] { g_timed->densify(args, begin, end); });
     },
+    [](const kernels::ResizeArgs& args, int begin, int end, float* scratch) {
+      addTime(g_times.scaling, [&] { g_timed->resize(args, begin, end, scratch); });
+    },
     [](const kernels::RefineArgs& args, const kernels::Band& band) {
-      addTime(g_times.refinement, [&] { g_timed->termRows(args, band); });
+      addTime(g_times.refinement, [&] { g_timed->beginRefinement(args, band); });
     },
     [](const kernels::RefineArgs& args, const kernels::Band& band, int iteration, bool last) {
       addTime(g_times.refinement, [&] { g_timed->solve(args, band, iteration, last); });
@@ -261,6 +104,48 @@ const kernels::Kernels kTimedKernels = {
 double medianOf(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   return values[values.size() / 2];
+}
+
+double meanDifference(const cv::Mat& a, const cv::Mat& b) {
+  cv::Mat difference;
+  cv::absdiff(a, b, difference);
+  const cv::Scalar mean = cv::mean(difference);
+  return mean[0] + mean[1];
+}
+
+/// The stages of whole calls on one thread, by the plain loops and by every other set in turns.
+void compareStages(const Images& images, int rounds) {
+  cv::setNumThreads(1);
+  kernels::forceKernels(&kTimedKernels);
+  for (const kernels::Kernels* const* set = kernels::supportedKernels(); *set != nullptr; ++set) {
+    if (*set == &kernels::kPlainKernels) continue;
+    const kernels::Kernels* const sides[2] = {&kernels::kPlainKernels, *set};
+    constexpr double StageTimes::*kStages[] = {&StageTimes::search, &StageTimes::densification,
+                                               &StageTimes::refinement, &StageTimes::scaling};
+    const char* const names[] = {"search", "densify", "refine", "scale"};
+    std::vector<double> times[4][2];
+    cv::Mat flows[2];
+    const auto engine = cv::optflow::lum::DISOpticalFlow::create();
+    engine->setUseInitialFlow(false);
+    for (int round = 0; round <= rounds; ++round) {
+      for (std::size_t side = 0; side < 2; ++side) {
+        g_timed = sides[side];
+        g_times = StageTimes();
+        engine->calc(images.i0, images.i1, flows[side]);
+        for (std::size_t i = 0; i < 4 && round > 0; ++i) {
+          times[i][side].push_back(g_times.*kStages[i]);
+        }
+      }
+    }
+    std::printf("%4d x %-4d %-9s", images.i0.cols, images.i0.rows, (*set)->name);
+    for (std::size_t i = 0; i < 4; ++i) {
+      const double plain = medianOf(times[i][0]);
+      const double own = medianOf(times[i][1]);
+      std::printf(" %s %.2f -> %.2f ms (%.1fx) ", names[i], plain, own, plain / own);
+    }
+    std::printf(" mean difference %.1e px\n", meanDifference(flows[0], flows[1]));
+  }
+  kernels::forceKernels(nullptr);
 }
 
 /// What `calc` does before its first patch, at the default finest scale.
@@ -296,7 +181,7 @@ void profile(const Images& images, int rounds) {
   cv::Mat warm(images.i0.size(), CV_32FC2, cv::Scalar::all(1));
   cv::Mat copy = warm.clone();
   std::vector<cv::Mat> buffers;
-  std::vector<double> pyramids, search, densification, refinement, total, faults, copies;
+  std::vector<double> pyramids, search, densification, refinement, scaling, total, faults, copies;
   for (int round = 0; round <= rounds; ++round) {
     g_times = StageTimes();
     double times[4] = {};
@@ -319,11 +204,10 @@ void profile(const Images& images, int rounds) {
     search.push_back(g_times.search);
     densification.push_back(g_times.densification);
     refinement.push_back(g_times.refinement);
+    scaling.push_back(g_times.scaling);
   }
   kernels::forceKernels(nullptr);
   const double all = medianOf(total);
-  const double rest =
-      all - medianOf(pyramids) - medianOf(search) - medianOf(densification) - medianOf(refinement);
   const double pixels = double(images.i0.total()) / 16 * 4 / 3;  // of all scales from 1/4 on
   const double output = double(images.i0.total()) * 8;
   std::printf("%4d x %-4d profile, 1 thread, %s: %.2f ms; memcpy moves %.1f GB/s\n", images.i0.cols,
@@ -336,8 +220,6 @@ void profile(const Images& images, int rounds) {
     std::snprintf(buffer, sizeof buffer, format, a, b);
     return std::string(buffer);
   };
-  // Bytes that must pass: images read; data terms written once and read in each of 5 iterations
-  // with the flow; the ring of the solver is on top and stays in the cache.
   line("pyramids, gradients", medianOf(pyramids),
        text("reads %.1f GB/s, OpenCV's", 2e-6 * double(images.i0.total()) / medianOf(pyramids), 0));
   line("search", medianOf(search),
@@ -345,9 +227,8 @@ void profile(const Images& images, int rounds) {
   line("densification", medianOf(densification),
        text("%.1f ns per pixel", 1e6 * medianOf(densification) / pixels, 0));
   line("refinement", medianOf(refinement),
-       text("%.0f ns per pixel; planes pass at %.1f GB/s", 1e6 * medianOf(refinement) / pixels,
-            pixels * 4 * (9 + 5 * (9 + 4)) * 1e-6 / medianOf(refinement)));
-  line("upscaling and output", rest,
+       text("%.0f ns per pixel", 1e6 * medianOf(refinement) / pixels, 0));
+  line("upscaling and output", medianOf(scaling),
        text("first touch of the output's pages alone %.2f ms, copying it warm %.2f ms",
             medianOf(faults), medianOf(copies)));
 }

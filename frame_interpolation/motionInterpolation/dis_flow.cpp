@@ -25,7 +25,7 @@ constexpr int kMinPixelsToShare = 1000;
 void require(bool condition, const char* text, int line) {
   if (condition) return;
   cv::error(Error::StsAssert, text, "cv::optflow::lum::DISOpticalFlowImpl::calc",
-            "frame_interpolation/motionInterpolation/dis_flow.cpp", line);
+            "frame_interpolation/motionInterpolation/dis_flow", line);
 }
 
 Size sizeAt(Size full, int scale) { return {full.width >> scale, full.height >> scale}; }
@@ -67,9 +67,8 @@ void DISOpticalFlowImpl::collectGarbage() {
        {&I0s, &I1s, &I1s_ext, &I0xs, &I0ys, &Ux, &Uy, &initial_Ux, &initial_Uy}) {
     mats->clear();
   }
-  for (Mat* mat :
-       {&Sx, &Sy, &I0xx_buf, &I0yy_buf, &I0xy_buf, &I0x_buf, &I0y_buf, &weight_sums, &column_sums,
-        &resize_columns, &resize_fractions, &resize_rows, &split_flow[0], &split_flow[1]}) {
+  for (Mat* mat : {&Sx, &Sy, &I0xx_buf, &I0yy_buf, &I0xy_buf, &I0x_buf, &I0y_buf, &weight_sums,
+                   &column_sums, &resize_columns, &resize_fractions, &resize_rows}) {
     mat->release();
   }
   for (const Ptr<VariationalRefinement>& refinement : variational_refinement) {
@@ -93,61 +92,69 @@ void DISOpticalFlowImpl::checkParameters() const {
   weight(variational_refinement_delta, "variational_refinement_delta must be finite, at least 0");
 }
 
-void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat& initial_flow,
-                                        int finest, int coarsest) {
+void DISOpticalFlowImpl::prepareLevel(int image, int level, int finest, bool has_initial) {
+  const auto at = static_cast<std::size_t>(level);
+  std::vector<Mat>& images = image == 0 ? I0s : I1s;
+  const Size size = sizeAt(images[0].size(), level);
+  if (level > 0) resize(images[at - 1], images[at], size, 0, 0, INTER_AREA);
+  if (level < finest) return;  // only passed through on the way to coarser scales
+  if (image == 0) {
+    spatialGradient(I0s[at], I0xs[at], I0ys[at], /*ksize=*/3, BORDER_REFLECT_101);
+  } else {
+    // Isolated: the caller's image may be part of a larger one, whose pixels are not its border.
+    copyMakeBorder(I1s[at], I1s_ext[at], border_size, border_size, border_size, border_size,
+                   BORDER_REPLICATE | BORDER_ISOLATED);
+  }
+  if (has_initial && level > 0) {
+    std::vector<Mat>& components = image == 0 ? initial_Ux : initial_Uy;
+    resize(components[0], components[at], size, 0, 0, INTER_LINEAR);
+    components[at].convertTo(components[at], -1, 1.0 / static_cast<double>(1 << level));
+  }
+}
+
+void DISOpticalFlowImpl::preparePyramids(const Mat& i0, const Mat& i1, const Mat& initial_flow,
+                                         int finest, int coarsest) {
   const auto scales = static_cast<std::size_t>(coarsest) + 1;
-  for (std::vector<Mat>* mats : {&I0s, &I1s, &I1s_ext, &I0xs, &I0ys, &Ux, &Uy}) {
+  for (std::vector<Mat>* mats : {&I0s, &I1s, &I1s_ext, &I0xs, &I0ys}) {
+    if (mats->size() < scales) mats->resize(scales);
+  }
+  // Only read, and given back at the end of calc.
+  I0s[0] = i0;
+  I1s[0] = i1;
+  const bool has_initial = !initial_flow.empty();
+  if (has_initial) {
+    initial_Ux.resize(std::max(initial_Ux.size(), scales));
+    initial_Uy.resize(std::max(initial_Uy.size(), scales));
+    Mat components[2] = {initial_Ux[0], initial_Uy[0]};
+    split(initial_flow, components);
+    initial_Ux[0] = components[0];
+    initial_Uy[0] = components[1];
+  }
+  // OpenCV's threads share a large level's work; the small ones of the two images go in parallel.
+  int shared = 0;
+  for (; shared <= coarsest && sizeAt(i0.size(), shared).area() > kSharedPixels; ++shared) {
+    prepareLevel(0, shared, finest, has_initial);
+    prepareLevel(1, shared, finest, has_initial);
+  }
+  ::lum::simd::ParallelFor(2, [&](int image) {
+    for (int i = shared; i <= coarsest; ++i) prepareLevel(image, i, finest, has_initial);
+  });
+}
+
+void DISOpticalFlowImpl::prepareBuffers(Size full, int finest, int coarsest) {
+  const auto scales = static_cast<std::size_t>(coarsest) + 1;
+  for (std::vector<Mat>* mats : {&Ux, &Uy}) {
     if (mats->size() < scales) mats->resize(scales);
   }
   while (variational_refinement.size() < scales) {
     variational_refinement.push_back(VariationalRefinement::create());
   }
-  const bool has_initial = !initial_flow.empty();
-  if (has_initial) {
-    initial_Ux.resize(std::max(initial_Ux.size(), scales));
-    initial_Uy.resize(std::max(initial_Uy.size(), scales));
-    split(initial_flow, split_flow);
-  }
-
-  // Only read, and given back at the end of calc.
-  I0s[0] = i0;
-  I1s[0] = i1;
-  const auto prepareLevel = [&](int image, int i) {
-    const auto at = static_cast<std::size_t>(i);
-    std::vector<Mat>& images = image == 0 ? I0s : I1s;
-    const Size size = sizeAt(i0.size(), i);
-    if (i > 0) resize(images[at - 1], images[at], size, 0, 0, INTER_AREA);
-    if (i < finest) return;  // only passed through on the way to coarser scales
-    if (image == 0) {
-      spatialGradient(I0s[at], I0xs[at], I0ys[at], /*ksize=*/3, BORDER_REFLECT_101);
-    } else {
-      // Isolated: the caller's image may be part of a larger one, whose pixels are not its border.
-      copyMakeBorder(I1s[at], I1s_ext[at], border_size, border_size, border_size, border_size,
-                     BORDER_REPLICATE | BORDER_ISOLATED);
-    }
-    if (has_initial) {
-      resize(split_flow[image], (image == 0 ? initial_Ux : initial_Uy)[at], size, 0, 0,
-             INTER_LINEAR);
-      Mat& component = (image == 0 ? initial_Ux : initial_Uy)[at];
-      component.convertTo(component, -1, 1.0 / static_cast<double>(1 << i));
-    }
-  };
-  // OpenCV's threads share a large level's work; the small ones of the two images go in parallel.
-  int level = 0;
-  for (; level <= coarsest && sizeAt(i0.size(), level).area() > kSharedPixels; ++level) {
-    prepareLevel(0, level);
-    prepareLevel(1, level);
-  }
-  ::lum::simd::ParallelFor(2, [&](int image) {
-    for (int i = level; i <= coarsest; ++i) prepareLevel(image, i);
-  });
   for (int i = finest; i <= coarsest; ++i) {
     const auto at = static_cast<std::size_t>(i);
-    const Size size = sizeAt(i0.size(), i);
-    Ux[at].create(size, CV_32FC1);
-    Uy[at].create(size, CV_32FC1);
-    adviseHugePages(Ux[at]);
-    adviseHugePages(Uy[at]);
+    for (Mat* component : {&Ux[at], &Uy[at]}) {
+      component->create(sizeAt(full, i), CV_32FC1);
+      adviseHugePages(*component);
+    }
     VariationalRefinement& refinement = *variational_refinement[at];
     refinement.setAlpha(variational_refinement_alpha);
     refinement.setDelta(variational_refinement_delta);
@@ -155,7 +162,7 @@ void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat&
     refinement.setIterations(variational_refinement_iter);
   }
 
-  const Size finest_size = sizeAt(i0.size(), finest);
+  const Size finest_size = sizeAt(full, finest);
   const int patches = gridSide(finest_size.width, patch_size, patch_stride) *
                       gridSide(finest_size.height, patch_size, patch_stride);
   for (Mat* mat : {&Sx, &Sy, &I0xx_buf, &I0yy_buf, &I0xy_buf, &I0x_buf, &I0y_buf}) {
@@ -163,9 +170,9 @@ void DISOpticalFlowImpl::prepareBuffers(const Mat& i0, const Mat& i1, const Mat&
   }
   weight_sums.create(finest_size, CV_32FC1);
   column_sums.create(searchStripes(), 5 * finest_size.width, CV_32SC1);
-  resize_columns.create(1, i0.cols, CV_32SC1);
-  resize_fractions.create(1, i0.cols, CV_32FC1);
-  resize_rows.create(4 * std::max(getNumThreads(), 1), 2 * i0.cols, CV_32FC1);
+  resize_columns.create(1, full.width, CV_32SC1);
+  resize_fractions.create(1, full.width, CV_32FC1);
+  resize_rows.create(std::max(getNumThreads(), 1), 4 * full.width, CV_32FC1);
 }
 
 void DISOpticalFlowImpl::setScale(int scale) {
@@ -260,19 +267,12 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
   const Mat i0 = I0.getMat();
   const Mat i1 = I1.getMat();
   const bool use_initial_flow =
-      !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
+      getUseInitialFlow() && !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
   const Mat initial_flow = use_initial_flow ? flow.getMat() : Mat();
+  const int finest = chooseScales(full);
 
-  // Truncated after adding a half, as the scales are defined.
-  const double levels = std::log((2 * i0.cols) / (4.0 * patch_size)) / std::log(2.0);
-  coarsest_scale = static_cast<int>(std::trunc(levels + 0.5)) - 1;
-  // The formula looks at the width only: levels that the height does not reach have no pixels, and
-  // an image narrower than two patches still has its full resolution.
-  coarsest_scale = std::max(coarsest_scale, 0);
-  while (coarsest_scale > 0 && (i0.rows >> coarsest_scale) == 0) --coarsest_scale;
-  const int finest = std::min(finest_scale, coarsest_scale);
-
-  prepareBuffers(i0, i1, initial_flow, finest, coarsest_scale);
+  preparePyramids(i0, i1, initial_flow, finest, coarsest_scale);
+  prepareBuffers(full, finest, coarsest_scale);
   const auto top = static_cast<std::size_t>(coarsest_scale);
   Ux[top].setTo(0);
   Uy[top].setTo(0);
@@ -291,9 +291,7 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
       }
     }
     if (i > finest) {
-      const Mat from[2] = {Ux[at], Uy[at]};
-      Mat to[2] = {Ux[at - 1], Uy[at - 1]};
-      resizeFlow(from, 2.0F, to, 2);
+      resizeFlow(i, 2.0F, {Ux[at - 1], Uy[at - 1]});
     }
   }
   I0s[0].release();
@@ -301,91 +299,84 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
 
   if (any_patch) {
     writeFlow(finest, i0.size(), flow);
-  } else if (!use_initial_flow) {
+  } else if (use_initial_flow) {
+    Mat out = flow.getMat();
+    patchNaNs(out);
+  } else {
     flow.create(i0.size(), CV_32FC2);
     flow.setTo(Scalar::all(0));
   }
 }
 
-void DISOpticalFlowImpl::writeFlow(int finest, Size size, InputOutputArray flow) {
-  const auto at = static_cast<std::size_t>(finest);
-  const Mat components[2] = {Ux[at], Uy[at]};
-  flow.create(size, CV_32FC2);
-  Mat out = flow.getMat();
-  adviseHugePages(out);
-  resizeFlow(components, static_cast<float>(1 << finest), &out, 1);
+/// Sets `coarsest_scale` and returns the finest scale to be processed.
+int DISOpticalFlowImpl::chooseScales(Size full) {
+  // Truncated after adding a half, as the scales are defined.
+  const double levels = std::log((2 * full.width) / (4.0 * patch_size)) / std::log(2.0);
+  coarsest_scale = static_cast<int>(std::trunc(levels + 0.5)) - 1;
+  // The formula looks at the width only: levels that the height does not reach have no pixels, and
+  // an image narrower than two patches still has its full resolution.
+  coarsest_scale = std::max(coarsest_scale, 0);
+  while (coarsest_scale > 0 && (full.height >> coarsest_scale) == 0) --coarsest_scale;
+  int finest = std::min(finest_scale, coarsest_scale);
+  const auto holdsPatch = [&](int scale) {
+    const Size size = sizeAt(full, scale);
+    return std::min(size.width, size.height) >= patch_size;
+  };
+  while (finest > 0 && !holdsPatch(finest)) --finest;
+  return finest;
 }
 
-void DISOpticalFlowImpl::resizeFlow(const Mat (&components)[2], float factor, Mat* outs,
-                                    int planes) {
-  const int channels = 2 / planes;
-  const Size from = components[0].size();
+void DISOpticalFlowImpl::writeFlow(int finest, Size size, InputOutputArray flow) {
+  const uchar* const before = flow.empty() ? nullptr : flow.getMat().data;
+  flow.create(size, CV_32FC2);
+  const Mat out = flow.getMat();
+  if (out.data != before) adviseHugePages(out);  // memory of the caller's is none of ours
+  resizeFlow(finest, static_cast<float>(1 << finest), {out});
+}
+
+void DISOpticalFlowImpl::resizeFlow(int scale, float factor, const std::vector<Mat>& outs) {
+  const auto at = static_cast<std::size_t>(scale);
+  const Size from = Ux[at].size();
   const Size to = outs[0].size();
-  const int length = to.width * channels;
-  const auto scale = [](int source, int target) {
-    return 1.0 / (static_cast<double>(target) / source);
-  };
-
-  // Where a column lies between two of the source.
-  const double scale_x = scale(from.width, to.width);
-  int* const columns = resize_columns.ptr<int>();
-  float* const fractions = resize_fractions.ptr<float>();
-  for (int x = 0; x < to.width; ++x) {
-    const float position = static_cast<float>((x + 0.5) * scale_x - 0.5);
-    const int column = cvFloor(position);
-    const bool between = column >= 0 && column < from.width - 1;
-    columns[x] = std::min(std::max(column, 0), from.width - 1);
-    fractions[x] = between ? position - static_cast<float>(column) : 0.0F;
+  kernels::ResizeArgs args{};
+  args.source_height = from.height;
+  args.factor = factor;
+  args.width = to.width;
+  args.columns = resize_columns.ptr<int>();
+  args.fractions = resize_fractions.ptr<float>();
+  args.scale_y = 1.0 / (static_cast<double>(to.height) / from.height);
+  Mat components[2] = {Ux[at], Uy[at]};
+  for (std::size_t i = 0; i < 2; ++i) {
+    // Two columns are read at a time.
+    if (from.width == 1) copyMakeBorder(components[i], components[i], 0, 0, 0, 1, BORDER_REPLICATE);
+    args.source[i] = components[i].ptr<float>();
+    args.source_stride[i] = static_cast<std::ptrdiff_t>(components[i].step1());
+    if (i < outs.size()) {
+      args.out[i] = const_cast<float*>(outs[i].ptr<float>());
+      args.out_stride[i] = static_cast<std::ptrdiff_t>(outs[i].step1());
+    }
   }
-
-  const double scale_y = scale(from.height, to.height);
+  findColumns(from.width, to.width);
   const auto most =
       static_cast<int>(std::max<std::size_t>(outs[0].total() / kMinPixelsPerStripe, 1));
-  const int stripes = std::max(std::min(getNumThreads(), most), 1);
-  const int rows = (to.height + stripes - 1) / stripes;
-  ::lum::simd::ParallelFor(planes * stripes, [&](int task) {
-    const int plane = task / stripes;
-    const int begin = std::min(task % stripes * rows, to.height);
-    const int end = std::min(begin + rows, to.height);
-    // The last two source rows, interpolated along x.
-    float* held[2] = {resize_rows.ptr<float>(2 * task), resize_rows.ptr<float>(2 * task + 1)};
-    int held_row[2] = {-1, -1};
-    const auto fill = [&](int slot, int row) {
-      held_row[slot] = row;
-      for (int c = 0; c < channels; ++c) {
-        const float* source = components[plane + c].ptr<float>(row);
-        float* target = held[slot] + c;
-        for (std::ptrdiff_t x = 0; x < to.width; ++x) {
-          const int left = columns[x];
-          const int right = std::min(left + 1, from.width - 1);
-          target[x * channels] =
-              source[left] * (1.0F - fractions[x]) + source[right] * fractions[x];
-        }
-      }
-    };
-    for (int y = begin; y < end; ++y) {
-      const float position = static_cast<float>((y + 0.5) * scale_y - 0.5);
-      const int row = cvFloor(position);
-      const float fraction = position - static_cast<float>(row);
-      const int above = std::min(std::max(row, 0), from.height - 1);
-      const int below = std::min(std::max(row + 1, 0), from.height - 1);
-      if (held_row[1] == above) {
-        std::swap(held[0], held[1]);
-        std::swap(held_row[0], held_row[1]);
-      }
-      if (held_row[0] != above) fill(0, above);
-      if (held_row[1] != below) fill(1, below);
-      // The factor is a power of two: the same wherever it is applied.
-      const float weight_above = (1.0F - fraction) * factor;
-      const float weight_below = fraction * factor;
-      const float* const first = held[0];
-      const float* const second = held[1];
-      auto* const target = outs[plane].ptr<float>(y);
-      for (int i = 0; i < length; ++i) {
-        target[i] = first[i] * weight_above + second[i] * weight_below;
-      }
-    }
-  });
+  const kernels::Kernels& table = kernels::activeKernels();
+  forStripes(to.height, std::max(std::min(getNumThreads(), most), 1), /*shared=*/true,
+             [&](int begin, int end, int stripe) {
+               table.resize(args, begin, end, resize_rows.ptr<float>(stripe));
+             });
+}
+
+/// For each column of a row scaled to `to` columns: the left one of the two that it lies between,
+/// and the fraction of the right one.
+void DISOpticalFlowImpl::findColumns(int from, int to) {
+  const double scale = 1.0 / (static_cast<double>(to) / from);
+  int* const columns = resize_columns.ptr<int>();
+  float* const fractions = resize_fractions.ptr<float>();
+  for (int x = 0; x < to; ++x) {
+    const auto position = static_cast<float>((x + 0.5) * scale - 0.5);
+    columns[x] = std::min(std::max(cvFloor(position), 0), std::max(from - 2, 0));
+    fractions[x] = std::min(std::max(position - static_cast<float>(columns[x]), 0.0F), 1.0F);
+  }
 }
 
 }  // namespace cv::optflow::lum

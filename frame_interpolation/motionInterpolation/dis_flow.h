@@ -26,7 +26,8 @@ struct SearchArgs;
 class DISOpticalFlow : public DenseOpticalFlow {
  public:
   /// Finest pyramid level that is processed; 0 is the full resolution, level i has the image's size
-  /// divided by 2^i. Where the image has fewer levels, its coarsest one is used. At least 0.
+  /// divided by 2^i. Where that level holds no patch, the finest one below it that does is used. At
+  /// least 0.
   virtual int getFinestScale() const = 0;
   virtual void setFinestScale(int value) = 0;
 
@@ -42,11 +43,11 @@ class DISOpticalFlow : public DenseOpticalFlow {
   virtual int getGradientDescentIterations() const = 0;
   virtual void setGradientDescentIterations(int value) = 0;
 
-  /// Outer iterations of the variational refinement per scale: at least 0; 0 switches it off.
+  /// Iterations of the variational refinement per scale: at least 0; 0 switches it off.
   virtual int getVariationalRefinementIterations() const = 0;
   virtual void setVariationalRefinementIterations(int value) = 0;
 
-  /// Weight of the smoothness term: at least 0.
+  /// Weight of the smoothness term: at least 0. Only the ratios of the three weights count.
   virtual float getVariationalRefinementAlpha() const = 0;
   virtual void setVariationalRefinementAlpha(float value) = 0;
 
@@ -66,8 +67,17 @@ class DISOpticalFlow : public DenseOpticalFlow {
   virtual bool getUseSpatialPropagation() const = 0;
   virtual void setUseSpatialPropagation(bool value) = 0;
 
+  /// Whether a flow of the right size and type that `calc` is given serves as an initial flow; on
+  /// by default. Switched off, it is only memory to be written: calls on frame after frame then
+  /// reuse one matrix, whose first touch would cost a fifth of a call on large frames.
+  bool getUseInitialFlow() const { return use_initial_flow_; }
+  void setUseInitialFlow(bool value) { use_initial_flow_ = value; }
+
   /// A new engine with the default parameters.
   static Ptr<DISOpticalFlow> create();
+
+ private:
+  bool use_initial_flow_ = true;
 };
 
 /// The engine behind `DISOpticalFlow::create()`.
@@ -115,16 +125,20 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
 
  private:
   void checkParameters() const;
-  void prepareBuffers(const Mat& i0, const Mat& i1, const Mat& initial_flow, int finest,
-                      int coarsest);
+  int chooseScales(Size full);
+  void preparePyramids(const Mat& i0, const Mat& i1, const Mat& initial_flow, int finest,
+                       int coarsest);
+  void prepareLevel(int image, int level, int finest, bool has_initial);
+  void prepareBuffers(Size full, int finest, int coarsest);
   void setScale(int scale);
   kernels::SearchArgs searchArgs(int scale, bool use_initial_flow);
   int searchStripes() const;
   void searchPatches(const kernels::SearchArgs& args);
   void densify(const kernels::SearchArgs& args);
-  /// Fills `outs` with the components times `factor`, interpolated bilinearly: two planes of one
-  /// channel, or one of two.
-  void resizeFlow(const Mat (&components)[2], float factor, Mat* outs, int planes);
+  /// Fills `outs` with the scale's flow times `factor`, interpolated bilinearly: two planes of one
+  /// component each, or one of both.
+  void resizeFlow(int scale, float factor, const std::vector<Mat>& outs);
+  void findColumns(int from, int to);
   void writeFlow(int finest, Size size, InputOutputArray flow);
 
   int finest_scale = 2;
@@ -155,7 +169,6 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
   Mat weight_sums;                                    // per pixel of the current scale
   Mat column_sums;                                    // scratch of the structure tensor
   Mat resize_columns, resize_fractions, resize_rows;  // scratch of resizeFlow
-  Mat split_flow[2];  // components of the initial flow, full resolution
 
   std::vector<Ptr<VariationalRefinement>> variational_refinement;
 };

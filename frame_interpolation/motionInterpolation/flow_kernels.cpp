@@ -12,7 +12,7 @@ namespace {
       {&kAvx2Kernels, ::lum::simd::HasAvx2},
 #endif
       {&kBaselineKernels, nullptr},
-      {&kPortableKernels, nullptr},
+      {&kPlainKernels, nullptr},
   });
   return all;
 }

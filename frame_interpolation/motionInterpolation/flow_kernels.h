@@ -45,10 +45,33 @@ struct SearchArgs {
   bool mean_normalization, spatial_propagation;
 };
 
-constexpr int kPad = 16;  // floats before, and at least as many behind, each row of the refinement
+/// Doubled sizes of one flow, or its last step to the size of the image.
+struct ResizeArgs {
+  const float* source[2];  // u, v
+  std::ptrdiff_t source_stride[2];
+  int source_height;
+  float factor;
 
-/// Planes whose rows are kept whole, and the rows of their ring: a power of two, see `termRows`.
-constexpr int kNaturalPlanes = 5;
+  int width;               // of the result
+  const int* columns;      // per column of the result: the left one of the two it lies between
+  const float* fractions;  // and how far towards the right one
+  double scale_y;          // rows of the source per row of the result
+
+  float* out[2];  // u, v; or, without the second one, both in turns
+  std::ptrdiff_t out_stride[2];
+};
+
+// What the refinement minimises; see variational_refinement.h.
+constexpr float kSmoothEpsilonSquared = 0.001F * 0.001F;
+constexpr float kDataEpsilonSquared = 0.3F * 0.3F;
+constexpr float kZetaSquared = 4.0F;
+constexpr float kLeastEdge = 0.05F;
+constexpr float kEdgeRange = 80.0F;  // grey levels
+
+constexpr int kPad = 16;  // floats before, and at least as many after, each row of the refinement
+
+/// Planes whose rows are kept whole, and the rows of their ring: a power of two, see `prepareRow`.
+constexpr int kNaturalPlanes = 6;
 constexpr int kNaturalRows = 8;
 
 /// The other planes are split into red (x + y even) and black pixels, so that a vector holds pixels
@@ -56,9 +79,8 @@ constexpr int kNaturalRows = 8;
 /// 1). All half rows of image row y lie together, plane by plane, colour by colour.
 enum FlowPlane { kFlowU, kFlowV };
 constexpr int kFlowHalves = 2 * 2;
-constexpr int kTerms = 3 * 3;  // a, b, c of the residuals r_i = c_i + a_i u + b_i v
-constexpr int kTermHalves = 2 * kTerms;
-constexpr int kSolverHalves = 2 * (3 + 5);  // u and v of the halo, robust weights, systems
+constexpr int kSolverHalves = 2 * (3 + 9);  // u and v of the halo, robust weights, systems
+constexpr int kRowHalves = 2 * (5 + 3);     // data terms; edges to the right and downwards
 
 struct RefineArgs {
   int w, h;
@@ -71,23 +93,25 @@ struct RefineArgs {
   float* v;
   std::ptrdiff_t u_stride, v_stride;
 
-  const std::uint8_t* second;  // the second image; three bytes behind each row, and row h, are read
+  const std::uint8_t* second;  // the second image, repeated one pixel before and two after
   std::ptrdiff_t second_stride;
-  float* terms;    // kTermHalves half rows per row
-  float* flow[2];  // kFlowHalves per row; rows -1 and h exist. Read and written in turns.
+  float* flow[2];     // kFlowHalves per row; rows -1 and h exist. Read and written in turns.
+  double* edge_sums;  // per row: the sum of the weights of its edges to the right and downwards
 
   const float* has_left[2];  // 1 or 0 per element of a half row, by the half row's first x
   const float* has_right[2];
   const float* exists[2];  // 0 beyond the row
 
   float alpha, delta, gamma, omega;
-  int half_sweeps;  // per outer iteration
+  float pull;       // of each pixel towards the flow that the iteration begins with
+  int half_sweeps;  // per iteration
 };
 
 /// A band of rows that one task computes, and its scratch memory.
 struct Band {
   int begin, end;
   float* natural;   // a ring of kNaturalRows rows of kNaturalPlanes
+  float* row;       // kRowHalves half rows
   float* solver;    // a ring of solver_rows rows of kSolverHalves half rows
   float* zeros;     // a half row
   int solver_rows;  // a power of two, at least half_sweeps + block_steps + 2
@@ -103,18 +127,20 @@ struct Kernels {
                           std::int32_t* scratch);  // 5 * w elements
   void (*search)(const SearchArgs&, int begin_patch_row, int end_patch_row);
   void (*densify)(const SearchArgs&, int begin_row, int end_row);
+  /// Rows of the result; `scratch`: 4 * width elements.
+  void (*resize)(const ResizeArgs&, int begin_row, int end_row, float* scratch);
 
-  /// `terms` and `flow[0]` of a band, from `second`, `i0`, `u` and `v`.
-  void (*termRows)(const RefineArgs&, const Band&);
-  /// One outer iteration on a band: from `flow[iteration % 2]` into the other one, after the last
+  /// `flow[0]` and `edge_sums` of a band, from `u`, `v` and `i0`.
+  void (*beginRefinement)(const RefineArgs&, const Band&);
+  /// One iteration on a band: from `flow[iteration % 2]` into the other one, after the last
   /// iteration also into `u` and `v`.
   void (*solve)(const RefineArgs&, const Band&, int iteration, bool last);
 };
 
-extern const Kernels kPortableKernels;  // plain C++
+extern const Kernels kPlainKernels;     // a plain loop per rule: what the others are compared with
 extern const Kernels kBaselineKernels;  // what the compiler's target has: SSE2, NEON, ...
 extern const Kernels kAvx2Kernels;      // AVX2 with FMA; these two only on x86
-extern const Kernels kAvx512Kernels;    // refinement for AVX-512 F, CD, BW, DQ, VL; else as AVX2
+extern const Kernels kAvx512Kernels;    // refinement for AVX-512 F, CD, BW, DQ, VL; rest as AVX2
 
 /// The set used by all objects: the widest that the processor has and OpenCV has not switched off,
 /// or the one that was forced.

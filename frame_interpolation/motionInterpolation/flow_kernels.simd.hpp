@@ -9,6 +9,8 @@ namespace {
 constexpr int kLanes = v_float32::nlanes;
 static_assert(kLanes <= kPad, "rows are padded for one vector on each side");
 
+constexpr int kMaxPatch = 16;  // side
+
 // Own versions of the standard library's: see flow_kernels.h on shared inline functions.
 inline int minOf(int a, int b) { return a < b ? a : b; }
 inline int maxOf(int a, int b) { return a > b ? a : b; }
@@ -38,12 +40,15 @@ void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* s
 void search(const SearchArgs& args, int begin, int end) { kAvx2Kernels.search(args, begin, end); }
 void densify(const SearchArgs& args, int begin, int end) { kAvx2Kernels.densify(args, begin, end); }
 #else
+#include "densify_kernels.simd.hpp"
 #include "search_kernels.simd.hpp"
 #endif
 #include "refinement_kernels.simd.hpp"
+#include "resize_kernels.simd.hpp"
 
 }  // namespace
 
-const Kernels LUM_KERNELS = {LUM_KERNELS_NAME, structureTensor, search, densify, termRows, solve};
+const Kernels LUM_KERNELS = {LUM_KERNELS_NAME, structureTensor, search, densify,
+                             resize,           beginRefinement, solve};
 
 }  // namespace cv::optflow::lum::kernels

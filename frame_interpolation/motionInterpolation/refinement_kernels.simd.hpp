@@ -1,18 +1,9 @@
 // Variational refinement: a part of flow_kernels.simd.hpp.
 
-// ---------------------------------------------------------------- variational refinement
-
 constexpr std::ptrdiff_t kVector = kLanes;  // as an offset
 
-constexpr float kEpsilonSquared = 0.001F * 0.001F;
-constexpr float kZetaSquared = 0.01F;
-/// A constancy term whose own solution lies farther away, in pixels, is left out: the images are
-/// not linear over such a distance, so the term says nothing there. Occluded and mismatched areas
-/// would otherwise be thrown far off by their few flat pixels.
-constexpr float kLinearRange = 1.5F;
-/// Pull of each pixel's system towards the current flow: it keeps a pixel without data and
-/// smoothness solvable, and is too weak to be seen elsewhere.
-constexpr float kProximal = 1e-6F;
+/// Pixels of a flow beyond which it is no place of any image.
+constexpr float kFarthestFlow = 1e9F;
 
 /// Repeats a row's first and last value in two elements beside it, for the five-point derivative.
 inline void extendRow(float* row, int w) {
@@ -20,10 +11,10 @@ inline void extendRow(float* row, int w) {
   row[w] = row[w + 1] = row[w - 1];
 }
 
-// The data terms. Rows of what they are made from live in a ring that stays in the cache: the
-// derivatives of a row need two rows on either side, and theirs two more.
+// The data terms of a row. What they are made from lives in a ring of rows that stays in the cache:
+// the derivatives of a row need two rows on either side, and theirs two more.
 
-enum NaturalPlane { kMean, kDiff, kInside, kMeanX, kMeanY };
+enum NaturalPlane { kFirst, kMean, kDiff, kInside, kMeanX, kMeanY };
 
 inline float* naturalRow(const RefineArgs& args, const Band& band, NaturalPlane plane, int y) {
   const int slot = (y % kNaturalRows) * kNaturalPlanes + plane;
@@ -37,9 +28,15 @@ inline float* halfRow(float* rows, const RefineArgs& args, int halves, int y, in
 inline float* flowRow(const RefineArgs& args, int buffer, int y, FlowPlane plane, int colour) {
   return halfRow(args.flow[buffer], args, kFlowHalves, y, 2 * plane + colour);
 }
-/// The data terms of a row, vector by vector: a_0, b_0, c_0, a_1 ... of `kLanes` pixels.
-inline float* termRow(const RefineArgs& args, int y, int colour) {
-  return halfRow(args.terms, args, kTermHalves, y, kTerms * colour);
+
+/// Half rows of `Band::row`, each for even and for odd x: the data term's part of the systems; the
+/// weights of the edges to the right; those of the edges downwards, of two rows in turns.
+enum RowPlane { kA11, kA12, kA22, kB1, kB2, kEdgeRight, kEdgeDown };
+inline float* rowPlane(const RefineArgs& args, const Band& band, int plane, int odd) {
+  return band.row + (2 * plane + odd) * args.half_stride;
+}
+inline float* edgesDown(const RefineArgs& args, const Band& band, int y, int odd) {
+  return rowPlane(args, band, kEdgeDown + (y & 1), odd);
 }
 
 inline int firstX(int y, int colour) { return (y + colour) & 1; }
@@ -47,13 +44,15 @@ inline int firstX(int y, int colour) { return (y + colour) & 1; }
 /// Elements of a half row that are computed: all pixels of either colour.
 inline int halfCount(const RefineArgs& args) { return (args.w + 1) / 2; }
 
-/// Zeros beside the row: what an earlier call left there may not be a number.
+/// What is not a place counts as no motion. Zeros beside the row: what an earlier call left there
+/// may not be a number.
 void splitRow(const float* row, float* even, float* odd, int w) {
+  const auto placed = [](float value) { return absOf(value) <= kFarthestFlow ? value : 0.0F; };
   for (std::ptrdiff_t k = 0; k < w / 2; ++k) {
-    even[k] = row[2 * k];
-    odd[k] = row[2 * k + 1];
+    even[k] = placed(row[2 * k]);
+    odd[k] = placed(row[2 * k + 1]);
   }
-  if (w % 2 != 0) even[w / 2] = row[w - 1];
+  if (w % 2 != 0) even[w / 2] = placed(row[w - 1]);
   const int end = (w + 1) / 2 + kLanes;
   for (int k = (w + 1) / 2; k < end; ++k) even[k] = 0.0F;
   for (int k = w / 2; k < end; ++k) odd[k] = 0.0F;
@@ -67,61 +66,171 @@ void mergeRow(const float* even, const float* odd, float* row, int w) {
   if (w % 2 != 0) row[w - 1] = even[w / 2];
 }
 
-void warpRow(const RefineArgs& args, const Band& band, int y) {
-  const v_float32 zero = vx_setzero_f32();
-  const v_float32 one = vx_setall_f32(1.0F);
-  const v_float32 half = vx_setall_f32(0.5F);
-  const v_float32 high_x = vx_setall_f32(static_cast<float>(args.w - 1));
-  const v_float32 high_y = vx_setall_f32(static_cast<float>(args.h - 1));
-  const v_int32 stride = vx_setall_s32(static_cast<int>(args.second_stride));
-  const v_uint32 low_byte = vx_setall_u32(0xFF);
-  alignas(64) float ramp[kLanes];
-  for (int i = 0; i < kLanes; ++i) ramp[i] = static_cast<float>(i);
-  const v_float32 lane = vx_load(ramp);
+/// Splits two vectors of neighbours into those of even and of odd x.
+inline void split(const v_float32& low, const v_float32& high, v_float32 (&halves)[2]) {
+  alignas(64) float both[2 * kLanes];
+  v_store(both, low);
+  v_store(both + kLanes, high);
+  v_load_deinterleave(both, halves[0], halves[1]);
+}
 
-  const std::uint8_t* i0 = args.i0 + y * args.i0_stride;
-  float* mean = naturalRow(args, band, kMean, y);
-  float* diff = naturalRow(args, band, kDiff, y);
-  float* inside = naturalRow(args, band, kInside, y);
-  // Padded copies: vectors may run past the row.
-  float* u = naturalRow(args, band, kMeanX, y);
-  float* v = naturalRow(args, band, kMeanY, y);
-  for (int x = 0; x < args.w; ++x) {
-    mean[x] = i0[x];
-    u[x] = args.u[y * args.u_stride + x];
-    v[x] = args.v[y * args.v_stride + x];
+/// The weight of the edge between two pixels, by their step of grey: 1 without one, falling like
+/// exp(-step / 10), which (1 - step / 80)^8 is but for 0.03.
+inline v_float32 edgeWeight(const v_float32& a, const v_float32& b) {
+  const v_float32 rest =
+      v_max(v_fma(v_abs(a - b), vx_setall_f32(-1.0F / kEdgeRange), vx_setall_f32(1.0F)),
+            vx_setzero_f32());
+  const v_float32 square = rest * rest;
+  const v_float32 fourth = square * square;
+  return v_fma(fourth * fourth, vx_setall_f32(1.0F - kLeastEdge), vx_setall_f32(kLeastEdge));
+}
+inline float edgeWeight(int a, int b) {
+  const float rest = 1.0F - absOf(static_cast<float>(a - b)) / kEdgeRange;
+  const float square = rest > 0.0F ? rest * rest : 0.0F;
+  return kLeastEdge + (1.0F - kLeastEdge) * (square * square) * (square * square);
+}
+
+double edgeSum(const std::uint8_t* from, const std::uint8_t* to, int count) {
+  v_float32 sums = vx_setzero_f32();
+  int x = 0;
+  for (; x <= count - kLanes; x += kLanes) {
+    sums += edgeWeight(loadFloats(from + x), loadFloats(to + x));
   }
-  const v_float32 vy = vx_setall_f32(static_cast<float>(y));
-  for (int x = 0; x < args.w; x += kLanes) {
-    const v_float32 px = vx_setall_f32(static_cast<float>(x)) + lane + vx_load(u + x);
-    const v_float32 py = vy + vx_load(v + x);
-    const v_float32 within = (px >= zero) & (px <= high_x) & (py >= zero) & (py <= high_y);
+  double sum = v_reduce_sum(sums);
+  for (; x < count; ++x) sum += edgeWeight(from[x], to[x]);
+  return sum;
+}
+
+void beginRefinement(const RefineArgs& args, const Band& band) {
+  for (int y = band.begin; y < band.end; ++y) {
+    const int even = y & 1;
+    splitRow(args.u + y * args.u_stride, flowRow(args, 0, y, kFlowU, even),
+             flowRow(args, 0, y, kFlowU, 1 - even), args.w);
+    splitRow(args.v + y * args.v_stride, flowRow(args, 0, y, kFlowV, even),
+             flowRow(args, 0, y, kFlowV, 1 - even), args.w);
+    const std::uint8_t* const i0 = args.i0 + y * args.i0_stride;
+    args.edge_sums[y] = edgeSum(i0, i0 + 1, args.w - 1) +
+                        (y + 1 < args.h ? edgeSum(i0, i0 + args.i0_stride, args.w) : 0.0);
+  }
+}
+
+/// Weights of the four samples around a position, `t` behind the second: the cubic through them of
+/// Keys, "Cubic Convolution Interpolation for Digital Image Processing", 1981.
+struct CubicWeights {
+  explicit CubicWeights(const v_float32& t) {
+    const v_float32 half = vx_setall_f32(0.5F);
+    const v_float32 one = vx_setall_f32(1.0F);
+    const v_float32 square = t * t;
+    w[0] = t * (t * (one - half * t) - half);
+    w[1] = v_fma(square, v_fma(t, vx_setall_f32(1.5F), vx_setall_f32(-2.5F)), one);
+    w[3] = square * (half * t - half);
+    w[2] = one - w[0] - w[1] - w[3];
+  }
+  v_float32 w[4];
+};
+
+/// A vector of positions in the second image.
+struct Positions {
+  Positions(const RefineArgs& args, const v_float32& px, const v_float32& py) {
+    const v_float32 zero = vx_setzero_f32();
+    const v_float32 high_x = vx_setall_f32(static_cast<float>(args.w - 1));
+    const v_float32 high_y = vx_setall_f32(static_cast<float>(args.h - 1));
+    inside = (px >= zero) & (px <= high_x) & (py >= zero) & (py <= high_y);
     // Selected, not v_max: what is not a number must become an index too.
     const v_float32 cx = v_min(v_select(px >= zero, px, zero), high_x);
     const v_float32 cy = v_min(v_select(py >= zero, py, zero), high_y);
     const v_int32 xi = v_trunc(cx);
     const v_int32 yi = v_trunc(cy);
-    const v_float32 dx = cx - v_cvt_f32(xi);
-    const v_float32 dy = cy - v_cvt_f32(yi);
-    alignas(64) int index[kLanes];
-    v_store(index, yi * stride + xi);
-    // Four bytes from each index on: the pixel and its right neighbour are the low ones.
-    const auto between = [&](const std::uint8_t* rows) {
-      const v_uint32 bytes = v_reinterpret_as_u32(vx_lut_quads(rows, index));
-      const v_float32 left = v_cvt_f32(v_reinterpret_as_s32(bytes & low_byte));
-      const v_float32 right = v_cvt_f32(v_reinterpret_as_s32((bytes >> 8) & low_byte));
-      return lerp(left, right, dx);
-    };
-    const v_float32 warped =
-        lerp(between(args.second), between(args.second + args.second_stride), dy);
-    const v_float32 first = vx_load(mean + x);
-    v_store(mean + x, half * (first + warped));
-    v_store(diff + x, warped - first);
-    v_store(inside + x, within & one);
+    dx = cx - v_cvt_f32(xi);
+    dy = cy - v_cvt_f32(yi);
+    v_store(index, yi * vx_setall_s32(static_cast<int>(args.second_stride)) + xi);
+  }
+  v_float32 inside, dx, dy;
+  alignas(64) int index[kLanes];
+};
+
+inline v_float32 sampled(const RefineArgs& args, const Positions& at) {
+  const v_uint32 low_byte = vx_setall_u32(0xFF);
+  const CubicWeights across(at.dx);
+  const CubicWeights down(at.dy);
+  v_float32 sum = vx_setzero_f32();
+  for (int row = 0; row < 4; ++row) {
+    // The four bytes from each index on are the four samples in a row.
+    const v_uint32 bytes =
+        v_reinterpret_as_u32(vx_lut_quads(args.second + row * args.second_stride, at.index));
+    const auto sample = [&](const v_uint32& byte) { return v_cvt_f32(v_reinterpret_as_s32(byte)); };
+    v_float32 between = across.w[0] * sample(bytes & low_byte);
+    between = v_fma(across.w[1], sample((bytes >> 8) & low_byte), between);
+    between = v_fma(across.w[2], sample((bytes >> 16) & low_byte), between);
+    between = v_fma(across.w[3], sample(bytes >> 24), between);
+    sum = v_fma(down.w[row], between, sum);
+  }
+  return sum;
+}
+
+void warpRow(const RefineArgs& args, const Band& band, int from, int y) {
+  const v_float32 one = vx_setall_f32(1.0F);
+  const v_float32 half = vx_setall_f32(0.5F);
+  alignas(64) float ramp[kLanes];
+  for (int i = 0; i < kLanes; ++i) ramp[i] = static_cast<float>(i);
+  const v_float32 lane = vx_load(ramp);
+  const v_float32 vy = vx_setall_f32(static_cast<float>(y));
+
+  const std::uint8_t* const i0 = args.i0 + y * args.i0_stride;
+  float* const first = naturalRow(args, band, kFirst, y);
+  float* const mean = naturalRow(args, band, kMean, y);
+  float* const diff = naturalRow(args, band, kDiff, y);
+  float* const inside = naturalRow(args, band, kInside, y);
+  for (int x = 0; x < args.w; ++x) first[x] = i0[x];
+  // The flow, in rows that are filled later.
+  float* const flow[2] = {naturalRow(args, band, kMeanX, y), naturalRow(args, band, kMeanY, y)};
+  const int even = y & 1;
+  for (const FlowPlane plane : {kFlowU, kFlowV}) {
+    mergeRow(flowRow(args, from, y, plane, even), flowRow(args, from, y, plane, 1 - even),
+             flow[plane], args.w);
+  }
+  for (int x = 0; x < args.w; x += kLanes) {
+    const Positions at(args, vx_setall_f32(static_cast<float>(x)) + lane + vx_load(flow[0] + x),
+                       vy + vx_load(flow[1] + x));
+    const v_float32 warped = sampled(args, at);
+    const v_float32 own = vx_load(first + x);
+    v_store(mean + x, half * (own + warped));
+    v_store(diff + x, warped - own);
+    v_store(inside + x, at.inside & one);
   }
   for (int x = args.w; x < args.w + 2 * kPad; ++x) inside[x] = 0.0F;
   extendRow(mean, args.w);
   extendRow(diff, args.w);
+}
+
+/// Weights of a row's edges to the right and downwards; 0 where there is none.
+void edgeRow(const RefineArgs& args, const Band& band, int y) {
+  const float* const own = naturalRow(args, band, kFirst, y);
+  const float* const below = naturalRow(args, band, kFirst, minOf(y + 1, args.h - 1));
+  const v_float32 last = vx_setall_f32(static_cast<float>(args.w - 1));
+  const v_float32 has_below = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
+  alignas(64) float ramp[kLanes];
+  for (int i = 0; i < kLanes; ++i) ramp[i] = static_cast<float>(i);
+  const v_float32 lane = vx_load(ramp);
+  float* const right[2] = {rowPlane(args, band, kEdgeRight, 0),
+                           rowPlane(args, band, kEdgeRight, 1)};
+  float* const down[2] = {edgesDown(args, band, y, 0), edgesDown(args, band, y, 1)};
+  for (std::ptrdiff_t k = 0; k < halfCount(args); k += kLanes) {
+    v_float32 to_right[2];
+    v_float32 downwards[2];
+    for (int i = 0; i < 2; ++i) {
+      const std::ptrdiff_t x = 2 * k + i * kVector;
+      const v_float32 grey = vx_load(own + x);
+      const v_float32 has_right = vx_setall_f32(static_cast<float>(x)) + lane < last;
+      to_right[i] = edgeWeight(grey, vx_load(own + x + 1)) & has_right;
+      downwards[i] = edgeWeight(grey, vx_load(below + x)) * has_below;
+    }
+    v_float32 halves[2];
+    split(to_right[0], to_right[1], halves);
+    for (int odd = 0; odd < 2; ++odd) v_store(right[odd] + k, halves[odd]);
+    split(downwards[0], downwards[1], halves);
+    for (int odd = 0; odd < 2; ++odd) v_store(down[odd] + k, halves[odd]);
+  }
 }
 
 /// (-1, 8, 0, -8, 1) / 12, the fourth-order central difference, from the two neighbours on each
@@ -163,9 +272,9 @@ void firstDerivatives(const RefineArgs& args, const Band& band, int y) {
   extendRow(mean_y, args.w);
 }
 
-/// The normalised terms of `kLanes` pixels in a row: r_i = c_i + a_i du + b_i dv.
-struct DataVectors {
-  v_float32 a[3], b[3], c[3];
+/// The data term's part of the systems of `kLanes` pixels in a row: A (du, dv) = b.
+struct DataSystem {
+  v_float32 values[5];  // in the order of RowPlane
 };
 
 struct DataRows {
@@ -184,125 +293,98 @@ struct DataRows {
   RowsAround around_x, around_y, around_diff;
 };
 
-inline DataVectors dataVectors(const DataRows& rows, std::ptrdiff_t x) {
+inline DataSystem dataSystem(const RefineArgs& args, const DataRows& rows, std::ptrdiff_t x) {
   const v_float32 zeta = vx_setall_f32(kZetaSquared);
-  const v_float32 inside = vx_load(rows.inside + x);
-  const v_float32 ix = vx_load(rows.mean_x + x);
-  const v_float32 iy = vx_load(rows.mean_y + x);
-  const v_float32 ixx = derivativeX(rows.mean_x + x);
-  const v_float32 ixy = rows.around_x.derivativeY(x);
-  const v_float32 iyy = rows.around_y.derivativeY(x);
-  const v_float32 mixed = ixy * ixy;
-  const v_float32 roots[3] = {v_sqrt(v_fma(ix, ix, v_fma(iy, iy, zeta))),
-                              v_sqrt(v_fma(ixx, ixx, mixed + zeta)),
-                              v_sqrt(v_fma(iyy, iyy, mixed + zeta))};
-  // Inverse roots with one division.
-  const v_float32 gradient_roots = roots[1] * roots[2];
-  const v_float32 inverse = inside / (roots[0] * gradient_roots);
-  const v_float32 rest = roots[0] * inverse;
-  const v_float32 scale[3] = {gradient_roots * inverse, roots[2] * rest, roots[1] * rest};
-  DataVectors out;
-  out.a[0] = scale[0] * ix;
-  out.b[0] = scale[0] * iy;
-  out.c[0] = scale[0] * vx_load(rows.diff + x);
-  out.a[1] = scale[1] * ixx;
-  out.b[1] = scale[1] * ixy;
-  out.c[1] = scale[1] * derivativeX(rows.diff + x);
-  out.a[2] = scale[2] * ixy;
-  out.b[2] = scale[2] * iyy;
-  out.c[2] = scale[2] * rows.around_diff.derivativeY(x);
-  // Each c is now the distance, in pixels, to the motion that the term alone asks for.
-  const v_float32 one = vx_setall_f32(1.0F);
+  const v_float32 epsilon = vx_setall_f32(kDataEpsilonSquared);
+  // Of the colour, and of the gradient along x and y: derivatives along x and y, and difference.
+  const v_float32 mixed = rows.around_x.derivativeY(x);
+  const v_float32 terms[3][3] = {
+      {vx_load(rows.mean_x + x), vx_load(rows.mean_y + x), vx_load(rows.diff + x)},
+      {derivativeX(rows.mean_x + x), mixed, derivativeX(rows.diff + x)},
+      {mixed, rows.around_y.derivativeY(x), rows.around_diff.derivativeY(x)}};
+  v_float32 norms[3];
   for (int i = 0; i < 3; ++i) {
-    const v_float32 near = (v_abs(out.c[i]) <= vx_setall_f32(kLinearRange)) & one;
-    out.a[i] *= near;
-    out.b[i] *= near;
-    out.c[i] *= near;
+    const v_float32* const t = terms[i];
+    norms[i] = v_fma(t[0], t[0], v_fma(t[1], t[1], v_fma(t[2], t[2], zeta)));
+  }
+  // Three quotients, and then two, with one division each.
+  const v_float32 gradient_norms = norms[1] * norms[2];
+  const v_float32 inverse = vx_load(rows.inside + x) / (norms[0] * gradient_norms);
+  const v_float32 rest = norms[0] * inverse;
+  const v_float32 scales[3] = {gradient_norms * inverse, norms[2] * rest, norms[1] * rest};
+  const auto square = [&](int i) { return terms[i][2] * terms[i][2] * scales[i]; };
+  const v_float32 colour = v_sqrt(square(0) + epsilon);
+  const v_float32 gradient = v_sqrt(square(1) + square(2) + epsilon);
+  const v_float32 inverse_roots = vx_setall_f32(1.0F) / (colour * gradient);
+  const v_float32 colour_weight = vx_setall_f32(args.delta) * gradient * inverse_roots;
+  const v_float32 gradient_weight = vx_setall_f32(args.gamma) * colour * inverse_roots;
+
+  DataSystem out{};
+  for (v_float32& value : out.values) value = vx_setzero_f32();
+  for (int i = 0; i < 3; ++i) {
+    const v_float32* const t = terms[i];
+    const v_float32 weight = scales[i] * (i == 0 ? colour_weight : gradient_weight);
+    const v_float32 along_x = weight * t[0];
+    const v_float32 along_y = weight * t[1];
+    out.values[kA11] = v_fma(along_x, t[0], out.values[kA11]);
+    out.values[kA12] = v_fma(along_x, t[1], out.values[kA12]);
+    out.values[kA22] = v_fma(along_y, t[1], out.values[kA22]);
+    out.values[kB1] -= along_x * t[2];
+    out.values[kB2] -= along_y * t[2];
   }
   return out;
 }
 
-void dataTerms(const RefineArgs& args, const Band& band, int y) {
-  const auto split = [](const v_float32& low, const v_float32& high, v_float32 halves[2]) {
-    alignas(64) float both[2 * kLanes];
-    v_store(both, low);
-    v_store(both + kLanes, high);
-    v_load_deinterleave(both, halves[0], halves[1]);
-  };
-  const int colours[2] = {y & 1, 1 - (y & 1)};  // of the pixels with even and with odd x
-  const float* flow_u[2];
-  const float* flow_v[2];
-  for (int odd = 0; odd < 2; ++odd) {
-    flow_u[odd] = flowRow(args, 0, y, kFlowU, colours[odd]);
-    flow_v[odd] = flowRow(args, 0, y, kFlowV, colours[odd]);
-  }
-  float* const terms[2] = {termRow(args, y, colours[0]), termRow(args, y, colours[1])};
+void dataRow(const RefineArgs& args, const Band& band, int y) {
   const DataRows rows(args, band, y);
   for (std::ptrdiff_t k = 0; k < halfCount(args); k += kLanes) {
-    const DataVectors low = dataVectors(rows, 2 * k);
-    const DataVectors high = dataVectors(rows, 2 * k + kLanes);
-    for (int i = 0; i < 3; ++i) {
-      v_float32 a[2];
-      v_float32 b[2];
-      v_float32 c[2];
-      split(low.a[i], high.a[i], a);
-      split(low.b[i], high.b[i], b);
-      split(low.c[i], high.c[i], c);
-      for (int odd = 0; odd < 2; ++odd) {
-        // In terms of the whole flow instead of its increment.
-        const v_float32 u = vx_load(flow_u[odd] + k);
-        const v_float32 v = vx_load(flow_v[odd] + k);
-        float* const out = terms[odd] + kTerms * k + 3 * kVector * i;
-        v_store(out, a[odd]);
-        v_store(out + kLanes, b[odd]);
-        v_store(out + 2 * kVector, c[odd] - a[odd] * u - b[odd] * v);
-      }
+    const DataSystem low = dataSystem(args, rows, 2 * k);
+    const DataSystem high = dataSystem(args, rows, 2 * k + kLanes);
+    for (int plane = kA11; plane <= kB2; ++plane) {
+      v_float32 halves[2];
+      split(low.values[plane], high.values[plane], halves);
+      for (int odd = 0; odd < 2; ++odd) v_store(rowPlane(args, band, plane, odd) + k, halves[odd]);
     }
   }
 }
 
-void termRows(const RefineArgs& args, const Band& band) {
-  constexpr int kReach = 2;  // of one derivative, in rows
-  const int first = maxOf(band.begin - 2 * kReach, 0);
-  const int last = minOf(band.end + 2 * kReach, args.h);
-  for (int step = first; step < band.end + 2 * kReach; ++step) {
-    if (step < last) warpRow(args, band, step);
-    const int derived = step - kReach;
-    if (derived >= maxOf(band.begin - kReach, 0) && derived < minOf(band.end + kReach, args.h)) {
+constexpr int kReach = 2;  // of one derivative, in rows
+
+/// Fills `Band::row` for row y. Rows are asked for one after the other; `first` is the first one.
+void prepareRow(const RefineArgs& args, const Band& band, int from, int first, int y) {
+  // The rows below need one new row each, the first one all around it.
+  for (int row = y == first ? maxOf(y - 2 * kReach, 0) : y + 2 * kReach; row <= y + 2 * kReach;
+       ++row) {
+    if (row < args.h) warpRow(args, band, from, row);
+    const int derived = row - kReach;
+    if (derived >= maxOf(first - kReach, 0) && derived < args.h) {
       firstDerivatives(args, band, derived);
     }
-    const int y = step - 2 * kReach;
-    if (y < band.begin) continue;
-    const int even = y & 1;
-    splitRow(args.u + y * args.u_stride, flowRow(args, 0, y, kFlowU, even),
-             flowRow(args, 0, y, kFlowU, 1 - even), args.w);
-    splitRow(args.v + y * args.v_stride, flowRow(args, 0, y, kFlowV, even),
-             flowRow(args, 0, y, kFlowV, 1 - even), args.w);
-    dataTerms(args, band, y);
   }
+  if (y == first && y > 0) edgeRow(args, band, y - 1);
+  edgeRow(args, band, y);
+  dataRow(args, band, y);
 }
 
-// One outer iteration. Systems are built shortly before their first half sweep and live in a ring
-// of rows until their last one: they never leave the cache.
+// One iteration. Systems are built shortly before their first half sweep and live in a ring of rows
+// until their last one: they never leave the cache.
 
 /// Half rows of the ring. The unknowns of the halo are here, those of the band in `flow`. A system
 /// lies together vector by vector, in the order of SystemValue.
 enum SolverPlane { kHaloU, kHaloV, kRobust, kSystem };
 /// A pixel's linear system M (b + sum of weight * neighbour): M b, and M, which is omega times the
-/// inverse of the 2 x 2 matrix. The weight of an edge is the sum of the robust weights of its ends.
-enum SystemValue { kC1, kC2, kM11, kM12, kM22, kSystemValues };
+/// inverse of the 2 x 2 matrix; and the weights of its edges, 0 where there is none.
+enum SystemValue { kC1, kC2, kM11, kM12, kM22, kLeft, kRight, kUp, kDown, kSystemValues };
 static_assert(kSolverHalves == 2 * (kSystem + kSystemValues), "");
 
-/// Unknowns and robust weights of `kLanes` pixels.
+/// Unknowns of `kLanes` pixels.
 struct Pixels {
-  v_float32 u, v, robust;
+  v_float32 u, v;
 };
 
 /// A half row of them. v lies equally far behind u in all.
 struct PixelRow {
-  Pixels at(std::ptrdiff_t k) const {
-    return {vx_load(u + k), vx_load(u + v_distance + k), vx_load(robust + k)};
-  }
+  Pixels at(std::ptrdiff_t k) const { return {vx_load(u + k), vx_load(u + v_distance + k)}; }
   void put(std::ptrdiff_t k, const Pixels& pixels) const {
     v_store(u + k, pixels.u);
     v_store(u + v_distance + k, pixels.v);
@@ -312,7 +394,7 @@ struct PixelRow {
   float* robust;
 };
 
-/// Rows of an outer iteration that reads `flow[from]` and ends in the other one.
+/// Rows of an iteration that reads `flow[from]` and ends in the other one.
 struct SolverRows {
   float* ring(SolverPlane plane, int colour, int y) const {
     // Above and below the image: zeros.
@@ -339,7 +421,7 @@ struct SolverRows {
 /// Robust weights of the smoothness term, times alpha / 2.
 void smoothnessRow(const SolverRows& rows, int y) {
   const RefineArgs& args = rows.args;
-  const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
+  const v_float32 epsilon = vx_setall_f32(kSmoothEpsilonSquared);
   const v_float32 half = vx_setall_f32(0.5F);
   const v_float32 half_alpha = vx_setall_f32(0.5F * args.alpha);
   const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
@@ -376,126 +458,104 @@ void smoothnessRow(const SolverRows& rows, int y) {
 
 /// A pixel's system.
 struct System {
-  v_float32 c1, c2, m11, m12, m22;
+  v_float32 values[kSystemValues];
 };
 
 inline System loadSystem(const float* at) {
-  const auto value = [&](SystemValue which) { return vx_load(at + which * kVector); };
-  return {value(kC1), value(kC2), value(kM11), value(kM12), value(kM22)};
+  System system{};
+  for (int i = 0; i < kSystemValues; ++i) system.values[i] = vx_load(at + i * kVector);
+  return system;
 }
 
-/// One step of over-relaxation. Edges across the border need no mask: zeros lie beyond it.
+/// One step of over-relaxation.
 inline Pixels relaxed(const System& system, const v_float32& keep, const Pixels& own,
                       const Pixels& left, const Pixels& right, const Pixels& up,
                       const Pixels& down) {
-  const Pixels* const neighbours[4] = {&left, &right, &up, &down};
-  v_float32 sum_u = vx_setzero_f32();
-  v_float32 sum_v = vx_setzero_f32();
-  for (const Pixels* to : neighbours) {
-    const v_float32 weight = own.robust + to->robust;
-    sum_u = v_fma(weight, to->u, sum_u);
-    sum_v = v_fma(weight, to->v, sum_v);
+  const v_float32* const s = system.values;
+  const v_float32 sum_u =
+      v_fma(s[kLeft], left.u, s[kRight] * right.u) + v_fma(s[kUp], up.u, s[kDown] * down.u);
+  const v_float32 sum_v =
+      v_fma(s[kLeft], left.v, s[kRight] * right.v) + v_fma(s[kUp], up.v, s[kDown] * down.v);
+  const v_float32 next_u = v_fma(s[kM11], sum_u, v_fma(keep, own.u, s[kC1]));
+  const v_float32 next_v = v_fma(s[kM22], sum_v, v_fma(keep, own.v, s[kC2]));
+  return {next_u - s[kM12] * sum_v, next_v - s[kM12] * sum_u};
+}
+
+/// What the systems of one colour of a row are made from.
+struct SystemSource {
+  SystemSource(const SolverRows& rows, int y, int colour)
+      : odd(firstX(y, colour)),
+        exists(rows.args.exists[odd]),
+        own(rows.given(colour, y)),
+        side(rows.given(1 - colour, y)),
+        above(rows.given(1 - colour, y - 1)),
+        below(rows.given(1 - colour, y + 1)),
+        edges{rowPlane(rows.args, rows.band, kEdgeRight, 1 - odd) - 1 + odd,
+              rowPlane(rows.args, rows.band, kEdgeRight, odd),
+              // What lies above the first row is zero, which is a weight as good as any.
+              edgesDown(rows.args, rows.band, y - 1, odd), edgesDown(rows.args, rows.band, y, odd)},
+        has_above(y > 0 ? 1.0F : 0.0F) {
+    for (int plane = kA11; plane <= kB2; ++plane) {
+      data[plane] = rowPlane(rows.args, rows.band, plane, odd);
+    }
   }
-  const v_float32 next_u = v_fma(system.m11, sum_u, v_fma(keep, own.u, system.c1));
-  const v_float32 next_v = v_fma(system.m22, sum_v, v_fma(keep, own.v, system.c2));
-  return {next_u - system.m12 * sum_v, next_v - system.m12 * sum_u, own.robust};
+  int odd;
+  const float* exists;
+  PixelRow own, side, above, below;
+  const float* edges[4];  // to the left, right, up, down
+  float has_above;
+  const float* data[5];
+};
+
+inline System systemAt(const RefineArgs& args, const SystemSource& from, const Pixels& own,
+                       std::ptrdiff_t k) {
+  const v_float32 pull = vx_setall_f32(args.pull);
+  const v_float32 robust = vx_load(from.own.robust + k);
+  const auto edge = [&](int i, const float* other) {
+    return vx_load(from.edges[i] + k) * (robust + vx_load(other));
+  };
+  System out{};
+  v_float32* const s = out.values;
+  s[kLeft] = edge(0, from.side.robust + k - 1 + from.odd);
+  s[kRight] = edge(1, from.side.robust + k + from.odd);
+  s[kUp] = edge(2, from.above.robust + k) * vx_setall_f32(from.has_above);
+  s[kDown] = edge(3, from.below.robust + k);
+  const v_float32 smooth = (s[kLeft] + s[kRight]) + (s[kUp] + s[kDown]) + pull;
+  const v_float32 a11 = vx_load(from.data[kA11] + k);
+  const v_float32 a12 = vx_load(from.data[kA12] + k);
+  const v_float32 a22 = vx_load(from.data[kA22] + k);
+  // The data term is about increments, the system about the flow.
+  const v_float32 b1 = v_fma(a11 + pull, own.u, v_fma(a12, own.v, vx_load(from.data[kB1] + k)));
+  const v_float32 b2 = v_fma(a22 + pull, own.v, v_fma(a12, own.u, vx_load(from.data[kB2] + k)));
+  // det = S^2 + S (A11 + A22) + (A11 A22 - A12^2): no cancellation against S, and the last
+  // term is not negative but for rounding. Nothing beside the row may change: it is read.
+  const v_float32 data_det = v_max(a11 * a22 - a12 * a12, vx_setzero_f32());
+  const v_float32 inverse = vx_load(from.exists + k) * vx_setall_f32(args.omega) /
+                            v_fma(smooth, smooth + (a11 + a22), data_det);
+  s[kM11] = (a22 + smooth) * inverse;
+  s[kM12] = a12 * inverse;
+  s[kM22] = (a11 + smooth) * inverse;
+  s[kC1] = s[kM11] * b1 - s[kM12] * b2;
+  s[kC2] = s[kM22] * b2 - s[kM12] * b1;
+  return out;
 }
 
 /// The linear systems of a row, and the first half sweep of its red pixels, whose neighbours are
 /// still as the iteration found them.
 void systemRow(const SolverRows& rows, int y) {
   const RefineArgs& args = rows.args;
-  const v_float32 epsilon = vx_setall_f32(kEpsilonSquared);
-  const v_float32 omega = vx_setall_f32(args.omega);
   const v_float32 keep = vx_setall_f32(1.0F - args.omega);
-  const v_float32 delta = vx_setall_f32(args.delta);
-  const v_float32 gamma = vx_setall_f32(args.gamma);
-  const v_float32 proximal = vx_setall_f32(kProximal);
-  const v_float32 zero = vx_setzero_f32();
-  const v_float32 has_up = vx_setall_f32(y > 0 ? 1.0F : 0.0F);
-  const v_float32 has_down = vx_setall_f32(y + 1 < args.h ? 1.0F : 0.0F);
   for (int colour = 0; colour < 2; ++colour) {
-    const int odd = firstX(y, colour);
-    const PixelRow own_row = rows.given(colour, y);
-    const PixelRow side = rows.given(1 - colour, y);
-    const PixelRow above = rows.given(1 - colour, y - 1);
-    const PixelRow below = rows.given(1 - colour, y + 1);
+    const SystemSource from(rows, y, colour);
     const PixelRow out_row = rows.current(colour, y);
-    const float* const terms = termRow(args, y, colour);
-    float* const systems = rows.ring(kSystem, colour, y);
-
-    /// The inverse robust weights of the data terms, without delta and gamma.
-    struct Roots {
-      v_float32 colour, gradient;
-    };
-    const auto rootsAt = [&](std::ptrdiff_t k) {
-      const v_float32 u = vx_load(own_row.u + k);
-      const v_float32 v = vx_load(own_row.u + own_row.v_distance + k);
-      const float* const term = terms + kTerms * k;
-      v_float32 residual[3];
-      for (int i = 0; i < 3; ++i) {
-        const float* const abc = term + 3 * kVector * i;
-        residual[i] =
-            v_fma(vx_load(abc), u, v_fma(vx_load(abc + kLanes), v, vx_load(abc + 2 * kVector)));
-      }
-      return Roots{
-          v_sqrt(v_fma(residual[0], residual[0], epsilon)),
-          v_sqrt(v_fma(residual[1], residual[1], v_fma(residual[2], residual[2], epsilon)))};
-    };
-    // One vector ahead of their use, as roots take long.
-    Roots next_roots = rootsAt(0);
-    for (std::ptrdiff_t k = 0; k < halfCount(args); k += kLanes) {
-      const Roots roots = next_roots;
-      next_roots = rootsAt(k + kLanes);
-      const Pixels own = own_row.at(k);
-      const Pixels left = side.at(k - 1 + odd);
-      const Pixels right = side.at(k + odd);
-      const Pixels up = above.at(k);
-      const Pixels down = below.at(k);
-      // The whole system is scaled by both roots, which saves the divisions by each.
-      const v_float32 scale = roots.colour * roots.gradient;
-      const v_float32 pull = proximal * scale;
-      const v_float32 smooth =
-          v_fma((vx_load(args.has_left[odd] + k) * (own.robust + left.robust) +
-                 vx_load(args.has_right[odd] + k) * (own.robust + right.robust)) +
-                    (has_up * (own.robust + up.robust) + has_down * (own.robust + down.robust)),
-                scale, pull);
-      v_float32 a11 = zero;
-      v_float32 a12 = zero;
-      v_float32 a22 = zero;
-      v_float32 b1 = pull * own.u;
-      v_float32 b2 = pull * own.v;
-      for (int i = 0; i < 3; ++i) {
-        const float* const term = terms + kTerms * k + 3 * kVector * i;
-        const v_float32 a = vx_load(term);
-        const v_float32 b = vx_load(term + kLanes);
-        const v_float32 c = vx_load(term + 2 * kVector);
-        const v_float32 weight = i == 0 ? delta * roots.gradient : gamma * roots.colour;
-        const v_float32 wa = weight * a;
-        const v_float32 wb = weight * b;
-        a11 = v_fma(wa, a, a11);
-        a12 = v_fma(wa, b, a12);
-        a22 = v_fma(wb, b, a22);
-        b1 -= wa * c;
-        b2 -= wb * c;
-      }
-      // det = S^2 + S (A11 + A22) + (A11 A22 - A12^2): no cancellation against S, and the last
-      // term is not negative but for rounding. Nothing beside the row may change: it is read.
-      const v_float32 data_det = v_max(a11 * a22 - a12 * a12, zero);
-      const v_float32 inverse =
-          vx_load(args.exists[odd] + k) * omega / v_fma(smooth, smooth + (a11 + a22), data_det);
-      const v_float32 m11 = (a22 + smooth) * inverse;
-      const v_float32 m12 = a12 * inverse;
-      const v_float32 m22 = (a11 + smooth) * inverse;
-      const System system{m11 * b1 - m12 * b2, m22 * b2 - m12 * b1, m11 * scale, m12 * scale,
-                          m22 * scale};
-      float* const out = systems + kSystemValues * k;
-      v_store(out + kC1 * kVector, system.c1);
-      v_store(out + kC2 * kVector, system.c2);
-      v_store(out + kM11 * kVector, system.m11);
-      v_store(out + kM12 * kVector, system.m12);
-      v_store(out + kM22 * kVector, system.m22);
-      if (colour == 0) out_row.put(k, relaxed(system, keep, own, left, right, up, down));
+    float* out = rows.ring(kSystem, colour, y);
+    for (std::ptrdiff_t k = 0; k < halfCount(args); k += kLanes, out += kSystemValues * kVector) {
+      const Pixels own = from.own.at(k);
+      const System system = systemAt(args, from, own, k);
+      for (int i = 0; i < kSystemValues; ++i) v_store(out + i * kVector, system.values[i]);
+      if (colour != 0) continue;
+      out_row.put(k, relaxed(system, keep, own, from.side.at(k - 1 + from.odd),
+                             from.side.at(k + from.odd), from.above.at(k), from.below.at(k)));
     }
   }
 }
@@ -572,6 +632,7 @@ void solve(const RefineArgs& args, const Band& band, int iteration, bool last) {
   for (int block = first; block < steps_end; block += band.block_steps) {
     const int block_end = minOf(block + band.block_steps, steps_end);
     for (int y = block; y < minOf(block_end, end); ++y) {
+      prepareRow(args, band, rows.from, first, y);
       if (y + 1 < args.h) smoothnessRow(rows, y + 1);
       systemRow(rows, y);
     }

@@ -1,6 +1,4 @@
-// Structure tensor, patch search and densification: a part of flow_kernels.simd.hpp.
-
-// ---------------------------------------------------------------- structure tensor
+// Structure tensor and patch inverse search: a part of flow_kernels.simd.hpp.
 
 void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* scratch) {
   const int w = args.w;
@@ -56,9 +54,6 @@ void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* s
   }
 }
 
-// ---------------------------------------------------------------- patch inverse search
-
-constexpr int kMaxPatch = 16;
 constexpr float kFarthest = 1e9F;  // pixels of a flow that search looks at
 constexpr int kBlock = 8;          // columns of a patch that are taken at a time
 /// Rows of `kBlock` pixels in one vector of 16-bit elements.
@@ -402,12 +397,71 @@ class PatchMatcher {
   std::int16_t mask_[kFull ? 1 : kMaxPatch * kMaxPatch] = {};
 };
 
+/// Where a pass goes, and what of it lies behind.
+struct Visit {
+  int is, js;       // row and column of the patch
+  int step;         // 1 or -1
+  bool has_beside;  // whether the patch before it in the row was visited in this pass
+  bool has_row;     // likewise in the column
+};
+
+template <bool kFull>
+void searchPatch(const SearchArgs& args, int pass, const Visit& visit,
+                 PatchMatcher<kFull>& matcher) {
+  const int half = args.patch_size / 2;
+  const int left = visit.js * args.patch_stride;
+  const int top = visit.is * args.patch_stride;
+  const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(visit.is) * args.ws + visit.js;
+  matcher.setPatch(left, top, at);
+  const std::ptrdiff_t centre = (top + half) * args.u_stride + left + half;
+  float u = pass == 0 ? args.ux[centre] : args.sx[at];
+  float v = pass == 0 ? args.uy[centre] : args.sy[at];
+
+  // Candidates. One that equals the current flow cannot be strictly better, so neither is measured
+  // before two different ones meet.
+  float best = -1.0F;
+  const auto tryFlow = [&](float other_u, float other_v) {
+    if (other_u == u && other_v == v) return;
+    // An initial flow may hold anything; what is not a place would go round as one.
+    if (!(absOf(other_u) <= kFarthest && absOf(other_v) <= kFarthest)) return;
+    if (best < 0.0F) {
+      best = matcher.error(u, v);
+      // Rounding may take a normalised error of zero below it.
+      best = best > 0.0F ? best : 0.0F;
+      matcher.keep();
+    }
+    const float error = matcher.error(other_u, other_v);
+    if (error < best) {
+      best = error > 0.0F ? error : 0.0F;
+      matcher.keep();
+      u = other_u;
+      v = other_v;
+    }
+  };
+  if (args.initial_ux != nullptr) {
+    const std::ptrdiff_t place = (top + half) * args.initial_stride + left + half;
+    tryFlow(args.initial_ux[place], args.initial_uy[place]);
+  }
+  if (args.spatial_propagation) {
+    if (visit.has_beside) tryFlow(args.sx[at - visit.step], args.sy[at - visit.step]);
+    const std::ptrdiff_t other = at - static_cast<std::ptrdiff_t>(visit.step) * args.ws;
+    if (visit.has_row) tryFlow(args.sx[other], args.sy[other]);
+  }
+
+  const float start_u = u;
+  const float start_v = v;
+  matcher.descend(u, v, args.inner_iterations);
+  const float moved_u = u - start_u;
+  const float moved_v = v - start_v;
+  const float reach = static_cast<float>(args.patch_size) * static_cast<float>(args.patch_size);
+  const bool within = moved_u * moved_u + moved_v * moved_v <= reach;
+  args.sx[at] = within ? u : start_u;
+  args.sy[at] = within ? v : start_v;
+}
+
 template <bool kFull>
 void searchStripe(const SearchArgs& args, int begin, int end) {
   PatchMatcher<kFull> matcher(args);
-  const int half = args.patch_size / 2;
-  const float reach = static_cast<float>(args.patch_size) * static_cast<float>(args.patch_size);
-
   for (int pass = 0; pass < args.passes; ++pass) {
     const bool forward = pass % 2 == 0;
     const int step = forward ? 1 : -1;
@@ -415,63 +469,7 @@ void searchStripe(const SearchArgs& args, int begin, int end) {
     const int first_column = forward ? 0 : args.ws - 1;
     for (int is = first_row; is >= begin && is < end; is += step) {
       for (int js = first_column; js >= 0 && js < args.ws; js += step) {
-        const int left = js * args.patch_stride;
-        const int top = is * args.patch_stride;
-        const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(is) * args.ws + js;
-        matcher.setPatch(left, top, at);
-
-        float u;
-        float v;
-        if (pass == 0) {
-          const std::ptrdiff_t centre = (top + half) * args.u_stride + left + half;
-          u = args.ux[centre];
-          v = args.uy[centre];
-        } else {
-          u = args.sx[at];
-          v = args.sy[at];
-        }
-
-        // Candidates. One that equals the current flow cannot be strictly better, so neither is
-        // measured before two different ones meet.
-        float best = -1.0F;
-        const auto tryFlow = [&](float other_u, float other_v) {
-          if (other_u == u && other_v == v) return;
-          // An initial flow may hold anything; what is not a place would go round as one.
-          if (!(absOf(other_u) <= kFarthest && absOf(other_v) <= kFarthest)) return;
-          if (best < 0.0F) {
-            best = matcher.error(u, v);
-            // Rounding may take a normalised error of zero below it.
-            best = best > 0.0F ? best : 0.0F;
-            matcher.keep();
-          }
-          const float error = matcher.error(other_u, other_v);
-          if (error < best) {
-            best = error > 0.0F ? error : 0.0F;
-            matcher.keep();
-            u = other_u;
-            v = other_v;
-          }
-        };
-        if (args.initial_ux != nullptr) {
-          const std::ptrdiff_t centre = (top + half) * args.initial_stride + left + half;
-          tryFlow(args.initial_ux[centre], args.initial_uy[centre]);
-        }
-        if (args.spatial_propagation) {
-          if (js != first_column) tryFlow(args.sx[at - step], args.sy[at - step]);
-          if (is != first_row) {
-            const std::ptrdiff_t other = at - static_cast<std::ptrdiff_t>(step) * args.ws;
-            tryFlow(args.sx[other], args.sy[other]);
-          }
-        }
-
-        const float start_u = u;
-        const float start_v = v;
-        matcher.descend(u, v, args.inner_iterations);
-        const float moved_u = u - start_u;
-        const float moved_v = v - start_v;
-        const bool within = moved_u * moved_u + moved_v * moved_v <= reach;
-        args.sx[at] = within ? u : start_u;
-        args.sy[at] = within ? v : start_v;
+        searchPatch(args, pass, {is, js, step, js != first_column, is != first_row}, matcher);
       }
     }
   }
@@ -482,159 +480,5 @@ void search(const SearchArgs& args, int begin, int end) {
     searchStripe<true>(args, begin, end);
   } else {
     searchStripe<false>(args, begin, end);
-  }
-}
-
-// ---------------------------------------------------------------- densification
-
-/// The patch row or column whose centre lies nearest to coordinate `x`; the lower one of two.
-inline int nearestPatch(int x, int count, int size, int stride) {
-  const int beyond = 2 * x - (size - 1) - stride;  // twice the way past the first two's middle
-  return beyond <= 0 ? 0 : minOf((beyond + 2 * stride - 1) / (2 * stride), count - 1);
-}
-
-/// Weights of a patch row of differences to the first image, added to the row's sums.
-inline void addWeighted(const v_float32& second, const std::uint8_t* i0, float u, float v,
-                        float* weights, float* sum_u, float* sum_v) {
-  const v_float32 one = vx_setall_f32(1.0F);
-  const v_float32 weight = one / v_max(v_abs(second - loadFloats(i0)), one);
-  v_store(weights, vx_load(weights) + weight);
-  v_store(sum_u, v_fma(weight, vx_setall_f32(u), vx_load(sum_u)));
-  v_store(sum_v, v_fma(weight, vx_setall_f32(v), vx_load(sum_v)));
-}
-inline void addWeighted(float second, std::uint8_t i0, float u, float v, float& weight_sum,
-                        float& sum_u, float& sum_v) {
-  const float difference = absOf(second - static_cast<float>(i0));
-  const float weight = 1.0F / (difference > 1.0F ? difference : 1.0F);
-  weight_sum += weight;
-  sum_u += weight * u;
-  sum_v += weight * v;
-}
-
-void densify(const SearchArgs& args, int begin, int end) {
-  const int w = args.w;
-  const int size = args.patch_size;
-  const int stride = args.patch_stride;
-  const float high_x = static_cast<float>(w) - 1.0F - 0.001F;
-  const float high_y = static_cast<float>(args.h) - 1.0F - 0.001F;
-
-  for (int y = begin; y < end; ++y) {
-    float* weights = args.weight_sums + static_cast<std::ptrdiff_t>(y) * w;
-    float* ux = args.ux + y * args.u_stride;
-    float* uy = args.uy + y * args.u_stride;
-    for (int x = 0; x < w; ++x) weights[x] = ux[x] = uy[x] = 0.0F;
-  }
-
-  // All pixels of a patch move alike, so going by patches makes the interpolation's weights
-  // constant. Each pixel still meets its patches row by row, left to right, whatever the stripe.
-  const int first_patch_row = maxOf(0, (begin - size + stride) / stride);
-  for (int is = first_patch_row; is < args.hs && is * stride < end; ++is) {
-    const int top = is * stride;
-    const int row_begin = maxOf(top, begin);
-    const int row_end = minOf(top + size, end);
-    for (int js = 0; js < args.ws; ++js) {
-      const int left = js * stride;
-      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(is) * args.ws + js;
-      const float u = args.sx[at];
-      const float v = args.sy[at];
-      const float x = static_cast<float>(left) + u;
-      const float y = static_cast<float>(top) + v;
-
-      // Not `>=` alone: a flow that is not a number takes the clamped path.
-      const bool inside = x >= 0.0F && y >= 0.0F && x + static_cast<float>(size - 1) <= high_x &&
-                          y + static_cast<float>(size - 1) <= high_y;
-      const int xi = inside ? static_cast<int>(x) : 0;
-      const int yi = inside ? static_cast<int>(y) : 0;
-      if (inside && xi + size <= w - 1 && yi + size <= args.h - 1) {
-        const float dx = x - static_cast<float>(xi);
-        const float dy = y - static_cast<float>(yi);
-        const v_float32 vdx = vx_setall_f32(dx);
-        const v_float32 vdy = vx_setall_f32(dy);
-        int i = 0;
-        for (; i <= size - kLanes; i += kLanes) {
-          const std::uint8_t* p = args.i1 + (yi + row_begin - top) * args.i1_stride + xi + i;
-          v_float32 above = lerp(loadFloats(p), loadFloats(p + 1), vdx);
-          for (int row = row_begin; row < row_end; ++row) {
-            p += args.i1_stride;
-            const v_float32 below = lerp(loadFloats(p), loadFloats(p + 1), vdx);
-            const std::ptrdiff_t pixel = row * args.u_stride + left + i;
-            addWeighted(lerp(above, below, vdy), args.i0 + row * args.i0_stride + left + i, u, v,
-                        args.weight_sums + static_cast<std::ptrdiff_t>(row) * w + left + i,
-                        args.ux + pixel, args.uy + pixel);
-            above = below;
-          }
-        }
-        for (; i < size; ++i) {
-          for (int row = row_begin; row < row_end; ++row) {
-            const std::uint8_t* p = args.i1 + (yi + row - top) * args.i1_stride + xi + i;
-            const float above = lerp(p[0], p[1], dx);
-            const float below = lerp(p[args.i1_stride], p[args.i1_stride + 1], dx);
-            const std::ptrdiff_t pixel = row * args.u_stride + left + i;
-            addWeighted(lerp(above, below, dy), args.i0[row * args.i0_stride + left + i], u, v,
-                        args.weight_sums[static_cast<std::ptrdiff_t>(row) * w + left + i],
-                        args.ux[pixel], args.uy[pixel]);
-          }
-        }
-      } else {
-        int columns[kMaxPatch];
-        float fractions[kMaxPatch];
-        for (int i = 0; i < size; ++i) {
-          const float column = clampOf(static_cast<float>(left + i) + u, 0.0F, high_x);
-          columns[i] = static_cast<int>(column);
-          fractions[i] = column - static_cast<float>(columns[i]);
-        }
-        // A side of one pixel clamps to 0 with nothing beside it.
-        const int right = w > 1 ? 1 : 0;
-        const std::ptrdiff_t below = args.h > 1 ? args.i1_stride : 0;
-        for (int row = row_begin; row < row_end; ++row) {
-          const float sample_y = clampOf(static_cast<float>(row) + v, 0.0F, high_y);
-          const int sample_row = static_cast<int>(sample_y);
-          const float dy = sample_y - static_cast<float>(sample_row);
-          float second[kMaxPatch];
-          for (int i = 0; i < size; ++i) {
-            const std::uint8_t* p = args.i1 + sample_row * args.i1_stride + columns[i];
-            second[i] = lerp(lerp(p[0], p[right], fractions[i]),
-                             lerp(p[below], p[below + right], fractions[i]), dy);
-          }
-          const std::uint8_t* i0 = args.i0 + row * args.i0_stride + left;
-          float* weights = args.weight_sums + static_cast<std::ptrdiff_t>(row) * w + left;
-          float* ux = args.ux + row * args.u_stride + left;
-          float* uy = args.uy + row * args.u_stride + left;
-          int i = 0;
-          for (; i <= size - kLanes; i += kLanes) {
-            addWeighted(vx_load(second + i), i0 + i, u, v, weights + i, ux + i, uy + i);
-          }
-          for (; i < size; ++i) addWeighted(second[i], i0[i], u, v, weights[i], ux[i], uy[i]);
-        }
-      }
-    }
-  }
-
-  const int covered = (args.ws - 1) * stride + size;  // columns left of it may be covered
-  for (int y = begin; y < end; ++y) {
-    const float* weights = args.weight_sums + static_cast<std::ptrdiff_t>(y) * w;
-    float* ux = args.ux + y * args.u_stride;
-    float* uy = args.uy + y * args.u_stride;
-    const bool row_covered = y < (args.hs - 1) * stride + size;
-    int x = 0;
-    if (row_covered && stride <= size) {
-      for (; x <= covered - kLanes; x += kLanes) {
-        const v_float32 sum = vx_load(weights + x);
-        v_store(ux + x, vx_load(ux + x) / sum);
-        v_store(uy + x, vx_load(uy + x) / sum);
-      }
-    }
-    for (; x < w; ++x) {
-      if (weights[x] > 0.0F) {
-        ux[x] /= weights[x];
-        uy[x] /= weights[x];
-      } else {
-        const std::ptrdiff_t at =
-            static_cast<std::ptrdiff_t>(nearestPatch(y, args.hs, size, stride)) * args.ws +
-            nearestPatch(x, args.ws, size, stride);
-        ux[x] = args.sx[at];
-        uy[x] = args.sy[at];
-      }
-    }
   }
 }

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <limits>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -20,8 +20,8 @@ using kernels::kFlowHalves;
 using kernels::kNaturalPlanes;
 using kernels::kNaturalRows;
 using kernels::kPad;
+using kernels::kRowHalves;
 using kernels::kSolverHalves;
-using kernels::kTermHalves;
 using kernels::RefineArgs;
 
 /// Below this many pixels per task the tasks cost more than they save.
@@ -33,6 +33,14 @@ constexpr int kMostSweeps = 1000;
 /// Half rows of the solver that a group of half sweeps may hold in the nearest cache.
 constexpr int kGroupBytes = 32 << 10;
 constexpr int kBlockSteps = 16;
+
+/// The largest of the three weights is scaled to this, that of the defaults.
+constexpr float kLargestWeight = 20.0F;
+/// Pull of each pixel towards the flow that the first iteration starts from; twice as strong in
+/// each next one, so that the flow settles. At the minimum of the energy itself it is smoother than
+/// motions are: the error falls for ten iterations and would rise again.
+constexpr float kPull = 0.1F;
+constexpr int kLastDoubling = 24;  // nothing moves any more
 
 int aligned(int count) { return (count + 15) / 16 * 16; }
 
@@ -111,7 +119,8 @@ Ptr<VariationalRefinement> VariationalRefinement::create() {
 }
 
 void VariationalRefinement::collectGarbage() {
-  for (Mat* mat : {&second_, &terms_, &flow_[0], &flow_[1], &natural_, &solver_, &edge_masks_}) {
+  for (Mat* mat :
+       {&second_, &flow_[0], &flow_[1], &natural_, &solver_, &row_, &edge_sums_, &edge_masks_}) {
     mat->release();
   }
   size_ = Size();
@@ -141,11 +150,12 @@ void VariationalRefinement::allocate(Size size, int bands) {
   // Two vectors behind each row: the last of a row is read and written whole.
   const int natural_cols = rowStride(kPad + aligned(w) + 3 * kPad);
   const int half_cols = rowStride(kPad + aligned((w + 1) / 2) + 2 * kPad);
-  createZeroed(second_, h + 1, aligned(w + 3), CV_8UC1);
-  createZeroed(terms_, h * kTermHalves, half_cols);
+  second_.create(h + 3, aligned(w + 3), CV_8UC1);
   for (Mat& flow : flow_) createZeroed(flow, (h + 2) * kFlowHalves, half_cols);
   createZeroed(natural_, bands * kNaturalRows * kNaturalPlanes, natural_cols);
   createZeroed(solver_, bands * (solver_rows_ * kSolverHalves + 1), half_cols);
+  createZeroed(row_, bands * kRowHalves, half_cols);
+  edge_sums_.create(1, h, CV_64FC1);
   if (begun_.size() != static_cast<std::size_t>(bands)) {
     begun_ = std::vector<std::atomic<int>>(static_cast<std::size_t>(bands));
     done_ = std::vector<std::atomic<int>>(static_cast<std::size_t>(bands));
@@ -167,10 +177,10 @@ void VariationalRefinement::allocate(Size size, int bands) {
 
 /// Chooses the order of the half sweeps and the rows of the solver's ring.
 void VariationalRefinement::planSolver(int width) {
-  // A group of g half sweeps reads systems of g half rows and the three kinds of unknowns of both
-  // colours in g + 1 rows.
+  // A group of g half sweeps reads systems of g half rows and the two unknowns of both colours in
+  // g + 1 rows.
   const int half_row = (width + 1) / 2 * static_cast<int>(sizeof(float));
-  const auto bytes = [&](int sweeps) { return (5 * sweeps + 6 * (sweeps + 1)) * half_row; };
+  const auto bytes = [&](int sweeps) { return (9 * sweeps + 4 * (sweeps + 1)) * half_row; };
   group_sweeps_ = 2;
   while (group_sweeps_ < 2 * sweeps_ && bytes(group_sweeps_ + 2) <= kGroupBytes) group_sweeps_ += 2;
   const bool fits = bytes(group_sweeps_) <= kGroupBytes;
@@ -180,30 +190,12 @@ void VariationalRefinement::planSolver(int width) {
   while (solver_rows_ < 2 * sweeps_ + block_steps_ + 2) solver_rows_ *= 2;
 }
 
-void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v) {
-  CV_Assert(i0.type() == CV_8UC1 && i1.type() == CV_8UC1);
-  CV_Assert(u.type() == CV_32FC1 && v.type() == CV_32FC1);
-  CV_Assert(i0.size() == i1.size() && i0.size() == u.size() && i0.size() == v.size());
-  CV_Assert(i0.cols <= kLargestSide && i0.rows <= kLargestSide);
-  checkParameters();
-  if (i0.empty() || iterations_ == 0) return;
-
-  const Size size = i0.size();
-  const int h = size.height;
-  const int halo = 2 * sweeps_;
-  const double pixels = static_cast<double>(size.width) * h;
-  const int bands =
-      std::max(1, std::min({getNumThreads(), h / (2 * halo),
-                            static_cast<int>(std::min(pixels / kMinPixelsPerBand, 1024.0))}));
-  planSolver(size.width);
-  allocate(size, bands);
-  i1.copyTo(second_(Rect(Point(), size)));
-
+RefineArgs VariationalRefinement::refineArgs(const Mat& i0, Mat& u, Mat& v) {
   RefineArgs args{};
-  args.w = size.width;
-  args.h = h;
+  args.w = i0.cols;
+  args.h = i0.rows;
   args.natural_stride = natural_.cols;
-  args.half_stride = terms_.cols;
+  args.half_stride = solver_.cols;
   args.i0 = i0.ptr();
   args.i0_stride = static_cast<std::ptrdiff_t>(i0.step);
   args.u = u.ptr<float>();
@@ -212,42 +204,73 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
   args.v_stride = static_cast<std::ptrdiff_t>(v.step1());
   args.second = second_.ptr();
   args.second_stride = static_cast<std::ptrdiff_t>(second_.step);
-  args.terms = terms_.ptr<float>() + kPad;
+  args.edge_sums = edge_sums_.ptr<double>();
   for (int i = 0; i < 2; ++i) {
     args.flow[i] = flow_[i].ptr<float>(kFlowHalves) + kPad;
     args.has_left[i] = edge_masks_.ptr<float>(i);
     args.has_right[i] = edge_masks_.ptr<float>(2 + i);
     args.exists[i] = edge_masks_.ptr<float>(4 + i);
   }
-  args.alpha = alpha_;
-  args.delta = delta_;
-  args.gamma = gamma_;
+  // Only the ratios of the weights count: scaled, no product of theirs leaves the range.
+  const float scale = std::max({alpha_, delta_, gamma_}) / kLargestWeight;
+  args.alpha = alpha_ / scale;
+  args.delta = delta_ / scale;
+  args.gamma = gamma_ / scale;
   args.omega = omega_;
-  args.half_sweeps = halo;
+  args.half_sweeps = 2 * sweeps_;
+  return args;
+}
 
-  const auto bandAt = [&](int index) {
-    const auto begin = [&](int i) { return static_cast<int>(static_cast<int64>(h) * i / bands); };
-    Band band{};
-    band.begin = begin(index);
-    band.end = begin(index + 1);
-    band.natural = natural_.ptr<float>(index * kNaturalRows * kNaturalPlanes) + kPad;
-    band.solver_rows = solver_rows_;
-    band.block_steps = block_steps_;
-    band.group_sweeps = group_sweeps_;
-    const int solver_halves = solver_rows_ * kSolverHalves;
-    band.solver = solver_.ptr<float>(index * (solver_halves + 1)) + kPad;
-    band.zeros = band.solver + solver_halves * args.half_stride;
-    return band;
+Band VariationalRefinement::bandAt(int index, int bands) {
+  const auto begin = [&](int i) {
+    return static_cast<int>(static_cast<int64>(size_.height) * i / bands);
   };
-  // Per band: the data terms, then the iterations.
+  Band band{};
+  band.begin = begin(index);
+  band.end = begin(index + 1);
+  band.natural = natural_.ptr<float>(index * kNaturalRows * kNaturalPlanes) + kPad;
+  band.row = row_.ptr<float>(index * kRowHalves) + kPad;
+  const int solver_halves = solver_rows_ * kSolverHalves;
+  band.solver = solver_.ptr<float>(index * (solver_halves + 1)) + kPad;
+  band.zeros = solver_.ptr<float>(index * (solver_halves + 1) + solver_halves) + kPad;
+  band.solver_rows = solver_rows_;
+  band.block_steps = block_steps_;
+  band.group_sweeps = group_sweeps_;
+  return band;
+}
+
+void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v) {
+  CV_Assert(i0.type() == CV_8UC1 && i1.type() == CV_8UC1);
+  CV_Assert(u.type() == CV_32FC1 && v.type() == CV_32FC1);
+  CV_Assert(i0.size() == i1.size() && i0.size() == u.size() && i0.size() == v.size());
+  CV_Assert(i0.cols <= kLargestSide && i0.rows <= kLargestSide);
+  checkParameters();
+  const bool has_terms = std::max({alpha_, delta_, gamma_}) > 0.0F;
+  if (i0.empty() || iterations_ == 0 || !has_terms) return;
+
+  const Size size = i0.size();
+  const int halo = 2 * sweeps_;
+  const double pixels = static_cast<double>(size.width) * size.height;
+  const int bands =
+      std::max(1, std::min({getNumThreads(), size.height / (2 * halo),
+                            static_cast<int>(std::min(pixels / kMinPixelsPerBand, 1024.0))}));
+  planSolver(size.width);
+  allocate(size, bands);
+  Mat second = second_.colRange(0, size.width + 3);
+  copyMakeBorder(i1, second, 1, 2, 1, 2, BORDER_REPLICATE | BORDER_ISOLATED);
+  RefineArgs args = refineArgs(i0, u, v);
   const Kernels& table = kernels::activeKernels();
-  const int phases = std::min(iterations_, std::numeric_limits<int>::max() - 1) + 1;
-  runBands(begun_, done_, phases, [&](int band, int phase) {
-    if (phase == 0) {
-      table.termRows(args, bandAt(band));
-    } else {
-      table.solve(args, bandAt(band), phase - 1, phase + 1 == phases);
-    }
+  ::lum::simd::ParallelFor(bands,
+                           [&](int band) { table.beginRefinement(args, bandAt(band, bands)); });
+  // Edges count as many in all as without weights, whatever the image.
+  const double edges = 2 * pixels - size.width - size.height;
+  const double sum = std::accumulate(args.edge_sums, args.edge_sums + size.height, 0.0);
+  if (sum > 0.0) args.alpha *= static_cast<float>(edges / sum);
+
+  runBands(begun_, done_, iterations_, [&](int band, int iteration) {
+    RefineArgs now = args;
+    now.pull = kPull * static_cast<float>(1 << std::min(iteration, kLastDoubling));
+    table.solve(now, bandAt(band, bands), iteration, iteration + 1 == iterations_);
   });
 }
 

@@ -1,21 +1,17 @@
 #include "motionInterpolation/dis_flow.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <atomic>
 #include <climits>
 #include <cmath>
-#include <cstdlib>
 #include <functional>
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "motionInterpolation/flow_kernels.h"
-#include "reference_flow.h"
 
 namespace {
 
@@ -81,8 +77,14 @@ cv::Mat calc(DISOpticalFlow& engine, const ImagePair& pair, const cv::Mat& initi
   return flow;
 }
 
+struct RefineParams {
+  float alpha = 20, delta = 5, gamma = 10;
+  int iterations = 5, sweeps = 4;
+  float omega = 1.8F;
+};
+
 /// The pair's flow, refined.
-cv::Mat refine(const ImagePair& pair, const lum_reference::RefineParams& p) {
+cv::Mat refine(const ImagePair& pair, const RefineParams& p) {
   const auto refinement = VariationalRefinement::create();
   refinement->setAlpha(p.alpha);
   refinement->setDelta(p.delta);
@@ -98,10 +100,15 @@ cv::Mat refine(const ImagePair& pair, const lum_reference::RefineParams& p) {
   return flow;
 }
 
-std::vector<const kernels::Kernels*> allKernels() {
-  std::vector<const kernels::Kernels*> all;
-  for (const auto* set = kernels::supportedKernels(); *set != nullptr; ++set) all.push_back(*set);
-  return all;
+/// Calls `body` with each set but the plain one in force, which it is compared with.
+template <typename Body>
+void forEachVectorSet(const Body& body) {
+  for (auto set = kernels::supportedKernels(); *set != nullptr; ++set) {
+    if (*set == &kernels::kPlainKernels) continue;
+    SCOPED_TRACE((*set)->name);
+    kernels::forceKernels(*set);
+    body();
+  }
 }
 
 /// Restores what a test forces upon the whole process.
@@ -122,7 +129,6 @@ struct Scene {
   int width, height;
   Motion motion;
   double gain, offset;
-  bool solvable;  // by the engine, from a flow of zero
 };
 
 std::vector<Scene> scenes() {
@@ -132,69 +138,187 @@ std::vector<Scene> scenes() {
   const auto zoom = [](double x, double y) {
     return cv::Point2d(0.04 * (x - 80), 0.04 * (y - 60));
   };
-  return {{"shift", 160, 120, shift(3.4, -1.7), 1.0, 0.0, true},
-          {"rotation", 160, 120, rotation, 1.0, 0.0, true},
-          {"zoom", 160, 120, zoom, 1.0, 0.0, true},
-          {"brightness", 160, 120, shift(-2.2, 1.3), 0.9, 15.0, true},
-          {"odd size", 157, 83, shift(1.5, 2.5), 1.0, 0.0, true},
-          {"narrow", 211, 19, shift(2.5, 0.5), 1.0, 0.0, false},
-          {"out of the image", 120, 90, shift(25.3, -12.0), 1.0, 0.0, false}};
+  return {{"shift", 160, 120, shift(3.4, -1.7), 1.0, 0.0},
+          {"rotation", 160, 120, rotation, 1.0, 0.0},
+          {"zoom", 160, 120, zoom, 1.0, 0.0},
+          {"brightness", 160, 120, shift(-2.2, 1.3), 0.9, 15.0},
+          {"odd size", 157, 83, shift(1.5, 2.5), 1.0, 0.0},
+          {"narrow", 211, 19, shift(2.5, 0.5), 1.0, 0.0},
+          {"out of the image", 120, 90, shift(25.3, -12.0), 1.0, 0.0}};
 }
 
-TEST_F(DisFlow, AgreesWithThePlainReferenceOnEveryInstructionSet) {
+TEST_F(DisFlow, AgreesWithThePlainLoopsOnEveryInstructionSet) {
   struct Variant {
-    const char* name = "";
-    int finest = 0;
-    lum_reference::SearchParams params;  // patch size, stride, iterations, mean, propagation
+    const char* name;
+    int finest, patch_size, patch_stride, iterations;
+    bool mean, propagate;
   };
-  const Variant variants[] = {{"defaults", 0, {}},
-                              {"no mean", 1, {8, 4, 16, false, true}},
-                              {"no propagation", 0, {8, 4, 16, true, false}},
-                              {"large patches", 1, {11, 3, 16, true, true}},
-                              {"gaps between patches", 1, {5, 7, 16, true, true}},
-                              {"largest patches", 2, {16, 16, 16, true, true}},
-                              {"one step per pass", 1, {8, 4, 3, true, true}}};
+  const Variant variants[] = {{"defaults", 0, 8, 4, 16, true, true},
+                              {"no mean", 1, 8, 4, 16, false, true},
+                              {"no propagation", 0, 8, 4, 16, true, false},
+                              {"large patches", 1, 11, 3, 16, true, true},
+                              {"gaps between patches", 1, 5, 7, 16, true, true},
+                              {"largest patches", 2, 16, 16, 16, true, true},
+                              {"one step per pass", 1, 8, 4, 3, true, true}};
   for (const Scene& scene : scenes()) {
     const ImagePair pair =
         makePair(scene.width, scene.height, scene.motion, scene.gain, scene.offset);
     for (const Variant& variant : variants) {
-      const lum_reference::SearchParams& params = variant.params;
       const auto engine = DISOpticalFlow::create();
       engine->setVariationalRefinementIterations(0);
       engine->setFinestScale(variant.finest);
-      engine->setPatchSize(params.patch_size);
-      engine->setPatchStride(params.patch_stride);
-      engine->setGradientDescentIterations(params.iterations);
-      engine->setUseMeanNormalization(params.mean_normalization);
-      engine->setUseSpatialPropagation(params.spatial_propagation);
+      engine->setPatchSize(variant.patch_size);
+      engine->setPatchStride(variant.patch_stride);
+      engine->setGradientDescentIterations(variant.iterations);
+      engine->setUseMeanNormalization(variant.mean);
+      engine->setUseSpatialPropagation(variant.propagate);
       for (const cv::Mat& initial : {cv::Mat(), cv::Mat(pair.flow + cv::Scalar(0.5, -0.25))}) {
-        const cv::Mat expected =
-            lum_reference::denseFlow(pair.i0, pair.i1, params, variant.finest, initial);
-        for (const kernels::Kernels* set : allKernels()) {
-          SCOPED_TRACE(cv::format("%s, %s, %s, %s initial flow", set->name, scene.name,
-                                  variant.name, initial.empty() ? "no" : "an"));
-          kernels::forceKernels(set);
-          const cv::Mat flow = calc(*engine, pair, initial);
-          ASSERT_EQ(flow.size(), expected.size());
+        SCOPED_TRACE(cv::format("%s, %s, %s initial flow", scene.name, variant.name,
+                                initial.empty() ? "no" : "an"));
+        kernels::forceKernels(&kernels::kPlainKernels);
+        const cv::Mat expected = calc(*engine, pair, initial);
+        forEachVectorSet([&] {
           // Rounding may decide a comparison of two nearly equal errors: such a patch takes another
           // step or candidate. All else agrees closely.
-          const cv::Mat apart = distances(flow, expected);
+          const cv::Mat apart = distances(calc(*engine, pair, initial), expected);
           EXPECT_GE(cv::countNonZero(apart <= 2e-3), 0.99 * double(apart.total()));
           EXPECT_LE(cv::mean(apart)[0], 1e-3);
-        }
+        });
       }
     }
   }
 }
 
-TEST_F(DisFlow, FindsKnownMotions) {
-  for (const Scene& scene : scenes()) {
-    if (!scene.solvable) continue;
-    const ImagePair pair =
-        makePair(scene.width, scene.height, scene.motion, scene.gain, scene.offset);
+// What the other sets are compared with, by hand.
+TEST(PlainLoops, SumSearchAndBlendAsComputedByHand) {
+  const kernels::Kernels& plain = kernels::kPlainKernels;
+  kernels::SearchArgs args{};
+  args.w = args.h = args.patch_size = 2;
+  args.i0_stride = args.grad_stride = 2;
+  args.ws = args.hs = args.patch_stride = args.passes = args.inner_iterations = 1;
+  args.u_stride = 3;
+  const std::int16_t ix[] = {2, 2, 0, 0}, iy[] = {0, 0, 2, 3};
+  float sums[5], u[6] = {}, v[6] = {}, su[2], sv[2], weights[6];
+  args.ix = ix;
+  args.iy = iy;
+  args.xx = sums, args.yy = sums + 1, args.xy = sums + 2, args.x = sums + 3, args.y = sums + 4;
+  plain.structureTensor(args, 0, 1, nullptr);
+  EXPECT_EQ(std::vector<float>(sums, sums + 5), (std::vector<float>{8, 13, 0, 4, 5}));
+
+  // The second image is 1 brighter: a step of -(sum of I) / (sum of I^2).
+  const std::uint8_t dark[4] = {}, bright[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+  args.i0 = dark;
+  args.i1_ext = bright;
+  args.i1_ext_stride = 3;
+  args.ux = u, args.uy = v, args.sx = su, args.sy = sv;
+  plain.search(args, 0, 1);
+  EXPECT_FLOAT_EQ(su[0], -0.5F);
+  EXPECT_FLOAT_EQ(sv[0], -5.0F / 13.0F);
+  args.mean_normalization = true;  // to which the images are the same
+  plain.search(args, 0, 1);
+  EXPECT_FLOAT_EQ(su[0], 0.0F);
+
+  // Two patches meet in the middle column, with differences of 4 and less than 1.
+  const std::uint8_t i0[] = {0, 10, 0, 0, 10, 0}, i1[] = {0, 14, 10, 0, 14, 10};
+  args.w = 3;
+  args.i0_stride = args.i1_stride = 3;
+  args.ws = 2;
+  args.i0 = i0, args.i1 = i1, args.weight_sums = weights;
+  su[0] = sv[0] = sv[1] = 0.0F;
+  su[1] = 1.0F;
+  plain.densify(args, 0, 2);
+  EXPECT_EQ(std::vector<float>(u, u + 6), (std::vector<float>{0, 0.8F, 1, 0, 0.8F, 1}));
+}
+
+TEST(PlainLoops, ScaleAndRefineAsComputedByHand) {
+  const float row[] = {0, 4}, zeros[] = {0, 0};
+  const int columns[] = {0, 0, 0, 0};
+  const float fractions[] = {0, 0.25F, 0.75F, 1};
+  float out[8];
+  kernels::ResizeArgs args{{row, zeros}, {2, 2},    1,   2.0F,           4,
+                           columns,      fractions, 1.0, {out, nullptr}, {8, 0}};
+  kernels::kPlainKernels.resize(args, 0, 1, nullptr);
+  EXPECT_EQ(std::vector<float>(out, out + 8), (std::vector<float>{0, 0, 2, 0, 6, 0, 8, 0}));
+
+  // Two flat pixels, one edge. |grad u|^2 is 1 / 2 at either, so the edge weighs 20 sqrt(2); each
+  // pixel is drawn to its own value with 0.1. Red first.
+  kernels::forceKernels(&kernels::kPlainKernels);
+  ImagePair flat{cv::Mat(1, 2, CV_8UC1, cv::Scalar(7)), {}, cv::Mat(1, 2, CV_32FC2, cv::Scalar(0))};
+  flat.i1 = flat.i0;
+  flat.flow.at<cv::Vec2f>(0, 1)[0] = 1.0F;
+  const cv::Mat refined = refine(flat, {20, 5, 10, 1, 1, 1.0F});
+  kernels::forceKernels(nullptr);
+  const float edge = 28.28425F;
+  const float red = edge / (edge + 0.1F);
+  EXPECT_NEAR(refined.at<cv::Vec2f>(0, 0)[0], red, 1e-5);
+  EXPECT_NEAR(refined.at<cv::Vec2f>(0, 1)[0], (edge * red + 0.1F) / (edge + 0.1F), 1e-5);
+}
+
+TEST_F(DisFlow, HasItsDefaults) {
+  const auto engine = DISOpticalFlow::create();
+  EXPECT_EQ(engine->getFinestScale(), 2);
+  EXPECT_EQ(engine->getPatchSize(), 8);
+  EXPECT_EQ(engine->getPatchStride(), 4);
+  EXPECT_EQ(engine->getGradientDescentIterations(), 16);
+  EXPECT_EQ(engine->getVariationalRefinementIterations(), 5);
+  EXPECT_EQ(engine->getVariationalRefinementAlpha(), 20.0F);
+  EXPECT_EQ(engine->getVariationalRefinementDelta(), 5.0F);
+  EXPECT_EQ(engine->getVariationalRefinementGamma(), 10.0F);
+  EXPECT_TRUE(engine->getUseMeanNormalization());
+  EXPECT_TRUE(engine->getUseSpatialPropagation());
+  EXPECT_TRUE(engine->getUseInitialFlow());
+}
+
+/// A disc that moves against its background, which turns: edges of the motion, and occlusions.
+ImagePair discScene() {
+  const auto inDisc = [](double x, double y) { return std::hypot(x - 150, y - 90) < 45; };
+  const auto turn = [](double x, double y) {
+    return cv::Point2d(2.3 - 0.02 * (y - 96), -1.1 + 0.02 * (x - 128));
+  };
+  ImagePair pair = makePair(256, 192, turn, 0.9, 30.0);
+  for (int y = 0; y < 192; ++y) {
+    for (int x = 0; x < 256; ++x) {
+      if (inDisc(x, y)) {
+        pair.i0.at<uchar>(y, x) = pattern(1.7 * y + 300, 1.3 * x);
+        pair.flow.at<cv::Vec2f>(y, x) = cv::Vec2f(-3.4F, 2.2F);
+      }
+      if (inDisc(x + 3.4, y - 2.2)) {
+        pair.i1.at<uchar>(y, x) =
+            cv::saturate_cast<uchar>(0.9 * pattern(1.7 * (y - 2.2) + 300, 1.3 * (x + 3.4)) + 30);
+      }
+    }
+  }
+  return pair;
+}
+
+// Every parameter reaches its place: each changes the result, by as much as here.
+TEST_F(DisFlow, TurnsEverySwitchIntoItsResult) {
+  const ImagePair pair = discScene();
+  struct Case {
+    const char* name;
+    double error;  // mean distance to the truth, pixels
+    std::function<void(DISOpticalFlow&)> set;
+  };
+  const Case cases[] = {
+      {"defaults", 0.3685, [](DISOpticalFlow&) {}},
+      {"finest scale 1", 0.1731, [](DISOpticalFlow& e) { e.setFinestScale(1); }},
+      {"finest scale 0", 0.1130, [](DISOpticalFlow& e) { e.setFinestScale(0); }},
+      {"patches of 12", 0.3941, [](DISOpticalFlow& e) { e.setPatchSize(12); }},
+      {"stride 6", 0.4027, [](DISOpticalFlow& e) { e.setPatchStride(6); }},
+      {"descent 4", 0.4150, [](DISOpticalFlow& e) { e.setGradientDescentIterations(4); }},
+      {"no refinement", 0.5580, [](DISOpticalFlow& e) { e.setVariationalRefinementIterations(0); }},
+      {"one iteration", 0.4145, [](DISOpticalFlow& e) { e.setVariationalRefinementIterations(1); }},
+      {"alpha 5", 0.4982, [](DISOpticalFlow& e) { e.setVariationalRefinementAlpha(5); }},
+      {"delta 50", 0.9336, [](DISOpticalFlow& e) { e.setVariationalRefinementDelta(50); }},
+      {"gamma 100", 1.0220, [](DISOpticalFlow& e) { e.setVariationalRefinementGamma(100); }},
+      {"no mean", 0.3767, [](DISOpticalFlow& e) { e.setUseMeanNormalization(false); }},
+      {"no propagation", 0.3973, [](DISOpticalFlow& e) { e.setUseSpatialPropagation(false); }},
+  };
+  for (const Case& c : cases) {
     const auto engine = DISOpticalFlow::create();
-    engine->setFinestScale(0);
-    EXPECT_LT(cv::mean(distances(calc(*engine, pair), pair.flow, 12))[0], 0.1) << scene.name;
+    c.set(*engine);
+    const double error = cv::mean(distances(calc(*engine, pair), pair.flow, 8))[0];
+    EXPECT_NEAR(error, c.error, 0.003) << c.name;
   }
 }
 
@@ -230,6 +354,12 @@ TEST_F(DisFlow, UsesAnInitialFlowOfTheRightSizeAndTypeOnly) {
     const cv::Mat other(other_size, type, cv::Scalar::all(21));
     EXPECT_TRUE(sameBits(calc(*engine, pair, other), plain)) << cv::typeToString(type);
   }
+  engine->setUseInitialFlow(false);
+  cv::Mat memory = pair.flow.clone();
+  const uchar* const data = memory.data;
+  engine->calc(pair.i0, pair.i1, memory);
+  EXPECT_TRUE(sameBits(memory, plain));
+  EXPECT_EQ(memory.data, data);
 }
 
 TEST_F(DisFlow, KeepsTheFlowWhenAnInitialOneIsAsGood) {
@@ -302,7 +432,7 @@ TEST_F(DisFlow, ReportsBadImagesWithTheLineOfTheCheck) {
       EXPECT_EQ(error.line, c.line);
       EXPECT_EQ(error.err, c.text);
       EXPECT_EQ(error.func, "cv::optflow::lum::DISOpticalFlowImpl::calc");
-      EXPECT_EQ(error.file, "frame_interpolation/motionInterpolation/dis_flow.cpp");
+      EXPECT_EQ(error.file, "frame_interpolation/motionInterpolation/dis_flow");
     }
     EXPECT_TRUE(flow.empty());
   }
@@ -338,7 +468,7 @@ TEST_F(DisFlow, TakesAnySize) {
   for (const cv::Size size :
        {cv::Size(1, 1), cv::Size(2, 1), cv::Size(1, 40), cv::Size(40, 1), cv::Size(7, 9),
         cv::Size(9, 7), cv::Size(8, 8), cv::Size(33, 65), cv::Size(16384, 1), cv::Size(1, 16384),
-        cv::Size(16384, 24), cv::Size(24, 16384)}) {
+        cv::Size(16384, 24), cv::Size(24, 16384), cv::Size(1024, 31)}) {
     const ImagePair pair = makePair(size.width, size.height, shift(1.0, 0.5));
     for (const int patch_size : {1, 3, 8, 16}) {
       for (const int finest : {0, 2, 20}) {
@@ -351,8 +481,9 @@ TEST_F(DisFlow, TakesAnySize) {
         ASSERT_EQ(flow.size(), size);
         ASSERT_EQ(flow.type(), CV_32FC2);
         EXPECT_TRUE(cv::checkRange(flow));
-        if (patch_size == 8 && finest == 0 && std::min(size.width, size.height) >= 24) {
-          EXPECT_LT(cv::mean(distances(flow, pair.flow, 8))[0], 0.1);
+        // The finest scale asked for may hold no patch.
+        if (patch_size == 8 && finest < 20 && std::min(size.width, size.height) >= 24) {
+          EXPECT_LT(cv::mean(distances(flow, pair.flow, 8))[0], finest == 0 ? 0.1 : 0.5);
         }
       }
     }
@@ -363,7 +494,7 @@ TEST_F(DisFlow, RefusesSidesBeyondItsRange) {
   for (const cv::Size size : {cv::Size(16385, 1), cv::Size(1, 16385)}) {
     const ImagePair pair = makePair(size.width, size.height, shift(0, 0));
     EXPECT_THROW(calc(*DISOpticalFlow::create(), pair), cv::Exception);
-    EXPECT_THROW(refine(pair, {}), cv::Exception);
+    EXPECT_THROW(refine(pair, RefineParams()), cv::Exception);
   }
 }
 
@@ -371,47 +502,13 @@ TEST_F(DisFlow, WithoutAPatchGivesTheInitialFlowElseZero) {
   const ImagePair pair = makePair(40, 7, shift(1, 0));
   const auto engine = DISOpticalFlow::create();
   EXPECT_TRUE(sameBits(calc(*engine, pair), cv::Mat::zeros(7, 40, CV_32FC2)));
-  const cv::Mat initial(7, 40, CV_32FC2, cv::Scalar(1.25, -3));
+  cv::Mat initial(7, 40, CV_32FC2, cv::Scalar(1.25, -3));
   EXPECT_TRUE(sameBits(calc(*engine, pair, initial), initial));
+  initial.at<cv::Vec2f>(3, 5)[0] = std::nanf("");
+  EXPECT_TRUE(cv::checkRange(calc(*engine, pair, initial)));
 }
 
-// ---------------------------------------------------------------- memory
-
-/// What the process allocates: matrices, and by `operator new`, which this file replaces.
-struct HeapUse {
-  std::atomic<std::size_t> live_bytes{0};
-
-  std::atomic<bool> watching{false};  // for the rest
-  std::atomic<int> matrices{0};
-  std::atomic<int> from_here{0};  // by code in this program, the library under test included
-  std::atomic<std::size_t> largest{0};
-};
-HeapUse heap_use;
-
-/// Whether code at this address belongs to the program, not to a shared library such as OpenCV.
-bool isOwnCode(const void* address) {
-  Dl_info its{};
-  Dl_info own{};
-  return dladdr(address, &its) != 0 && dladdr(&heap_use, &own) != 0 &&
-         its.dli_fbase == own.dli_fbase;
-}
-
-void* allocate(std::size_t size, const void* caller) {
-  void* const memory = std::malloc(size > 0 ? size : 1);
-  if (memory == nullptr) throw std::bad_alloc();
-  heap_use.live_bytes += malloc_usable_size(memory);
-  if (heap_use.watching) {
-    if (isOwnCode(caller)) ++heap_use.from_here;
-    if (size > heap_use.largest) heap_use.largest = size;
-  }
-  return memory;
-}
-
-void deallocate(void* memory) {
-  heap_use.live_bytes -= malloc_usable_size(memory);
-  std::free(memory);
-}
-
+/// Counts the memory of matrices.
 class CountingAllocator : public cv::MatAllocator {
  public:
   cv::UMatData* allocate(int dims, const int* sizes, int type, void* data, std::size_t* step,
@@ -419,69 +516,53 @@ class CountingAllocator : public cv::MatAllocator {
     cv::UMatData* const u =
         cv::Mat::getStdAllocator()->allocate(dims, sizes, type, data, step, flags, usage);
     u->prevAllocator = u->currAllocator = this;
-    heap_use.live_bytes += u->size;
-    if (heap_use.watching) ++heap_use.matrices;
+    live_bytes += u->size;
+    ++matrices;
     return u;
   }
   bool allocate(cv::UMatData* data, cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
     return cv::Mat::getStdAllocator()->allocate(data, flags, usage);
   }
   void deallocate(cv::UMatData* u) const override {
-    heap_use.live_bytes -= u->size;
+    live_bytes -= u->size;
     cv::Mat::getStdAllocator()->deallocate(u);
   }
+  mutable std::atomic<std::size_t> live_bytes{0};
+  mutable std::atomic<int> matrices{0};
 };
 
-class DisFlowMemory : public DisFlow {
- protected:
-  void SetUp() override {
-    static CountingAllocator allocator;
-    cv::Mat::setDefaultAllocator(&allocator);
-    cv::setNumThreads(1);
-  }
-  void TearDown() override {
-    cv::Mat::setDefaultAllocator(cv::Mat::getStdAllocator());
-    DisFlow::TearDown();
-  }
-};
-
-TEST_F(DisFlowMemory, KeepsBuffersForTheNextCallUntilCollectGarbage) {
-  const ImagePair pair = makePair(400, 300, shift(2.0, -1.0));
-  const std::size_t pixels = pair.i0.total();
-  const cv::Mat expected = calc(*DISOpticalFlow::create(), pair);  // OpenCV sets up what it keeps
+TEST_F(DisFlow, KeepsLittleMemoryForTheNextCallUntilCollectGarbage) {
+  static CountingAllocator allocator;
+  cv::Mat::setDefaultAllocator(&allocator);
+  cv::setNumThreads(1);
+  const ImagePair pair = makePair(640, 480, shift(2.0, -1.0));
   cv::Mat flow(pair.i0.size(), CV_32FC2, cv::Scalar::all(0));
-
   const auto engine = DISOpticalFlow::create();
-  const std::size_t at_first = heap_use.live_bytes;
+  engine->setFinestScale(0);
+  const std::size_t at_first = allocator.live_bytes;
   engine->calc(pair.i0, pair.i1, flow);
-  const std::size_t in_use = heap_use.live_bytes;
-  EXPECT_GT(in_use - at_first, 5 * pixels);
+  const std::size_t in_use = allocator.live_bytes;
+  EXPECT_LE(in_use - at_first + flow.total() * flow.elemSize(), 80 * pair.i0.total());
 
-  heap_use.watching = true;
+  const int matrices = allocator.matrices;
+  const auto heap = mallinfo2().uordblks;
   engine->calc(pair.i0, pair.i1, flow);
-  heap_use.watching = false;
-  EXPECT_EQ(heap_use.matrices, 0);
-  EXPECT_EQ(heap_use.from_here, 0);
-  // All that is left is made inside of cv::resize: tables of a column or row, given back there.
-  EXPECT_LT(heap_use.largest, 32U * (400 + 300));
-  EXPECT_EQ(heap_use.live_bytes, in_use);
-
+  EXPECT_EQ(allocator.matrices, matrices);
+  EXPECT_EQ(mallinfo2().uordblks, heap);
   engine->collectGarbage();
-  EXPECT_LT(heap_use.live_bytes, at_first + 16384) << "more than the lists of empty matrices";
-  EXPECT_TRUE(sameBits(calc(*engine, pair), expected));
+  EXPECT_EQ(allocator.live_bytes, at_first);
+  cv::Mat::setDefaultAllocator(cv::Mat::getStdAllocator());
 }
 
-TEST_F(DisFlowMemory, CarriesNothingOverFromOneSizeToAnother) {
+TEST_F(DisFlow, CarriesNothingOverFromOtherSizesOrPixelsAround) {
   const ImagePair large = makePair(200, 150, shift(2.0, -1.0));
-  const ImagePair small{large.i0.rowRange(0, 100), large.i1.rowRange(0, 100), cv::Mat()};
+  const ImagePair part{large.i0.rowRange(20, 120), large.i1.rowRange(20, 120), cv::Mat()};
   const auto engine = DISOpticalFlow::create();
   engine->setFinestScale(0);
   const cv::Mat first = calc(*engine, large);
-  calc(*engine, small);
+  EXPECT_TRUE(sameBits(calc(*engine, part), calc(*engine, {part.i0.clone(), part.i1.clone(), {}})));
   EXPECT_TRUE(sameBits(calc(*engine, large), first));
 }
-
-// ---------------------------------------------------------------- refinement
 
 /// A shift, with a flow that is up to half a pixel off.
 ImagePair refinable(int width, int height) {
@@ -492,41 +573,29 @@ ImagePair refinable(int width, int height) {
   return pair;
 }
 
-TEST_F(Refinement, AgreesWithThePlainReferenceOnEveryInstructionSet) {
+TEST_F(Refinement, AgreesWithThePlainLoopsOnEveryInstructionSet) {
   for (const cv::Size size :
        {cv::Size(1, 1), cv::Size(1, 9), cv::Size(2, 2), cv::Size(17, 5), cv::Size(32, 16),
         cv::Size(97, 61), cv::Size(351, 40), cv::Size(650, 64)}) {
     const ImagePair pair = refinable(size.width, size.height);
-    lum_reference::RefineParams params;
-    params.iterations = 3;
-    const cv::Mat expected =
-        lum_reference::Refinement(pair.i0, pair.i1, pair.flow, params).minimise(pair.flow);
-    for (const kernels::Kernels* set : allKernels()) {
-      kernels::forceKernels(set);
-      EXPECT_LE(cv::norm(refine(pair, params), expected, cv::NORM_INF), 5e-3) << set->name << size;
+    for (const RefineParams& params : {RefineParams{20, 5, 10, 1, 1, 1.0F}, RefineParams()}) {
+      kernels::forceKernels(&kernels::kPlainKernels);
+      const cv::Mat expected = refine(pair, params);
+      forEachVectorSet(
+          [&] { EXPECT_LE(cv::norm(refine(pair, params), expected, cv::NORM_INF), 5e-3) << size; });
     }
   }
 }
 
-TEST_F(Refinement, LowersTheEnergyInEveryOuterIteration) {
-  const ImagePair pair = refinable(97, 61);
-  for (const float omega : {1.0F, 1.6F}) {
-    lum_reference::RefineParams params;
-    params.omega = omega;
-    const lum_reference::Refinement model(pair.i0, pair.i1, pair.flow, params);
-    double energy = model.energy(pair.flow);
-    for (params.iterations = 1; params.iterations <= 8; ++params.iterations) {
-      const double next = model.energy(refine(pair, params));
-      EXPECT_LT(next, energy) << "iteration " << params.iterations;
-      energy = next;
-    }
-  }
-}
-
-TEST_F(Refinement, LeavesAFlowWithoutTermsAlone) {
+TEST_F(Refinement, TakesWeightsOfAnySize) {
   const ImagePair pair = refinable(40, 30);
-  EXPECT_LE(cv::norm(refine(pair, {0, 0, 0}), pair.flow, cv::NORM_INF), 1e-5);
+  EXPECT_TRUE(sameBits(refine(pair, {0, 0, 0}), pair.flow));
   EXPECT_TRUE(sameBits(refine(pair, {20, 5, 10, 0}), pair.flow));
+  const cv::Mat expected = refine(pair, RefineParams());
+  for (const float factor : {1e-30F, 1e8F, 1e36F}) {
+    const cv::Mat scaled = refine(pair, {20 * factor, 5 * factor, 10 * factor});
+    EXPECT_LE(cv::norm(scaled, expected, cv::NORM_INF), 1e-4) << factor;
+  }
 }
 
 TEST_F(Refinement, ForgetsFlowsThatAreNotNumbers) {
@@ -537,33 +606,27 @@ TEST_F(Refinement, ForgetsFlowsThatAreNotNumbers) {
     cv::split(pair.flow, parts);
     parts[0].at<float>(12, 30) += last;
     refinement->refine(pair.i0, pair.i1, parts[0], parts[1]);
+    EXPECT_TRUE(cv::checkRange(parts[0])) << last;
   }
   cv::Mat parts[2];
   cv::split(pair.flow, parts);
   refinement->refine(pair.i0, pair.i1, parts[0], parts[1]);
   cv::Mat flow;
   cv::merge(parts, 2, flow);
-  EXPECT_TRUE(sameBits(flow, refine(pair, {})));
+  EXPECT_TRUE(sameBits(flow, refine(pair, RefineParams())));
 }
 
 TEST_F(Refinement, RefusesBadParameters) {
   const ImagePair pair = refinable(16, 16);
-  const lum_reference::RefineParams cases[] = {// alpha, delta, gamma, iterations, sweeps, omega
-                                               {-1, 5, 10},
-                                               {20, 5, 10, -1},
-                                               {20, 5, 10, 5, 0},
-                                               {20, 5, 10, 5, INT_MAX},
-                                               {20, 5, 10, 5, 5, 2}};
-  for (const lum_reference::RefineParams& params : cases) {
+  const RefineParams cases[] = {// alpha, delta, gamma, iterations, sweeps, omega
+                                {-1, 5, 10},
+                                {20, 5, 10, -1},
+                                {20, 5, 10, 5, 0},
+                                {20, 5, 10, 5, INT_MAX},
+                                {20, 5, 10, 5, 5, 2}};
+  for (const RefineParams& params : cases) {
     EXPECT_THROW(refine(pair, params), cv::Exception);
   }
 }
 
 }  // namespace
-
-void* operator new(std::size_t size) { return allocate(size, __builtin_return_address(0)); }
-void* operator new[](std::size_t size) { return allocate(size, __builtin_return_address(0)); }
-void operator delete(void* memory) noexcept { deallocate(memory); }
-void operator delete[](void* memory) noexcept { deallocate(memory); }
-void operator delete(void* memory, std::size_t) noexcept { deallocate(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { deallocate(memory); }
