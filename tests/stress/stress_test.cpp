@@ -1,0 +1,327 @@
+// Races, leaks and hangs: many rounds at random moments. MOTRACE_STRESS_FACTOR multiplies the
+// rounds, MOTRACE_STRESS_SEED sets the moments.
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "av_toolbox/ffmpeg_util.h"
+#include "camm_processed_filter.h"
+#include "editor/fake_media_src.h"
+#include "editor/file_media_src.h"
+#include "editor/media_pipe.h"
+#include "eventloop/event.h"
+#include "eventloop/event_dispatcher.h"
+#include "eventloop/loop_testing.h"
+#include "support/hang_guard.h"
+#include "support/plain_extraction.h"
+#include "support/samples.h"
+#include "support/temp_dir.h"
+#include "utils/vela_util.h"
+
+namespace motrace::testing {
+namespace {
+
+uint32_t FromEnvironment(const char* name, uint32_t otherwise) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets any
+  return value == nullptr ? otherwise : static_cast<uint32_t>(std::stoul(value));
+}
+
+/// `rounds`, times MOTRACE_STRESS_FACTOR.
+int Rounds(int rounds) {
+  return rounds * static_cast<int>(FromEnvironment("MOTRACE_STRESS_FACTOR", 1));
+}
+
+/// Random numbers and moments of one thread.
+class Chance {
+ public:
+  explicit Chance(uint32_t seed) : engine_(seed) {}
+
+  /// 0 to `limit` - 1.
+  uint32_t Below(uint32_t limit) { return Next() % limit; }
+  uint32_t Next() { return static_cast<uint32_t>(engine_()); }
+  /// Lets a little time pass: mostly well below 100 microseconds, at times nothing at all.
+  void Dawdle() {
+    std::atomic<uint32_t> turns{Below(4) == 0 ? 0 : Below(30'000)};
+    while (turns > 0) --turns;
+  }
+
+ private:
+  std::mt19937 engine_;
+};
+
+class StressTest : public ::testing::Test {
+ protected:
+  uint32_t seed_ = FromEnvironment("MOTRACE_STRESS_SEED", 20240229);
+  Chance chance_{seed_};
+  ::testing::ScopedTrace trace_{__FILE__, __LINE__, seed_};
+  HangGuard guard_{"a stress test", std::chrono::seconds(Rounds(250))};
+};
+
+// Several threads post, with and without delays, while another one, or a handler, stops the loop
+// and the owner releases it.
+TEST_F(StressTest, PostingWhileALoopStopsLosesNoMemoryAndHangsNobody) {
+  constexpr int32_t kStop = 1;
+  for (int round = 0; round < Rounds(300); ++round) {
+    const auto dispatcher = std::make_shared<lum::EventDispatcher>();
+    std::atomic<int> handled{0};
+    const auto handler = std::make_shared<FunctionHandler>([&](const lum::Event& event) {
+      ++handled;
+      if (event.what() == kStop) dispatcher->Stop();
+    });
+    const auto value = std::make_shared<int>(round);
+    std::atomic<int> posted{0};
+    dispatcher->Run();
+    std::vector<std::thread> threads;
+    for (int p = 0; p < 3; ++p) {
+      threads.emplace_back([&, mine = Chance(chance_.Next())]() mutable {
+        for (int i = 0; i < 60; ++i) {
+          lum::MakeEvent(0, handler, dispatcher)
+              ->SetData("value", value)
+              ->PostWithDelay(static_cast<int32_t>(mine.Below(4)));
+          ++posted;
+        }
+      });
+    }
+    for (int s = 0; s < 2; ++s) {
+      threads.emplace_back([&, mine = Chance(chance_.Next())]() mutable {
+        mine.Dawdle();
+        if (mine.Below(2) == 0) lum::MakeEvent(kStop, handler, dispatcher)->Post();
+        dispatcher->Stop();
+      });
+    }
+    chance_.Dawdle();
+    dispatcher->Stop();
+    dispatcher->Release();  // while the others still post and stop
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_LE(handled, posted + 2);
+    EXPECT_EQ(value.use_count(), 1) << "an event outlived its dispatcher";
+  }
+}
+
+// A source with a thread of its own, which reports once by itself at a random moment, and every
+// time that it is interrupted.
+class EagerSrc : public FakeMediaSrc {
+ public:
+  explicit EagerSrc(uint32_t seed) : chance_(seed) {
+    on_start = [this] {
+      thread_ = std::thread([this] {
+        chance_.Dawdle();
+        const uint32_t what = chance_.Below(4);  // 1: only when interrupted
+        if (what == 0) Fail(7);
+        if (what > 1) End();
+      });
+    };
+    on_interrupt = [this] {
+      // Not on the pipe's thread: sources report from theirs.
+      interrupted_.push_back(std::async(std::launch::async, [this] { BeCanceled(); }));
+    };
+    on_stop = [this] {
+      if (thread_.joinable()) thread_.join();
+      interrupted_.clear();  // waits for each
+    };
+  }
+
+ private:
+  Chance chance_;
+  std::thread thread_;
+  std::vector<std::future<void>> interrupted_;  // the pipe's thread only
+};
+
+// Counts a pipe's callbacks.
+struct Outcomes {
+  explicit Outcomes(lum::MediaPipe& pipe) {
+    pipe.SetEndCallback([this] { Report(0); });
+    pipe.SetCancelCallback([this] { Report(1); });
+    pipe.SetErrorCallback([this](int code) {
+      EXPECT_TRUE(code == 7 || code == -1);
+      Report(2);
+    });
+  }
+  void Report(size_t which) {
+    outcome = which;
+    if (++callbacks == 1) reported.set_value();
+  }
+
+  std::atomic<int> callbacks{0};
+  std::atomic<size_t> outcome{3};  // end, cancel, error, none
+  std::promise<void> reported;
+};
+
+// Pipes of one to three sources, cancelled at random moments by several threads, released at
+// another one.
+TEST_F(StressTest, APipeReportsAtMostOnce) {
+  for (int round = 0; round < Rounds(1000); ++round) {
+    const auto pipe = std::make_shared<lum::MediaPipe>();
+    for (uint32_t left = 1 + chance_.Below(3); left > 0; --left) {
+      pipe->AddSrc(std::make_shared<EagerSrc>(chance_.Next()));
+    }
+    Outcomes outcomes(*pipe);
+    ASSERT_TRUE(pipe->Prepare());
+    pipe->Start();
+    const auto cancel = [&pipe](uint32_t seed) {
+      Chance(seed).Dawdle();
+      pipe->Cancel();
+    };
+    std::array<std::thread, 2> cancellers{std::thread(cancel, chance_.Next()),
+                                          std::thread(cancel, chance_.Next())};
+    const bool wait_for_report = chance_.Below(2) == 0;
+    if (wait_for_report) {
+      outcomes.reported.get_future().wait();  // a cancelled pipe always reports
+    } else {
+      chance_.Dawdle();
+    }
+    pipe->Release();
+    for (std::thread& canceller : cancellers) canceller.join();
+    ASSERT_EQ(pipe->state(), lum::MediaPipe::kMediaPipeReleased);
+    ASSERT_LE(outcomes.callbacks, 1);
+    ASSERT_TRUE(outcomes.callbacks == 1 || !wait_for_report);
+  }
+}
+
+// ---- the real file source and motion filter, over a small file, many times in one process
+
+constexpr int kSamples = 24;
+
+class ExtractionStressTest : public StressTest {
+ protected:
+  ExtractionStressTest() {
+    Mp4Track camm = Mp4Track::Camm(1000);
+    for (int i = 0; i < kSamples / 2; ++i) {
+      const auto value = static_cast<float>(i);
+      camm.Add(GyroSample({value, 1, 2}), 0);
+      camm.Add(AccelSample({value, 3, 4}), 10);
+    }
+    WriteMp4(input_, {camm});
+    lum::InitFFmpeg();
+  }
+
+  void Extract(const std::filesystem::path& directory) const {
+    std::filesystem::create_directory(directory);
+    const auto source = std::make_shared<lum::FileMediaSrc>(input_);
+    source->SetDataConsumer(std::make_shared<CammProcessedFilter>(directory.string()));
+    const auto pipe = std::make_shared<lum::MediaPipe>();
+    pipe->AddSrc(source);
+    EXPECT_TRUE(pipe->Prepare());
+    EXPECT_EQ(lum::vela::RunPipe(pipe, 1, 1.0F, -1), 0);
+    pipe->Release();
+  }
+
+  TempDir dir_;
+  std::string input_ = dir_ / "input.mp4";
+};
+
+size_t EntriesOf(const char* directory) {
+  const std::filesystem::directory_iterator entries(directory);
+  return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+TEST_F(ExtractionStressTest, RunsAtOnceWriteTheSameAndLeaveNoDescriptorAndNoThread) {
+  Extract(dir_ / "a");  // whatever libraries keep is open from here on
+  const size_t descriptors = EntriesOf("/proc/self/fd");
+  const size_t threads = EntriesOf("/proc/self/task");
+  std::vector<std::thread> workers;
+  for (const char* name : {"a", "b", "c"}) {
+    workers.emplace_back([this, name] {
+      for (int run = 0; run < Rounds(200); ++run) Extract(dir_ / name);
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+  const auto expected = ExtractPlainly(ReadDataStream(input_).value()).Files();
+  for (const char* name : {"a", "b", "c"}) EXPECT_EQ(ReadDirectory(dir_ / name), expected);
+  EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
+  // An ended thread may be listed for a moment after it was joined.
+  const auto limit = std::chrono::steady_clock::now() + kHang;
+  while (EntriesOf("/proc/self/task") != threads && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(EntriesOf("/proc/self/task"), threads);
+}
+
+// Checks the order of a consumer's calls, and lets the test come between them.
+class StrictConsumer : public lum::PacketConsumer {
+ public:
+  bool Open(lum::MediaInfo* /*info*/) override {
+    EXPECT_EQ(calls_.exchange(kOpen), kNew);
+    return true;
+  }
+  bool Notify(lum::MediaInfo* /*info*/, const lum::MediaMessage& message) override {
+    EXPECT_EQ(calls_, kOpen);
+    if (message.code == lum::kMediaMessageEnd) calls_ = kEnded;
+    return true;
+  }
+  bool Filter(lum::MediaInfo* /*info*/, const std::shared_ptr<lum::QVXPacket>& packet) override {
+    EXPECT_NE(packet, nullptr);
+    EXPECT_EQ(calls_, kOpen) << "a packet after the end or Close";
+    ++packets;
+    return on_packet();
+  }
+  bool Close(lum::MediaInfo* /*info*/) override {
+    EXPECT_LE(calls_.exchange(kClosed), kEnded);
+    return true;
+  }
+  void Interrupt(lum::MediaInfo* /*info*/) override { EXPECT_NE(calls_, kClosed); }
+
+  std::function<bool()> on_packet;
+  std::atomic<int> packets{0};
+
+ private:
+  enum Calls { kNew, kOpen, kEnded, kClosed };
+  std::atomic<Calls> calls_{kNew};
+};
+
+TEST_F(ExtractionStressTest, CanceledAtRandomMomentsItReportsOnceAndReadsNoMore) {
+  std::array<int, 4> met{};
+  for (int round = 0; round < Rounds(1000); ++round) {
+    const auto source = std::make_shared<lum::FileMediaSrc>(input_);
+    const auto consumer = std::make_shared<StrictConsumer>();
+    const auto pipe = std::make_shared<lum::MediaPipe>();
+    source->SetDataConsumer(consumer);
+    pipe->AddSrc(source);
+    Outcomes outcomes(*pipe);
+    // At most one of: a cancel from the source's own thread, a refused packet.
+    consumer->on_packet = [&, at_packet = static_cast<int>(chance_.Below(2 * kSamples)),
+                           refuse = chance_.Below(3) == 0] {
+      if (consumer->packets != at_packet) return true;
+      if (!refuse) pipe->Cancel();
+      return !refuse;
+    };
+    ASSERT_TRUE(pipe->Prepare());
+    pipe->Start();
+    std::thread canceller([&pipe, mine = Chance(chance_.Next())]() mutable {
+      for (uint32_t i = mine.Below(4); i > 0; --i) mine.Dawdle();
+      if (mine.Below(3) > 0) pipe->Cancel();
+    });
+    const bool wait_for_report = chance_.Below(4) > 0;
+    if (wait_for_report) {
+      outcomes.reported.get_future().wait();
+    } else {
+      chance_.Dawdle();
+    }
+    pipe->Release();
+    canceller.join();
+    ASSERT_LE(outcomes.callbacks, 1);
+    ASSERT_TRUE(outcomes.callbacks == 1 || !wait_for_report);
+    ASSERT_LE(consumer->packets, kSamples);
+    ++met.at(outcomes.outcome);
+    ASSERT_FALSE(HasFailure());
+  }
+  for (const int count : met) EXPECT_GT(count, 0) << "every outcome is to be met";
+}
+
+}  // namespace
+}  // namespace motrace::testing
