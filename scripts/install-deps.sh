@@ -40,7 +40,7 @@ if [ "$(id -u)" -ne 0 ]; then
   command -v sudo >/dev/null || { echo "need root or sudo to install: ${missing[*]}" >&2; exit 1; }
   sudo=(sudo)
 fi
-echo "installing: ${missing[*]}" >&2
+echo "installing ${#missing[@]} packages, silently, which takes some minutes: ${missing[*]}" >&2
 "${sudo[@]}" apt-get update -qq >&2
 "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive \
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -91,7 +91,7 @@ def refresh(copy):
 
 def run(command, cwd, timeout):
     """Exit code (-1: too slow) and output; whatever the command started ends with it."""
-    limits = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (4 << 30, 4 << 30))
+    limits = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (8 << 30, 8 << 30))
     process = subprocess.Popen(command, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                                errors="replace", start_new_session=True, preexec_fn=limits)
     try:
