@@ -9,7 +9,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   libavformat-dev libavcodec-dev libavutil-dev
   libevent-dev libboost-filesystem-dev
-  libcli11-dev libexpat1-dev libfmt-dev nlohmann-json3-dev
+  libcli11-dev libexpat1-dev libfmt-dev nlohmann-json3-dev libjs-dygraphs
 )
 case "${1:-all}" in
   tool) ;;
