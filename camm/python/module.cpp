@@ -3,6 +3,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "camm/program/summary_text.h"
 #include "camm/recording.h"
 #include "camm/summary.h"
+#include "camm/track_writer.h"
 
 namespace py = pybind11;
 
@@ -101,6 +103,52 @@ camm::ReadOptions Options(int stream, const std::string& origin) {
     throw py::value_error("origin is \"container\" or \"first packet\", not \"" + origin + "\"");
   }
   return options;
+}
+
+/// Appends an array's samples, whose type is a series' own.
+template <typename T>
+void Append(const py::dict& arrays, std::vector<camm::TimedSample>& samples) {
+  const py::str name{std::string(T::kName)};
+  if (!arrays.contains(name)) return;
+  const auto array = arrays[name].cast<py::array>();
+  const auto* series = static_cast<const camm::Timed<T>*>(array.data());
+  for (py::ssize_t i = 0; i < array.size(); ++i) {
+    samples.push_back({series[i].time_ns, series[i].value});
+  }
+}
+
+/// In the order of time; at one time, types in the order of their numbers.
+std::vector<camm::TimedSample> Merged(const py::dict& arrays) {
+  std::vector<camm::TimedSample> samples;
+  Append<camm::AngleAxis>(arrays, samples);
+  Append<camm::Exposure>(arrays, samples);
+  Append<camm::Gyro>(arrays, samples);
+  Append<camm::Accel>(arrays, samples);
+  Append<camm::Position>(arrays, samples);
+  Append<camm::GpsMin>(arrays, samples);
+  Append<camm::Gps>(arrays, samples);
+  Append<camm::Magnetic>(arrays, samples);
+  std::stable_sort(samples.begin(), samples.end(),
+                   [](const auto& a, const auto& b) { return a.time_ns < b.time_ns; });
+  return samples;
+}
+
+void Write(const std::string& path, const py::dict& arrays, const std::string& video, bool replace,
+           bool overwrite) {
+  const std::vector<camm::TimedSample> samples = Merged(arrays);
+  camm::WriterOptions options;
+  options.video = video;
+  options.existing = replace ? camm::ExistingTrack::kReplace : camm::ExistingTrack::kRefuse;
+  options.overwrite = overwrite;
+  camm::WriteResult result;
+  {
+    const py::gil_scoped_release unlocked;
+    camm::TrackWriter writer(path, options);
+    for (const camm::TimedSample& sample : samples) writer.Add(sample.time_ns, sample.sample);
+    result = writer.Finish();
+  }
+  if (result.status != camm::Status::kWhole)
+    throw Failure{path + ": " + result.error, result.status};
 }
 
 /// Samples one at a time. They are read in batches, without the interpreter's lock.
@@ -234,6 +282,7 @@ PYBIND11_MODULE(_camm, module) {
     const py::gil_scoped_release unlocked;
     return camm::program::SummaryJson(path, camm::Summarize(self));
   });
+  module.def("write", &Write);
   module.def("imu", [](const Recording& self) {
     auto merged = std::make_unique<std::vector<camm::ImuSample>>();
     {

@@ -3,6 +3,7 @@
 
 import doctest
 import gc
+import os
 import pathlib
 import subprocess
 import sys
@@ -28,7 +29,8 @@ class Module(unittest.TestCase):
         cls.folder.cleanup()
 
     def test_documentation(self):
-        names = {"SAMPLE": SAMPLE, "MOTRACE_OUT": self.folder.name, "camm": camm, "ride": self.ride}
+        os.chdir(self.folder.name)
+        names = {"SAMPLE": SAMPLE, "MOTRACE_OUT": ".", "OUT": "with_motion.mp4", "camm": camm, "ride": self.ride}
         failed, tried = doctest.testmod(camm, extraglobs=names)
         self.assertEqual(failed, 0)
         self.assertGreater(tried, 8)
@@ -84,6 +86,19 @@ class Module(unittest.TestCase):
             np.testing.assert_allclose(out.gps[field], self.ride.gps[field], rtol=1e-14)
         offset = self.ride.gyro["time_ns"][0] - out.gyro["time_ns"][0]
         self.assertLessEqual(np.abs(out.gyro["time_ns"] + offset - self.ride.gyro["time_ns"]).max(), 1_000_000)
+
+    def test_what_is_written_reads_back(self):
+        path = pathlib.Path(self.folder.name, "alone.mp4")
+        out = camm.load_motrace(self.folder.name)
+        out.gyro["x_rad_s"][:3] = np.nan, np.inf, -0.0
+        camm.write(path, out)
+        back = camm.read(path)
+        for name in ("gyro", "accel", "exposure", "gps"):
+            self.assertEqual(getattr(back, name).tobytes(), getattr(out, name).tobytes(), name)
+        with self.assertRaises(camm.Error):
+            camm.write(path, out)
+        camm.write(path, self.ride, overwrite=True)
+        self.assertTrue(np.array_equal(camm.read(path).magnetic, self.ride.magnetic))
 
 
 if __name__ == "__main__":

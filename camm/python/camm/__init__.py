@@ -26,7 +26,7 @@ import numpy as np
 from . import _camm
 from ._camm import NO_TIME, Error
 
-__all__ = ["Error", "NO_TIME", "Recording", "Series", "imu", "load_motrace", "read", "samples"]
+__all__ = ["Error", "NO_TIME", "Recording", "Series", "imu", "load_motrace", "read", "samples", "write"]
 
 Error.__doc__ = """A file that could not be read.
 
@@ -121,6 +121,25 @@ def imu(recording):
     Series([0.  , 0.3 , 9.81], dtype=float32)
     """
     return _camm.imu(recording._native).view(Series)
+
+
+def write(path, recording, *, video=None, replace=False, overwrite=False):
+    """Writes the recording's samples as a `camm` track, in the order of time.
+
+    `recording` is a `Recording` or anything else that has some of its arrays. `video` is the MP4 or
+    QuickTime file whose other tracks the new file holds as well; `replace` takes the place of its
+    `camm` tracks. A file at `path` stays unless `overwrite`; on failure nothing is left behind.
+
+    >>> camm.write(OUT, ride, video=SAMPLE, replace=True)
+    >>> camm.read(OUT)
+    <camm.Recording 'with_motion.mp4': 4 angle_axis, 120 exposure, 800 gyro, 800 accel, 4 position, 4 gps_min, 40 gps, 4 magnetic>
+    """
+    arrays = {
+        name: np.ascontiguousarray(getattr(recording, name), dtype=dtype)
+        for name, dtype in _camm.DTYPES.items()
+        if hasattr(recording, name)
+    }
+    _camm.write(os.fspath(path), arrays, os.fspath(video or ""), replace, overwrite)
 
 
 def load_motrace(directory):
