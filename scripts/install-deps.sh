@@ -17,7 +17,8 @@ case "${1:-all}" in
     packages+=(
       libopencv-core-dev libopencv-imgproc-dev ocl-icd-opencl-dev pocl-opencl-icd
       libgtest-dev libgmock-dev libbenchmark-dev
-      python3 python3-dev python3-numpy python3-pandas pybind11-dev man-db file
+      python3 python3-dev python3-numpy python3-pandas pybind11-dev chromium chromium-driver
+      man-db file
     )
     if [ "${1:-all}" = lint ]; then packages+=(clang-format-14 clang-tidy-14); fi
     ;;

@@ -152,6 +152,7 @@
       event.preventDefault();
       keys[event.key]();
     });
+    place.dygraph = graph;
     graphs.push({ graph, levels });
   }
 
