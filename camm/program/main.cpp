@@ -27,6 +27,7 @@ int Main(int argc, char** argv) {
   AddInfo(app, run);
   AddInject(app, run);
   AddCopy(app, run);
+  AddCheck(app, run);
   AddReport(app, run);
   try {
     app.parse(argc, argv);

@@ -51,6 +51,7 @@ using Run = std::function<int()>;
 void AddInfo(CLI::App& app, Run& run);
 void AddInject(CLI::App& app, Run& run);
 void AddCopy(CLI::App& app, Run& run);
+void AddCheck(CLI::App& app, Run& run);
 void AddReport(CLI::App& app, Run& run);
 
 /// A verb with the common options.
