@@ -115,8 +115,10 @@ void Repair(Source& source) {
   const int cols = image.cols;
   const float rate = source.Real();
   const bool any_colour = source.Below(2) == 1;
-  const auto repair = any_colour ? lum::raw::FixBadPixels2 : lum::raw::FixBadPixels;
-  if (Accepted([&] { repair(image, rate, lum::raw::Backend::kProcessor); }, {&image})) {
+  const auto repair = [&] {
+    any_colour ? lum::raw::FixBadPixels2(image, rate) : lum::raw::FixBadPixels(image, rate);
+  };
+  if (Accepted(repair, {&image})) {
     Require(Is(image, CV_16UC1, rows, cols) && rate > 0, "a repaired image keeps its form");
   }
 }

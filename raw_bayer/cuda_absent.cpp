@@ -1,19 +1,21 @@
-// The CUDA backend of builds without a CUDA compiler.
+// The CUDA backend of builds without CUDA.
 
 #include <opencv2/core.hpp>
 
 #include "raw_bayer/backends.h"
+#include "raw_bayer/cuda.h"
 
-namespace lum::raw::cuda {
+namespace lum {
 namespace {
 
 [[noreturn]] void Fail() {
-  throw cv::Exception(cv::Error::GpuNotSupported,
-                      "CUDA backend: not in this build, which had no CUDA compiler", "lum::raw",
+  throw cv::Exception(cv::Error::GpuNotSupported, "CUDA backend: not in this build", "lum::raw",
                       __FILE__, __LINE__);
 }
 
 }  // namespace
+
+namespace raw::cuda {
 
 bool Available() { return false; }
 void FixBadPixels(cv::Mat& /*image*/, float /*bad_pixel_rate*/) { Fail(); }
@@ -26,4 +28,26 @@ void MergeRaw(const cv::Mat& /*g*/, const cv::Mat& /*r*/, const cv::Mat& /*b*/, 
   Fail();
 }
 
-}  // namespace lum::raw::cuda
+}  // namespace raw::cuda
+
+namespace cuda_lum_raw {
+
+void FixBadPixels(const Image& /*source*/, const Image& /*image*/, float /*bad_pixel_rate*/,
+                  CUstream_st* /*stream*/) {
+  Fail();
+}
+void FixBadPixels2(const Image& /*source*/, const Image& /*image*/, float /*bad_pixel_rate*/,
+                   CUstream_st* /*stream*/) {
+  Fail();
+}
+void SplitRaw(const Image& /*raw_border*/, const Image& /*g*/, const Image& /*r*/,
+              const Image& /*b*/, int /*border_size*/, CUstream_st* /*stream*/) {
+  Fail();
+}
+void MergeRaw(const Image& /*g*/, const Image& /*r*/, const Image& /*b*/, const Image& /*raw*/,
+              CUstream_st* /*stream*/) {
+  Fail();
+}
+
+}  // namespace cuda_lum_raw
+}  // namespace lum

@@ -58,76 +58,49 @@ LUM_RAW_HOST_DEVICE inline std::uint16_t Brighter(std::uint16_t a, std::uint16_t
   return a > b ? a : b;
 }
 
-/// The sample that `FixBadPixels` leaves at (x, y). `at(x, y)` reads the unmodified image, whose
-/// size is `width` x `height`.
+/// The sample that `FixBadPixels` leaves at a position. `at(dx, dy)` reads the unmodified image
+/// that far from it.
 template <typename Read>
-LUM_RAW_HOST_DEVICE inline std::uint16_t Repaired(const Read& at, int x, int y, int width,
-                                                  int height, float bad_pixel_rate) {
-  const std::uint16_t sample = at(x, y);
-  if (x < 2 || x >= width - 2 || y < 2 || y >= height - 2) {
-    return sample;
-  }
+LUM_RAW_HOST_DEVICE inline std::uint16_t Repaired(const Read& at, bool red_or_blue,
+                                                  float bad_pixel_rate) {
+  const std::uint16_t sample = at(0, 0);
   const std::uint16_t brightest =
-      Brighter(Brighter(at(x, y - 1), at(x - 1, y)), Brighter(at(x + 1, y), at(x, y + 1)));
+      Brighter(Brighter(at(0, -1), at(-1, 0)), Brighter(at(1, 0), at(0, 1)));
   if (!Outshines(sample, brightest, bad_pixel_rate)) {
     return sample;
   }
-  const bool red_or_blue = ((x ^ y) & 1) == 0;
-  return red_or_blue
-             ? MeanOf4(at(x, y - 2), at(x - 2, y), at(x + 2, y), at(x, y + 2))
-             : MeanOf4(at(x - 1, y - 1), at(x + 1, y - 1), at(x - 1, y + 1), at(x + 1, y + 1));
+  return red_or_blue ? MeanOf4(at(0, -2), at(-2, 0), at(2, 0), at(0, 2))
+                     : MeanOf4(at(-1, -1), at(1, -1), at(-1, 1), at(1, 1));
 }
 
-/// The same for `FixBadPixels2`.
+/// The same for `FixBadPixels2`; beyond an edge `at` reads the nearest sample.
 template <typename Read>
-LUM_RAW_HOST_DEVICE inline std::uint16_t Repaired2(const Read& at, int x, int y, int width,
-                                                   int height, float bad_pixel_rate) {
-  const int left = x > 0 ? x - 1 : 0;
-  const int right = x < width - 1 ? x + 1 : width - 1;
-  const int above = y > 0 ? y - 1 : 0;
-  const int below = y < height - 1 ? y + 1 : height - 1;
-  const std::uint16_t around[] = {at(left, above), at(x, above),    at(right, above),
-                                  at(left, y),     at(right, y),    at(left, below),
-                                  at(x, below),    at(right, below)};
+LUM_RAW_HOST_DEVICE inline std::uint16_t Repaired2(const Read& at, float bad_pixel_rate) {
+  const std::uint16_t around[] = {at(-1, -1), at(0, -1), at(1, -1), at(-1, 0),
+                                  at(1, 0),   at(-1, 1), at(0, 1),  at(1, 1)};
   std::uint16_t brightest = 0;
   unsigned sum = 0;
   for (const std::uint16_t neighbour : around) {
     brightest = Brighter(brightest, neighbour);
     sum += neighbour;
   }
-  const std::uint16_t sample = at(x, y);
+  const std::uint16_t sample = at(0, 0);
   return Outshines(sample, brightest, bad_pixel_rate) ? static_cast<std::uint16_t>(sum / 8)
                                                       : sample;
 }
 
-/// Writes what one cell of `SplitRaw` writes.
-LUM_RAW_HOST_DEVICE inline void SplitCell(const ConstPlane& raw, const MutablePlane& g,
-                                          const MutablePlane& r, const MutablePlane& b, int border,
-                                          int x, int y) {
-  const int rx = 2 * x + border;
-  const int ry = 2 * y + border;
-  const std::uint16_t green_right = SampleAt(raw, rx + 1, ry);
-  const std::uint16_t green_below = SampleAt(raw, rx, ry + 1);
-  SampleAt(r, x, y) = SampleAt(raw, rx, ry);
-  SampleAt(b, x, y) = SampleAt(raw, rx + 1, ry + 1);
-  SampleAt(g, 2 * x, 2 * y) =
-      MeanOf4(SampleAt(raw, rx, ry - 1), green_right, green_below, SampleAt(raw, rx - 1, ry));
-  SampleAt(g, 2 * x + 1, 2 * y) = green_right;
-  SampleAt(g, 2 * x, 2 * y + 1) = green_below;
-  SampleAt(g, 2 * x + 1, 2 * y + 1) = MeanOf4(green_right, SampleAt(raw, rx + 2, ry + 1),
-                                              SampleAt(raw, rx + 1, ry + 2), green_below);
-}
+/// What one cell of `SplitRaw` writes.
+struct SplitSamples {
+  std::uint16_t red, blue, green_at_red, green_right, green_below, green_at_blue;
+};
 
-/// Writes what one cell of `MergeRaw` writes. `g` and `raw` are one image of their batch.
-LUM_RAW_HOST_DEVICE inline void MergeCell(const ConstPlane& g, const ConstPlane& r,
-                                          const ConstPlane& b, const MutablePlane& raw, int x,
-                                          int y) {
-  const int rx = 2 * x;
-  const int ry = 2 * y;
-  SampleAt(raw, rx, ry) = SampleAt(r, x, y);
-  SampleAt(raw, rx + 1, ry) = SampleAt(g, rx + 1, ry);
-  SampleAt(raw, rx, ry + 1) = SampleAt(g, rx, ry + 1);
-  SampleAt(raw, rx + 1, ry + 1) = SampleAt(b, x, y);
+/// Takes a cell apart; `at(dx, dy)` reads the mosaic that far from its red sample.
+template <typename Read>
+LUM_RAW_HOST_DEVICE inline SplitSamples SplitCell(const Read& at) {
+  const std::uint16_t right = at(1, 0);
+  const std::uint16_t below = at(0, 1);
+  return {at(0, 0), at(1, 1), MeanOf4(at(0, -1), right, below, at(-1, 0)),
+          right,    below,    MeanOf4(right, at(2, 1), at(1, 2), below)};
 }
 
 }  // namespace lum::raw

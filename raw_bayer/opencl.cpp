@@ -1,4 +1,8 @@
+#include <unistd.h>
+
+#include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <opencv2/core.hpp>
 #include <opencv2/core/ocl.hpp>
@@ -16,16 +20,13 @@ namespace {
                       __FILE__, __LINE__);
 }
 
-/// OpenCV's own device if it has chosen one; it takes processors (as PoCL's device) only where a
-/// user asks for them by OPENCV_OPENCL_DEVICE. Otherwise the first device that OpenCL lists.
-cv::ocl::OpenCLExecutionContext FindContext() {
-  if (!cv::ocl::haveOpenCL()) {
-    return {};
-  }
-  const cv::ocl::OpenCLExecutionContext& current = cv::ocl::OpenCLExecutionContext::getCurrentRef();
-  if (!current.empty()) {
-    return current;
-  }
+std::string SizeText(const cv::Size& size) {
+  return std::to_string(size.width) + " x " + std::to_string(size.height);
+}
+
+/// The first device that the machine lists. OpenCV itself chooses processors (as PoCL's device)
+/// only where a user asks for them by OPENCV_OPENCL_DEVICE.
+cv::ocl::OpenCLExecutionContext FirstListed() {
   std::vector<cv::ocl::PlatformInfo> platforms;
   cv::ocl::getPlatfomsInfo(platforms);
   for (const cv::ocl::PlatformInfo& platform : platforms) {
@@ -50,35 +51,49 @@ cv::ocl::OpenCLExecutionContext FindContext() {
   return {};
 }
 
-/// The device with its programs. One call at a time: OpenCV's queue and kernels are shared state.
-struct Device {
+/// What all calls share. One at a time: OpenCV's queue and kernels are shared state.
+struct Shared {
   std::mutex mutex;
-  cv::ocl::OpenCLExecutionContext context;  // guarded by mutex
+  cv::ocl::OpenCLExecutionContext first_listed;  // guarded by mutex; empty until it is needed
 
-  static Device& Get() {
-    static Device device;
-    return device;
+  static Shared& Get() {
+    static Shared shared;
+    return shared;
   }
 
-  /// Finds the device on first use. @return whether there is one.
-  bool Open() {
-    if (context.empty()) {
-      try {
-        context = FindContext();
-      } catch (const cv::Exception&) {
-        return false;
-      }
+  /// The device that OpenCV works with on this thread, or else the first that is listed.
+  /// @param problem  why there is none.
+  cv::ocl::OpenCLExecutionContext Find(std::string& problem) {
+#ifdef __linux__
+    // Drivers look the processor's or card's parts up there; PoCL ends the process without it.
+    if (access("/sys/devices", R_OK) != 0) {
+      problem = "not tried, as /sys is not mounted and drivers may end the process without it";
+      return {};
     }
-    return !context.empty();
+#endif
+    problem = "no device";
+    try {
+      if (!cv::ocl::haveOpenCL()) {
+        return {};
+      }
+      const auto& current = cv::ocl::OpenCLExecutionContext::getCurrentRef();
+      if (!current.empty()) {
+        return current;
+      }
+      if (first_listed.empty()) {
+        first_listed = FirstListed();
+      }
+    } catch (const cv::Exception& error) {
+      problem = "looking for a device failed: " + error.err;
+    }
+    return first_listed;
   }
 };
 
 /// Makes the device OpenCV's current one on this thread for the length of a call.
 class Session {
  public:
-  Session() : device_(Device::Get()), lock_(device_.mutex), scope_(Opened(device_)) {
-    cv::ocl::setUseOpenCL(true);
-  }
+  Session() : lock_(Shared::Get().mutex), scope_(Opened()) { cv::ocl::setUseOpenCL(true); }
   ~Session() { cv::ocl::setUseOpenCL(was_used_); }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -90,7 +105,15 @@ class Session {
   }
 
   static cv::UMat Allocate(const cv::Size& size) {
+    if (static_cast<std::int64_t>(size.width) * size.height > INT_MAX) {
+      Fail("expected an image of at most " + std::to_string(INT_MAX) + " samples, got " +
+           SizeText(size));
+    }
     cv::UMat image(size, CV_16UC1, cv::USAGE_ALLOCATE_DEVICE_MEMORY);
+    // OpenCV falls back to the host's memory in silence.
+    if (image.u == nullptr || image.u->currAllocator != cv::ocl::getOpenCLAllocator()) {
+      Fail("out of device memory for an image of " + SizeText(size));
+    }
     // The kernels address rows stored back to back.
     if (!image.isContinuous()) {
       Fail("expected device memory without gaps between rows");
@@ -121,14 +144,15 @@ class Session {
   }
 
  private:
-  static const cv::ocl::OpenCLExecutionContext& Opened(Device& device) {
-    if (!device.Open()) {
-      Fail("no device");
+  static cv::ocl::OpenCLExecutionContext Opened() {
+    std::string problem;
+    const cv::ocl::OpenCLExecutionContext context = Shared::Get().Find(problem);
+    if (context.empty()) {
+      Fail(problem);
     }
-    return device.context;
+    return context;
   }
 
-  Device& device_;
   std::lock_guard<std::mutex> lock_;
   bool was_used_ = cv::ocl::useOpenCL();
   cv::ocl::OpenCLExecutionContextScope scope_;
@@ -151,9 +175,9 @@ void Repair(const char* kernel, cv::Mat& image, float bad_pixel_rate) {
 }  // namespace
 
 bool Available() {
-  Device& device = Device::Get();
-  const std::lock_guard<std::mutex> lock(device.mutex);
-  return device.Open();
+  const std::lock_guard<std::mutex> lock(Shared::Get().mutex);
+  std::string problem;
+  return !Shared::Get().Find(problem).empty();
 }
 
 void FixBadPixels(cv::Mat& image, float bad_pixel_rate) {

@@ -1,10 +1,8 @@
-// The kernels on the processor: spans of rows by the vector code of row_kernels.h, stripes of rows
-// by cv::parallel_for_. A span lies inside one row, where the access rule changes no column; its
-// rows come from `Row`, and all samples outside spans go through the shared rules in
-// mosaic_rules.h.
+// The kernels on the processor: spans of rows by the kernels of row_kernels.h, stripes of rows by
+// cv::parallel_for_. A span lies inside one row, where the access rule changes no column; its rows
+// come from `Row`.
 
 #include <algorithm>
-#include <cfloat>
 #include <cstddef>
 #include <cstdint>
 #include <opencv2/core/utility.hpp>
@@ -17,8 +15,6 @@
 
 namespace lum::raw::processor {
 namespace {
-
-static_assert(FLT_EVAL_METHOD == 0, "the quotient must be rounded to single precision");
 
 using std::size_t;
 using Sample = std::uint16_t;
@@ -44,38 +40,40 @@ S* SpanAt(const Plane<S>& plane, int x, int y) {
 
 /// Stripes for work on `rows` rows of `width` samples: some per thread to even out the load, but
 /// none so small that handing it out costs more than the work.
-int StripeCount(int rows, int width) {
+int StripeCount(int rows, std::int64_t width) {
   constexpr std::int64_t kMinSamples = 1 << 14;
-  const std::int64_t samples = static_cast<std::int64_t>(rows) * width;
-  const std::int64_t most = std::min<std::int64_t>(samples / kMinSamples, rows);
+  const std::int64_t most = std::min<std::int64_t>(rows * width / kMinSamples, rows);
   return static_cast<int>(
       std::clamp<std::int64_t>(4LL * cv::getNumThreads(), 1, std::max<std::int64_t>(most, 1)));
 }
 
-/// First row of stripe `index`; that of the stripe behind the last is `last`.
+/// First row of stripe `index`; that of the stripe after the last is `last`.
 int StripeStart(int first, int last, int index, int count) {
   return first + static_cast<int>(static_cast<std::int64_t>(last - first) * index / count);
 }
 
 /// Calls `work(first_row, last_row)` for stripes of the rows 0 to `rows`.
 template <typename Work>
-void ForStripes(int rows, int width, const Work& work) {
+void ForStripes(int rows, std::int64_t width, const Work& work) {
   const int count = StripeCount(rows, width);
   simd::ParallelFor(count, [&](int i) {
     work(StripeStart(0, rows, i, count), StripeStart(0, rows, i + 1, count));
   });
 }
 
+/// The set in use, or plain loops for spans shorter than its vectors.
+const Kernels& KernelsFor(int samples) {
+  const Kernels& active = kernels::Active();
+  return samples < active.lanes ? kernels::kPlainKernels : active;
+}
+
 /// `FixBadPixels` for one row.
 struct CrossRule {
   static constexpr int kReach = 2;     // Rows that count above and below.
-  static constexpr int kMargin = 2;    // Samples on each side of a row without vector code.
+  static constexpr int kMargin = 2;    // Samples on each side of a row that are no span's.
   static constexpr int kKeptRows = 2;  // Rows at the top and the bottom that are left alone.
+  static constexpr bool kRepairsEdges = false;
   static constexpr auto kSpan = &Kernels::fix_bad_pixels;
-  template <typename Read>
-  static Sample One(const Read& at, int x, int y, int width, int height, float rate) {
-    return Repaired(at, x, y, width, height, rate);
-  }
 };
 
 /// `FixBadPixels2` for one row.
@@ -83,11 +81,8 @@ struct SquareRule {
   static constexpr int kReach = 1;
   static constexpr int kMargin = 1;
   static constexpr int kKeptRows = 0;
+  static constexpr bool kRepairsEdges = true;
   static constexpr auto kSpan = &Kernels::fix_bad_pixels_2;
-  template <typename Read>
-  static Sample One(const Read& at, int x, int y, int width, int height, float rate) {
-    return Repaired2(at, x, y, width, height, rate);
-  }
 };
 
 /// Repairs the rows `first` to `last` of an image in place, as if from a copy, while other threads
@@ -127,7 +122,6 @@ class RepairStripe {
   static constexpr int kRing = Rule::kReach + 1;
 
   void RepairRow(int y, const kernels::Screen& screen) {
-    const Kernels& kernels = kernels::Active();
     Sample* const out = Row(image_, y);
     // Clamped, as the rows beyond the image are asked for only where they do not count.
     kernels::RepairRow row{
@@ -146,23 +140,21 @@ class RepairStripe {
       }
     };
 
-    int done = Rule::kMargin;
     const int end = image_.width - Rule::kMargin;
-    if (end - done >= kernels.lanes) {
-      const auto span = kernels.*Rule::kSpan;
-      done = span(row, screen, done, end);
-      if (done < end) {
+    if (end > Rule::kMargin) {
+      const auto span = KernelsFor(end - Rule::kMargin).*Rule::kSpan;
+      const int found = span(row, screen, Rule::kMargin, end);
+      if (found < end) {
         save();
-        span(row, screen, done, end);
+        span(row, screen, found, end);
       }
-      done = end;
     }
-    const auto at = [&](int x, int at_y) {
-      return row.rows[2 + at_y - y][SampleOffset(x, 0, image_.width, 1, 0)];
-    };
-    for (int x = 0; x < image_.width; x = x + 1 == Rule::kMargin ? done : x + 1) {
-      const Sample repaired = Rule::One(at, x, y, image_.width, image_.height, screen.rate);
-      if (repaired != row.rows[2][x]) {
+    for (const int x : {0, image_.width - 1}) {
+      const auto at = [&](int dx, int dy) {
+        return row.rows[2 + dy][std::clamp(x + dx, 0, image_.width - 1)];
+      };
+      const Sample repaired = Rule::kRepairsEdges ? Repaired2(at, screen.rate) : at(0, 0);
+      if (repaired != at(0, 0)) {
         save();
         out[x] = repaired;
       }
@@ -237,30 +229,28 @@ class Rows {
   alignas(64) Sample buffers_[kRows][2 * kChunk] = {};
 };
 
-/// Goes over all cells of a mosaic of `cells`. `vectors(rows, x, y, count)` treats up to `count`
-/// cells of row y from x on, writes where `rows` says and returns how many; `scalar(x, y)` treats
-/// one.
-template <int kRows, typename Vectors, typename Scalar>
-void ForCells(const cv::Size& cells, const Vectors& vectors, const Scalar& scalar) {
-  const Kernels& kernels = kernels::Active();
-  const bool has_vectors = kernels.split != nullptr;
-  const bool stream = has_vectors && static_cast<std::int64_t>(cells.width) * cells.height * 4 *
-                                             static_cast<int>(sizeof(Sample)) >=
-                                         kStreamedBytes;
-  ForStripes(cells.height, 4 * cells.width, [&](int first, int last) {
+/// Calls `work(kernels, rows, x, y, count)` for spans of `count` cells of row y from x on, until
+/// all `cells` of a mosaic are done. It writes where `rows` says.
+template <int kRows, typename Work>
+void ForSpans(const cv::Size& cells, const Work& work) {
+  const Kernels& active = kernels::Active();
+  const bool stream = active.stream != nullptr && static_cast<std::int64_t>(cells.width) *
+                                                          cells.height * 4 *
+                                                          static_cast<int>(sizeof(Sample)) >=
+                                                      kStreamedBytes;
+  const int chunk = stream ? kChunk : cells.width;
+  ForStripes(cells.height, 4LL * cells.width, [&](int first, int last) {
     Rows<kRows> rows(stream);
     for (int y = first; y < last; ++y) {
-      int x = 0;
-      for (int done = 1; has_vectors && done > 0 && x < cells.width; x += done) {
-        done = vectors(kernels, rows, x, y, std::min(kChunk, cells.width - x));
-        rows.Flush(kernels, static_cast<size_t>(done));
-      }
-      for (; x < cells.width; ++x) {
-        scalar(x, y);
+      for (int x = 0; x < cells.width;) {
+        const int count = std::min(chunk, cells.width - x);
+        work(KernelsFor(count), rows, x, y, count);
+        rows.Flush(active, static_cast<size_t>(count));
+        x += count;
       }
     }
     if (stream) {
-      kernels.finish_streaming();
+      active.finish_streaming();
     }
   });
 }
@@ -280,21 +270,18 @@ void SplitRaw(const cv::Mat& raw_border, cv::Mat& g, cv::Mat& r, cv::Mat& b, int
   const MutablePlane green = View(g);
   const MutablePlane red = View(r);
   const MutablePlane blue = View(b);
-  ForCells<4>(
-      r.size(),
-      [&](const Kernels& kernels, Rows<4>& rows, int x, int y, int count) {
-        const int rx = 2 * x + border_size;
-        const int ry = 2 * y + border_size;
-        return kernels.split({{SpanAt(raw, rx, ry - 1), SpanAt(raw, rx, ry),
-                               SpanAt(raw, rx, ry + 1), SpanAt(raw, rx, ry + 2)},
-                              {SpanAt(raw, rx, ry + 3), SpanAt(raw, rx, ry + 4)},
-                              {rows.To(0, SpanAt(green, 2 * x, 2 * y), 2),
-                               rows.To(1, SpanAt(green, 2 * x, 2 * y + 1), 2)},
-                              rows.To(2, SpanAt(red, x, y), 1),
-                              rows.To(3, SpanAt(blue, x, y), 1),
-                              count});
-      },
-      [&](int x, int y) { SplitCell(raw, green, red, blue, border_size, x, y); });
+  ForSpans<4>(r.size(), [&](const Kernels& kernels, Rows<4>& rows, int x, int y, int count) {
+    const int rx = 2 * x + border_size;
+    const int ry = 2 * y + border_size;
+    kernels.split({{SpanAt(raw, rx, ry - 1), SpanAt(raw, rx, ry), SpanAt(raw, rx, ry + 1),
+                    SpanAt(raw, rx, ry + 2)},
+                   {SpanAt(raw, rx, ry + 3), SpanAt(raw, rx, ry + 4)},
+                   {rows.To(0, SpanAt(green, 2 * x, 2 * y), 2),
+                    rows.To(1, SpanAt(green, 2 * x, 2 * y + 1), 2)},
+                   rows.To(2, SpanAt(red, x, y), 1),
+                   rows.To(3, SpanAt(blue, x, y), 1),
+                   count});
+  });
 }
 
 void MergeRaw(const cv::Mat& g, const cv::Mat& r, const cv::Mat& b, cv::Mat& raw) {
@@ -302,17 +289,14 @@ void MergeRaw(const cv::Mat& g, const cv::Mat& r, const cv::Mat& b, cv::Mat& raw
   const ConstPlane red = View(r);
   const ConstPlane blue = View(b);
   const MutablePlane mosaic = View(raw);
-  ForCells<2>(
-      r.size(),
-      [&](const Kernels& kernels, Rows<2>& rows, int x, int y, int count) {
-        return kernels.merge({{SpanAt(green, 2 * x, 2 * y), SpanAt(green, 2 * x, 2 * y + 1)},
-                              SpanAt(red, x, y),
-                              SpanAt(blue, x, y),
-                              {rows.To(0, SpanAt(mosaic, 2 * x, 2 * y), 2),
-                               rows.To(1, SpanAt(mosaic, 2 * x, 2 * y + 1), 2)},
-                              count});
-      },
-      [&](int x, int y) { MergeCell(green, red, blue, mosaic, x, y); });
+  ForSpans<2>(r.size(), [&](const Kernels& kernels, Rows<2>& rows, int x, int y, int count) {
+    kernels.merge({{SpanAt(green, 2 * x, 2 * y), SpanAt(green, 2 * x, 2 * y + 1)},
+                   SpanAt(red, x, y),
+                   SpanAt(blue, x, y),
+                   {rows.To(0, SpanAt(mosaic, 2 * x, 2 * y), 2),
+                    rows.To(1, SpanAt(mosaic, 2 * x, 2 * y + 1), 2)},
+                   count});
+  });
 }
 
 }  // namespace lum::raw::processor

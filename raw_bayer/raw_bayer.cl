@@ -17,12 +17,11 @@ ushort load_ushort(__global const ushort* image, int x, int y, int width, int he
 }
 
 ushort load_ushort_offset(__global const ushort* image, int x, int y, int width, int height,
-                                 size_t offset) {
+                          size_t offset) {
   return image[sample_index(x, y, width, height) + offset];
 }
 
-void store_uhsort(__global ushort* image, int x, int y, int width, int height,
-                         ushort value) {
+void store_uhsort(__global ushort* image, int x, int y, int width, int height, ushort value) {
   image[sample_index(x, y, width, height)] = value;
 }
 
@@ -57,7 +56,7 @@ uint max4(uint a, uint b, uint c, uint d) { return max(max(a, b), max(c, d)); }
 
 // The rule of kernel_fixBadPixels: what the sample at (x, y) becomes.
 ushort fixed_sample(__global const ushort* source, float rate, int x, int y, int width,
-                           int height) {
+                    int height) {
 #define AT(dx, dy) ((uint)load_ushort(source, x + (dx), y + (dy), width, height))
   const uint sample = AT(0, 0);
   if (!outshines(sample, max4(AT(0, -1), AT(-1, 0), AT(1, 0), AT(0, 1)), rate)) {
@@ -75,7 +74,7 @@ bool inside_margin(int x, int y, int width, int height) {
 
 // The rule of kernel_fixBadPixels2.
 ushort fixed_sample2(__global const ushort* source, float rate, int x, int y, int width,
-                            int height) {
+                     int height) {
   const int left = max(x - 1, 0);
   const int right = min(x + 1, width - 1);
   const int above = max(y - 1, 0);
@@ -145,14 +144,14 @@ __kernel void kernel_splitRaw(__global const ushort* rawBorder, __global ushort*
   const int rx = 2 * x + borderSize;
   const int ry = 2 * y + borderSize;
 #define RAW(dx, dy) ((uint)load_ushort(rawBorder, rx + (dx), ry + (dy), rawWidth, rawHeight))
-  const uint green_right = RAW(1, 0);
-  const uint green_below = RAW(0, 1);
+  // Everything is read before anything is written: for all the compiler knows, planes overlap.
+  const uint red = RAW(0, 0), green_right = RAW(1, 0), green_below = RAW(0, 1), blue = RAW(1, 1);
   // Means are truncated: adding 0.5 to an integer quotient and truncating again changes nothing.
   const uint green_at_red = (RAW(0, -1) + green_right + green_below + RAW(-1, 0)) / 4;
   const uint green_at_blue = (green_right + RAW(2, 1) + RAW(1, 2) + green_below) / 4;
-  store_uhsort(r, x, y, rbWidth, rbHeight, (ushort)RAW(0, 0));
-  store_uhsort(b, x, y, rbWidth, rbHeight, (ushort)RAW(1, 1));
 #undef RAW
+  store_uhsort(r, x, y, rbWidth, rbHeight, (ushort)red);
+  store_uhsort(b, x, y, rbWidth, rbHeight, (ushort)blue);
   store_uhsort(g, 2 * x, 2 * y, gWidth, gHeight, (ushort)green_at_red);
   store_uhsort(g, 2 * x + 1, 2 * y, gWidth, gHeight, (ushort)green_right);
   store_uhsort(g, 2 * x, 2 * y + 1, gWidth, gHeight, (ushort)green_below);
@@ -171,13 +170,17 @@ __kernel void kernel_mergeRaw(__global const ushort* g, __global const ushort* r
     return;
   }
   const size_t size = (size_t)rbWidth * (size_t)rbHeight * 4 * (size_t)index;
-  __global ushort* const mosaic = raw + size;
   const int rx = 2 * x;
   const int ry = 2 * y;
-  store_uhsort(mosaic, rx, ry, rawWidth, rawHeight, load_ushort(r, x, y, rbWidth, rbHeight));
-  store_uhsort(mosaic, rx + 1, ry, rawWidth, rawHeight,
-               load_ushort_offset(g, rx + 1, ry, gWidth, gHeight, size));
-  store_uhsort(mosaic, rx, ry + 1, rawWidth, rawHeight,
-               load_ushort_offset(g, rx, ry + 1, gWidth, gHeight, size));
-  store_uhsort(mosaic, rx + 1, ry + 1, rawWidth, rawHeight, load_ushort(b, x, y, rbWidth, rbHeight));
+  const ushort red = load_ushort(r, x, y, rbWidth, rbHeight);
+  const ushort green_right = load_ushort_offset(g, rx + 1, ry, gWidth, gHeight, size);
+  const ushort green_below = load_ushort_offset(g, rx, ry + 1, gWidth, gHeight, size);
+  const ushort blue = load_ushort(b, x, y, rbWidth, rbHeight);
+  // Reads follow the access rule, writes do not.
+  __global ushort* const row = raw + (size_t)ry * (size_t)rawWidth + (size_t)rx + size;
+  __global ushort* const next_row = row + (size_t)rawWidth;
+  row[0] = red;
+  row[1] = green_right;
+  next_row[0] = green_below;
+  next_row[1] = blue;
 }

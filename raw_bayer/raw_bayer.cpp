@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <new>
 #include <opencv2/core.hpp>
 #include <sstream>
 
@@ -126,13 +127,17 @@ void CheckApart(const char* function, const char* a_name, const Output& a, const
 template <typename Function, typename... Arguments>
 void Dispatch(const char* function, Backend backend, Function processor, Function opencl,
               Function cuda, Arguments&&... arguments) {
-  switch (backend) {
-    case Backend::kProcessor:
-      return processor(arguments...);
-    case Backend::kOpenCl:
-      return opencl(arguments...);
-    case Backend::kCuda:
-      return cuda(arguments...);
+  try {
+    switch (backend) {
+      case Backend::kProcessor:
+        return processor(arguments...);
+      case Backend::kOpenCl:
+        return opencl(arguments...);
+      case Backend::kCuda:
+        return cuda(arguments...);
+    }
+  } catch (const std::bad_alloc&) {
+    Reject(cv::Error::StsNoMem, function, "out of memory for rows of the image");
   }
   Reject(cv::Error::StsBadArg, function, "backend: expected kProcessor, kOpenCl or kCuda, got ",
          static_cast<int>(backend));
@@ -236,6 +241,11 @@ void MergeRaw(const cv::Mat& g, const cv::Mat& r, const cv::Mat& b, cv::Mat& raw
   // A raw that stays is written through a view of the one mosaic, so that its others are kept.
   const bool stays =
       raw.dims == 2 && raw.type() == CV_16UC1 && raw.cols == g.cols && raw.rows >= rows.end;
+  if (index > 0 && !stays && !raw.empty()) {
+    Reject(cv::Error::StsUnmatchedSizes, kName, "raw: expected an empty image or one that holds ",
+           "the mosaics before ", index, ", CV_16UC1 and at least ", SizeText(g.cols, rows.end),
+           ", got ", cv::typeToString(raw.type()), " and ", SizeText(raw.cols, raw.rows));
+  }
   cv::Mat batch = stays ? raw : cv::Mat(cv::Mat::zeros(g.size(), CV_16UC1));
   cv::Mat mosaic = batch.rowRange(rows);
   Output output(mosaic, height, g.cols, backend, {&green, &r, &b});

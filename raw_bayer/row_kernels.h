@@ -58,7 +58,7 @@ struct MergeSpan {
 /// The functions of one instruction set.
 struct Kernels {
   const char* name;
-  int lanes;  // samples in a vector; shorter spans must not be given to the repairs
+  int lanes;  // samples in a vector; shorter spans must not be given to the functions below
 
   /// Judges the samples from column `x` to `end`. Without `out` stops at the first vector that
   /// holds a bad sample, otherwise writes the repaired samples and leaves `out` alone elsewhere.
@@ -66,17 +66,16 @@ struct Kernels {
   int (*fix_bad_pixels)(const RepairRow&, const Screen&, int x, int end);
   int (*fix_bad_pixels_2)(const RepairRow&, const Screen&, int x, int end);
 
-  /// Write whole vectors of cells. @return how many cells are done.
-  int (*split)(const SplitSpan&);
-  int (*merge)(const MergeSpan&);
+  void (*split)(const SplitSpan&);
+  void (*merge)(const MergeSpan&);
 
-  /// Copies samples to memory that is not read soon, past the caches.
+  /// Copies samples to memory that is not read soon, past the caches. Null: cannot.
   void (*stream)(std::uint16_t* to, const std::uint16_t* from, std::size_t samples);
   /// Makes what this thread has streamed visible to others.
   void (*finish_streaming)();
 };
 
-extern const Kernels kPlainKernels;     // none at all: the callers' scalar code does everything
+extern const Kernels kPlainKernels;     // plain loops; what the others are compared with
 extern const Kernels kBaselineKernels;  // what the compiler's target has: SSE2, NEON, ...
 extern const Kernels kAvx2Kernels;      // these two only on x86
 extern const Kernels kAvx512Kernels;

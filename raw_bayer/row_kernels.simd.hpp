@@ -16,6 +16,9 @@ using Sample = std::uint16_t;
 
 constexpr int kLanes = v_uint16::nlanes;
 
+/// Columns of the widest rows, plus those of a vector, do not fit an int.
+using Column = std::ptrdiff_t;
+
 inline v_uint16 Load(const Sample* from) { return cv::vx_load(from); }
 inline v_uint32 Pairs(const Sample* from) { return cv::v_reinterpret_as_u32(Load(from)); }
 inline v_uint16 Samples(const v_uint32& pairs) { return cv::v_reinterpret_as_u16(pairs); }
@@ -71,7 +74,7 @@ class Judge {
       : high_(cv::vx_setall_u16(screen.high)),
         low_(cv::vx_setall_u16(screen.low)),
         whole_(cv::vx_setall_u16(screen.whole)),
-        rate_(cv::vx_setall_f32(screen.rate)),
+        rate_(screen.rate),
         useful_(screen.useful) {}
 
   /// Finds the good samples. @return whether any is bad; only where one is, or in a dense visit,
@@ -104,21 +107,33 @@ class Judge {
   }
 
  private:
-  static v_float32 Float(const v_uint32& v) { return cv::v_cvt_f32(cv::v_reinterpret_as_s32(v)); }
   /// The rule itself.
   v_uint32 NotOutshining(const v_uint32& samples, const v_uint32& brightest) const {
-    return cv::v_reinterpret_as_u32(Float(samples) / rate_ <= Float(brightest));
+#if CV_NEON && !defined(__aarch64__)
+    // 32-bit NEON divides by an estimate and knows no denormal numbers; its scalar unit is exact.
+    std::uint32_t sample[v_uint32::nlanes], limit[v_uint32::nlanes];
+    cv::v_store(sample, samples);
+    cv::v_store(limit, brightest);
+    for (int i = 0; i < v_uint32::nlanes; ++i) {
+      const bool good = static_cast<float>(sample[i]) / rate_ <= static_cast<float>(limit[i]);
+      limit[i] = good ? 0xffffffffU : 0;
+    }
+    return cv::vx_load(limit);
+#else
+    return cv::v_reinterpret_as_u32(Float(samples) / cv::vx_setall_f32(rate_) <= Float(brightest));
+#endif
   }
+  static v_float32 Float(const v_uint32& v) { return cv::v_cvt_f32(cv::v_reinterpret_as_s32(v)); }
 
   v_uint16 high_, low_, whole_;
-  v_float32 rate_;
+  float rate_;
   bool useful_;
 };
 
 /// The surroundings of a vector of samples from column `x` on, as `FixBadPixels` sees them.
 class Cross {
  public:
-  Cross(const RepairRow& row, int x) : row_(row), x_(x) {}
+  Cross(const RepairRow& row, Column x) : row_(row), x_(x) {}
 
   v_uint16 Brightest() const {
     return Max(Load(At(-1)), Load(At(0) - 1), Load(At(0) + 1), Load(At(1)));
@@ -137,13 +152,13 @@ class Cross {
  private:
   const Sample* At(int dy) const { return row_.rows[2 + dy] + x_; }
   const RepairRow& row_;
-  int x_;
+  Column x_;
 };
 
 /// The same for `FixBadPixels2`.
 class Square {
  public:
-  Square(const RepairRow& row, int x) {
+  Square(const RepairRow& row, Column x) {
     int i = 0;
     for (int dy = -1; dy <= 1; ++dy) {
       for (int dx = -1; dx <= 1; ++dx) {
@@ -169,7 +184,7 @@ class Square {
 
 /// @return whether a sample of the vector from column `x` on is bad.
 template <typename Around, Visit kVisit>
-inline bool VisitVector(const RepairRow& row, const Judge& judge, int x) {
+inline bool VisitVector(const RepairRow& row, const Judge& judge, Column x) {
   Prefetch(row.ahead + x);
   const Around around(row, x);
   const v_uint16 samples = Load(row.rows[2] + x);
@@ -185,14 +200,15 @@ inline bool VisitVector(const RepairRow& row, const Judge& judge, int x) {
 /// before ends: its samples come out the same again, as nothing reads `out`.
 /// @return where a search stopped, else `end`.
 template <typename Around>
-int Fix(const RepairRow& row, const Screen& screen, int x, int end) {
+int Fix(const RepairRow& row, const Screen& screen, int first, int end) {
   const Judge judge(screen);
-  const int last = end - kLanes;
+  const Column last = end - kLanes;
+  Column x = first;
   if (row.out == nullptr) {
     for (; x < end; x += kLanes) {
-      const int at = x < last ? x : last;
+      const Column at = x < last ? x : last;
       if (VisitVector<Around, Visit::kFind>(row, judge, at)) {
-        return at;
+        return static_cast<int>(at);
       }
     }
     return end;
@@ -204,7 +220,7 @@ int Fix(const RepairRow& row, const Screen& screen, int x, int end) {
     int vectors = 0;
     int with_bad = 0;
     for (; vectors < kRun && x < end; ++vectors, x += kLanes) {
-      const int at = x < last ? x : last;
+      const Column at = x < last ? x : last;
       with_bad += (dense ? VisitVector<Around, Visit::kDense>(row, judge, at)
                          : VisitVector<Around, Visit::kSparse>(row, judge, at))
                       ? 1
@@ -215,13 +231,23 @@ int Fix(const RepairRow& row, const Screen& screen, int x, int end) {
   return end;
 }
 
-int Split(const SplitSpan& span) {
-  int x = 0;
-  for (; x + kLanes <= span.cells; x += kLanes) {
+/// Calls `work(x)` for the vectors of a span of cells; the last may begin before the end of the one
+/// before.
+template <typename Work>
+inline void ForVectors(int cells, const Work& work) {
+  const Column last = cells - kLanes;
+  for (Column x = 0; x < last; x += kLanes) {
+    work(x);
+  }
+  work(last);
+}
+
+void Split(const SplitSpan& span) {
+  ForVectors(span.cells, [&](Column x) {
     v_uint32 red[2];
     v_uint32 blue[2];
     for (int i = 0; i < 2; ++i) {
-      const int rx = 2 * x + i * kLanes;
+      const Column rx = 2 * x + i * kLanes;
       Prefetch(span.ahead[0] + rx);
       Prefetch(span.ahead[1] + rx);
       const v_uint32 top = Pairs(span.raw[1] + rx);     // red, green
@@ -229,7 +255,7 @@ int Split(const SplitSpan& span) {
       const v_uint32 greens = Second(top) + First(bottom);
       const v_uint32 at_red =
           greens + First(Pairs(span.raw[0] + rx)) + First(Pairs(span.raw[1] + rx - 1));
-      // The load one further ends at the first sample behind the span, at most in the border.
+      // The load one further ends at the first sample after the span, at most in the border.
       const v_uint32 at_blue =
           greens + Second(Pairs(span.raw[2] + rx + 1)) + Second(Pairs(span.raw[3] + rx));
       cv::v_store(span.g[0] + rx, WithFirst(top, cv::v_shr<2>(at_red)));
@@ -239,23 +265,20 @@ int Split(const SplitSpan& span) {
     }
     cv::v_store(span.r + x, cv::v_pack(red[0], red[1]));
     cv::v_store(span.b + x, cv::v_pack(blue[0], blue[1]));
-  }
-  return x;
+  });
 }
 
-int Merge(const MergeSpan& span) {
-  int x = 0;
-  for (; x + kLanes <= span.cells; x += kLanes) {
+void Merge(const MergeSpan& span) {
+  ForVectors(span.cells, [&](Column x) {
     v_uint32 red[2], blue[2];
     cv::v_expand(Load(span.r + x), red[0], red[1]);
     cv::v_expand(Load(span.b + x), blue[0], blue[1]);
     for (int i = 0; i < 2; ++i) {
-      const int rx = 2 * x + i * kLanes;
+      const Column rx = 2 * x + i * kLanes;
       cv::v_store(span.raw[0] + rx, WithFirst(Pairs(span.g[0] + rx), red[i]));
       cv::v_store(span.raw[1] + rx, WithSecond(Pairs(span.g[1] + rx), blue[i]));
     }
-  }
-  return x;
+  });
 }
 
 void Stream(Sample* to, const Sample* from, std::size_t samples) {
@@ -292,6 +315,6 @@ const Kernels LUM_KERNELS = {
 #else  // No vectors that the code above can use.
 
 const lum::raw::kernels::Kernels lum::raw::kernels::LUM_KERNELS = {
-    "none", 0x7fffffff, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+    "none", 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
 
 #endif

@@ -5,9 +5,10 @@
 // ones quartiles. Rates count bytes read plus written, whole planes each.
 //   vs_memcpy    kernel's rate / rate of memcpy of one mosaic, on as many threads
 //   memcpy_GBps  that memcpy's rate: how much memory bandwidth others left
-//   vs_scalar    time of the plain scalar loop of the tests, on one thread and compiled with the
-//                flags of the library, / kernel's time
-// Before the clock starts the kernel's result is compared with the plain loop's.
+//   vs_scalar    time of the library's plain loops on one thread / kernel's time
+// Before the clock starts the kernel's result is compared with the plain loops'.
+//
+// Outputs are reused, as they should be; the rows named fresh allocate them in each call.
 //
 // A benchmark's name ends in the backend or, for the processor with its instruction set forced, in
 // the name of that set.
@@ -24,7 +25,6 @@
 
 #include "raw_bayer/raw_bayer.h"
 #include "raw_bayer/row_kernels.h"
-#include "tests/raw_bayer/reference.h"
 
 namespace lum::raw {
 namespace {
@@ -75,9 +75,36 @@ struct CopyBuffers {
   cv::Mat to = cv::Mat(kHeight, kWidth, CV_16UC1, cv::Scalar(2));
 };
 
-template <typename Reset, typename Kernel, typename Scalar>
-void Measure(benchmark::State& state, double bytes, const Reset& reset, const Kernel& kernel,
-             const Scalar& scalar) {
+/// Where a benchmark runs; `kernels` is null for the backend's own choice.
+struct Place {
+  Backend backend;
+  const kernels::Kernels* kernels;
+};
+
+bool Usable(benchmark::State& state, const Place& place) {
+  const std::vector<Backend> available = AvailableBackends();
+  if (std::find(available.begin(), available.end(), place.backend) == available.end()) {
+    state.SkipWithError((std::string("no ") + BackendName(place.backend) + " device").c_str());
+    return false;
+  }
+  cv::setNumThreads(kThreads);
+  kernels::Force(place.kernels);
+  return true;
+}
+
+/// Calls `work` with plain loops on one thread.
+template <typename Work>
+void Plainly(const Place& place, const Work& work) {
+  kernels::Force(&kernels::kPlainKernels);
+  cv::setNumThreads(1);
+  work();
+  cv::setNumThreads(kThreads);
+  kernels::Force(place.kernels);
+}
+
+template <typename Reset, typename Kernel, typename Plain>
+void Measure(benchmark::State& state, const Place& place, double bytes, const Reset& reset,
+             const Kernel& kernel, const Plain& plain) {
   CopyBuffers copy;
   Figures vs_memcpy;
   Figures memcpy_rate;
@@ -92,7 +119,8 @@ void Measure(benchmark::State& state, double bytes, const Reset& reset, const Ke
     vs_memcpy.values.push_back(bytes / kernel_s / copy_rate);
     memcpy_rate.values.push_back(copy_rate / 1e9);
     if (vs_scalar.values.size() < 3 || all_scalar_s < 1.0) {  // Slow: a few are enough.
-      const double scalar_s = Seconds(scalar);
+      double scalar_s = 0;
+      Plainly(place, [&] { scalar_s = Seconds(plain); });
       all_scalar_s += scalar_s;
       vs_scalar.values.push_back(scalar_s / kernel_s);
     }
@@ -118,79 +146,77 @@ constexpr Scene kScenes[] = {
 };
 constexpr const Scene& kNoise = kScenes[3];
 
-cv::Mat Draw(const Scene& scene) {
+cv::Mat Draw(const Scene& scene, int width = kWidth) {
   cv::RNG random(7);
-  cv::Mat image(kHeight, kWidth, CV_16UC1);
+  cv::Mat image(kHeight, width, CV_16UC1);
   for (int y = 0; y < kHeight; ++y) {
-    for (int x = 0; x < kWidth; ++x) {
+    for (int x = 0; x < width; ++x) {
       const int level = scene.level + (x + y) * scene.level / 16000 +
                         random.uniform(-scene.noise, scene.noise + 1);
       const bool hot = random.uniform(0, scene.samples_per_hot) == 0;
-      reference::Put(image, x, y, hot ? random.uniform(0, 65536) : level);
+      image.at<std::uint16_t>(y, x) =
+          static_cast<std::uint16_t>(hot ? random.uniform(0, 65536) : level);
     }
   }
   return image;
 }
 
-/// Where a benchmark runs; `kernels` is null for the backend's own choice.
-struct Place {
-  Backend backend;
-  const kernels::Kernels* kernels;
-};
-
-bool Usable(benchmark::State& state, const Place& place) {
-  const std::vector<Backend> available = AvailableBackends();
-  if (std::find(available.begin(), available.end(), place.backend) == available.end()) {
-    state.SkipWithError((std::string("no ") + BackendName(place.backend) + " device").c_str());
-    return false;
-  }
-  cv::setNumThreads(kThreads);
-  kernels::Force(place.kernels);
-  return true;
-}
-
 bool Same(const cv::Mat& a, const cv::Mat& b) { return cv::norm(a, b, cv::NORM_INF) == 0.0; }
 
 using Fix = void (*)(cv::Mat&, float, Backend);
-using Rule = void (*)(const cv::Mat&, cv::Mat&, float);
 
-void Repair(benchmark::State& state, Fix fix, Rule rule, const Place& place, const Scene& scene) {
+void Repair(benchmark::State& state, Fix fix, const Place& place, const Scene& scene) {
   if (!Usable(state, place)) {
     return;
   }
   const cv::Mat source = Draw(scene);
   cv::Mat image = source.clone();
   cv::Mat expected = source.clone();
+  const auto plain = [&] { fix(expected, scene.rate, Backend::kProcessor); };
   fix(image, scene.rate, place.backend);
-  rule(source, expected, scene.rate);
+  Plainly(place, plain);
   if (!Same(image, expected)) {
-    state.SkipWithError("result differs from the plain loop's");
+    state.SkipWithError("result differs from the plain loops'");
     return;
   }
   Measure(
-      state, 2 * Bytes(image), [&] { source.copyTo(image); },
-      [&] { fix(image, scene.rate, place.backend); }, [&] { rule(source, expected, scene.rate); });
+      state, place, 2 * Bytes(image),
+      [&] {
+        source.copyTo(image);
+        source.copyTo(expected);
+      },
+      [&] { fix(image, scene.rate, place.backend); }, plain);
 }
 
-void Split(benchmark::State& state, const Place& place) {
+/// What is split: with planes whose rows are whole lines of the cache, or not.
+struct Shape {
+  const char* name;
+  int width;
+  bool fresh;
+};
+constexpr Shape kShapes[] = {
+    {"", kWidth, false}, {"aligned/", kWidth + 2 * kBorder, false}, {"fresh/", kWidth, true}};
+
+void Split(benchmark::State& state, const Place& place, const Shape& shape) {
   if (!Usable(state, place)) {
     return;
   }
-  const cv::Mat raw = Draw(kNoise);
-  const cv::Size size(kWidth - 2 * kBorder, kHeight - 2 * kBorder);
-  cv::Mat planes[] = {cv::Mat(size, CV_16UC1), cv::Mat(size / 2, CV_16UC1),
-                      cv::Mat(size / 2, CV_16UC1)};
-  cv::Mat g, r, b;
+  const cv::Mat raw = Draw(kNoise, shape.width);
+  cv::Mat planes[3], g, r, b;
   const auto kernel = [&] { SplitRaw(raw, g, r, b, kBorder, place.backend); };
-  const auto scalar = [&] { reference::SplitRaw(raw, planes[0], planes[1], planes[2], kBorder); };
+  const auto plain = [&] {
+    SplitRaw(raw, planes[0], planes[1], planes[2], kBorder, Backend::kProcessor);
+  };
+  const auto reset = [&] {
+    if (shape.fresh) g = cv::Mat(), r = cv::Mat(), b = cv::Mat();
+  };
   kernel();
-  scalar();
+  Plainly(place, plain);
   if (!Same(g, planes[0]) || !Same(r, planes[1]) || !Same(b, planes[2])) {
-    state.SkipWithError("result differs from the plain loop's");
+    state.SkipWithError("result differs from the plain loops'");
     return;
   }
-  Measure(
-      state, Bytes(raw) + Bytes(g) + Bytes(r) + Bytes(b), [] {}, kernel, scalar);
+  Measure(state, place, Bytes(raw) + Bytes(g) + Bytes(r) + Bytes(b), reset, kernel, plain);
 }
 
 void Merge(benchmark::State& state, const Place& place) {
@@ -200,18 +226,17 @@ void Merge(benchmark::State& state, const Place& place) {
   const cv::Mat g = Draw(kNoise);
   const cv::Mat r = g(cv::Rect(0, 0, kWidth / 2, kHeight / 2)).clone();
   const cv::Mat b = g(cv::Rect(9, 9, kWidth / 2, kHeight / 2)).clone();
-  cv::Mat expected(g.size(), CV_16UC1);
-  cv::Mat raw;
+  cv::Mat expected, raw;
   const auto kernel = [&] { MergeRaw(g, r, b, raw, 0, place.backend); };
-  const auto scalar = [&] { reference::MergeRaw(g, r, b, expected, 0); };
+  const auto plain = [&] { MergeRaw(g, r, b, expected, 0, Backend::kProcessor); };
   kernel();
-  scalar();
+  Plainly(place, plain);
   if (!Same(raw, expected)) {
-    state.SkipWithError("result differs from the plain loop's");
+    state.SkipWithError("result differs from the plain loops'");
     return;
   }
   Measure(
-      state, Bytes(g) + Bytes(r) + Bytes(b) + Bytes(raw), [] {}, kernel, scalar);
+      state, place, Bytes(g) + Bytes(r) + Bytes(b) + Bytes(raw), [] {}, kernel, plain);
 }
 
 template <typename Run>
@@ -223,15 +248,18 @@ void Register(const std::string& name, const Run& run) {
 }
 
 void RegisterAll(const std::string& where, const Place& place) {
-  Register("SplitRaw/" + where, [place](benchmark::State& state) { Split(state, place); });
+  for (const Shape& shape : kShapes) {
+    Register(std::string("SplitRaw/") + shape.name + where,
+             [place, &shape](benchmark::State& state) { Split(state, place, shape); });
+  }
   Register("MergeRaw/" + where, [place](benchmark::State& state) { Merge(state, place); });
   for (const Scene& scene : kScenes) {
     const std::string what = std::string("/") + scene.name + "/" + where;
     Register("FixBadPixels" + what, [place, &scene](benchmark::State& state) {
-      Repair(state, FixBadPixels, reference::FixBadPixels, place, scene);
+      Repair(state, FixBadPixels, place, scene);
     });
     Register("FixBadPixels2" + what, [place, &scene](benchmark::State& state) {
-      Repair(state, FixBadPixels2, reference::FixBadPixels2, place, scene);
+      Repair(state, FixBadPixels2, place, scene);
     });
   }
 }

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "raw_bayer/cuda/cuda_kernels.h"
+#include "raw_bayer/cuda.h"
 
 namespace lum::cuda_lum_raw {
 namespace {
@@ -100,20 +100,13 @@ void Measure(benchmark::State& state, double bytes, const Kernel& kernel) {
       bytes * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
-const dim3 kBlock(32, 8);
-
-dim3 Grid(const Image& cells) {
-  return dim3((static_cast<unsigned>(cells.cols) + kBlock.x - 1) / kBlock.x,
-              (static_cast<unsigned>(cells.rows) + kBlock.y - 1) / kBlock.y);
-}
-
 void Split(benchmark::State& state) {
   const DeviceImage raw(kWidth, kHeight);
   const DeviceImage g(kWidth - 2 * kBorder, kHeight - 2 * kBorder);
   const DeviceImage r(kWidth / 2 - kBorder, kHeight / 2 - kBorder);
   const DeviceImage b(kWidth / 2 - kBorder, kHeight / 2 - kBorder);
   Measure(state, raw.bytes() + g.bytes() + r.bytes() + b.bytes(), [&] {
-    kernel_splitRaw<<<Grid(r.view()), kBlock>>>(raw.view(), g.view(), r.view(), b.view(), kBorder);
+    SplitRaw(raw.view(), g.view(), r.view(), b.view(), kBorder);
   });
 }
 
@@ -123,7 +116,7 @@ void Merge(benchmark::State& state) {
   const DeviceImage b(kWidth / 2, kHeight / 2);
   const DeviceImage raw(kWidth, kHeight);
   Measure(state, g.bytes() + r.bytes() + b.bytes() + raw.bytes(), [&] {
-    kernel_mergeRaw<<<Grid(r.view()), kBlock>>>(g.view(), r.view(), b.view(), raw.view());
+    MergeRaw(g.view(), r.view(), b.view(), raw.view());
   });
 }
 

@@ -17,7 +17,8 @@
 /// with an input.
 ///
 /// Outputs: an output `cv::Mat` that already has the right size and type keeps its memory, any
-/// other is allocated anew, as `cv::Mat::create` does.
+/// other is allocated anew, as `cv::Mat::create` does. Keep the outputs from call to call: the
+/// first touch of new memory takes several times as long as the work.
 ///
 /// Threads: any number of threads may call these functions at the same time on different images.
 /// The processor backend spreads its work with `cv::parallel_for_`. The OpenCL backend serialises
@@ -25,21 +26,26 @@
 ///
 /// Errors: `cv::Exception`. For bad input it names the argument, what was expected and what was
 /// there; an OpenCL or CUDA device that is absent or fails is named too, and no other backend takes
-/// over. Outputs are untouched after an exception for bad input or an absent or failing device.
+/// over. Outputs are untouched after an exception for bad input, an absent or failing device or
+/// want of memory.
+///
+/// Limits: the OpenCL backend takes images of at most 2^31 - 1 samples, as OpenCV does.
 namespace lum::raw {
 
 /// Where a kernel runs.
 enum class Backend {
   kProcessor,  ///< SIMD and threads of this processor; always available.
-  kOpenCl,     ///< OpenCV's current OpenCL device, or else the first that the machine lists.
-  kCuda,       ///< The current CUDA device; only in builds with a CUDA compiler.
+  kOpenCl,     ///< OpenCV's OpenCL device on the calling thread at the time of the call, or else
+               ///< the first that the machine lists.
+  kCuda,       ///< The current CUDA device; only in builds with CUDA (see raw_bayer/cuda.h).
 };
 
 /// "processor", "OpenCL" or "CUDA".
 [[nodiscard]] const char* BackendName(Backend backend);
 
-/// The backends that work on this machine in this build, the processor first. Starts the device
-/// runtimes on its first call.
+/// The backends that work on this machine in this build, the processor first: those with a device
+/// that can run the kernels. Starts the device runtimes on its first call, OpenCL's only where /sys
+/// is mounted (PoCL ends the process otherwise).
 [[nodiscard]] std::vector<Backend> AvailableBackends();
 
 /// Replaces, in place, each sample that outshines its four direct neighbours.
@@ -52,6 +58,12 @@ enum class Backend {
 /// @param bad_pixel_rate  finite and greater than 0; larger values repair less.
 void FixBadPixels(cv::Mat& image, float bad_pixel_rate, Backend backend = Backend::kProcessor);
 
+/// The same for a view that is made in the call, as `image.colRange(1, n)`.
+inline void FixBadPixels(cv::Mat&& view, float bad_pixel_rate,
+                         Backend backend = Backend::kProcessor) {
+  FixBadPixels(view, bad_pixel_rate, backend);
+}
+
 /// Replaces, in place and without regard to colour, each sample that outshines its eight
 /// neighbours.
 ///
@@ -60,6 +72,12 @@ void FixBadPixels(cv::Mat& image, float bad_pixel_rate, Backend backend = Backen
 /// image counts, so that an edge sample is a neighbour of itself.
 /// @param bad_pixel_rate  finite and greater than 0; larger values repair less.
 void FixBadPixels2(cv::Mat& image, float bad_pixel_rate, Backend backend = Backend::kProcessor);
+
+/// The same for a view that is made in the call.
+inline void FixBadPixels2(cv::Mat&& view, float bad_pixel_rate,
+                          Backend backend = Backend::kProcessor) {
+  FixBadPixels2(view, bad_pixel_rate, backend);
+}
 
 /// Splits a mosaic into a green plane of full and red and blue planes of half its width and height.
 ///
@@ -82,8 +100,9 @@ void SplitRaw(const cv::Mat& raw_border, cv::Mat& g, cv::Mat& r, cv::Mat& b, int
 ///     high.
 /// @param r,b  planes of equal size.
 /// @param raw  output. If it is 2 * `r.cols` wide and high enough for the mosaic `index`, it keeps
-///     its memory and its other mosaics; otherwise it becomes an image of the size of `g`, zero
-///     outside the mosaic `index`.
+///     its memory and its other mosaics. An empty one, and for the index 0 any other, becomes an
+///     image of the size of `g`, zero outside the mosaic `index`; for a higher index one that is
+///     not empty is refused, as mosaics in it would be lost.
 /// @param index  0 for the first; below the number of images in `g`.
 void MergeRaw(const cv::Mat& g, const cv::Mat& r, const cv::Mat& b, cv::Mat& raw, int index,
               Backend backend = Backend::kProcessor);

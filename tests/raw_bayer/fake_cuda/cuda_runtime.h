@@ -1,0 +1,86 @@
+#ifndef TESTS_RAW_BAYER_FAKE_CUDA_CUDA_RUNTIME_H_
+#define TESTS_RAW_BAYER_FAKE_CUDA_CUDA_RUNTIME_H_
+
+// As much of the CUDA runtime as the kernels' source needs, on this processor: device memory is
+// host memory with wide rows, a kernel runs thread after thread.
+
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#define __global__
+#define __device__
+
+struct CUstream_st;
+using cudaStream_t = CUstream_st*;
+enum cudaError_t {
+  cudaSuccess,
+  cudaErrorInvalidConfiguration,
+  cudaErrorNoDevice,
+  cudaErrorUnknown
+};
+enum cudaMemcpyKind { cudaMemcpyHostToDevice, cudaMemcpyDeviceToHost };
+struct cudaFuncAttributes {};
+struct dim3 {
+  explicit dim3(unsigned columns = 0, unsigned rows = 0) : x(columns), y(rows) {}
+  unsigned x, y;
+};
+inline thread_local dim3 gridDim, blockDim, blockIdx, threadIdx;
+
+/// The call of the runtime that fails, counted from the next one; 0 for none.
+inline thread_local int fake_cuda_fails_at = 0;
+
+inline cudaError_t Attempt() {
+  return fake_cuda_fails_at != 0 && --fake_cuda_fails_at == 0 ? cudaErrorUnknown : cudaSuccess;
+}
+inline const char* cudaGetErrorString(cudaError_t) { return "as the test asked"; }
+inline cudaError_t cudaGetLastError() { return cudaSuccess; }
+inline cudaError_t cudaDeviceSynchronize() { return Attempt(); }
+inline cudaError_t cudaGetDeviceCount(int* count) { return *count = 1, Attempt(); }
+template <typename Kernel>
+cudaError_t cudaFuncGetAttributes(cudaFuncAttributes*, Kernel) {
+  return Attempt();
+}
+
+inline cudaError_t cudaMallocPitch(void** data, std::size_t* step, std::size_t width,
+                                   std::size_t rows) {
+  *step = (width / 512 + 1) * 512;
+  *data = Attempt() == cudaSuccess ? std::malloc(*step * rows) : nullptr;
+  return *data != nullptr ? cudaSuccess : cudaErrorUnknown;
+}
+inline void cudaFree(void* data) { std::free(data); }
+inline cudaError_t cudaMemcpy2D(void* to, std::size_t to_step, const void* from,
+                                std::size_t from_step, std::size_t width, std::size_t rows,
+                                cudaMemcpyKind) {
+  for (std::size_t y = 0; y < rows; ++y) {
+    std::memcpy(static_cast<char*>(to) + y * to_step,
+                static_cast<const char*>(from) + y * from_step, width);
+  }
+  return Attempt();
+}
+
+template <typename... P, std::size_t... kIndex>
+void CallKernel(void (*kernel)(P...), void** arguments, std::index_sequence<kIndex...>) {
+  kernel(*static_cast<P*>(arguments[kIndex])...);
+}
+template <typename... P>
+cudaError_t cudaLaunchKernel(void (*kernel)(P...), dim3 grid, dim3 block, void** arguments,
+                             std::size_t, cudaStream_t) {
+  if (grid.x == 0 || grid.y == 0 || grid.y > 65535 || block.x * block.y > 1024) {
+    return cudaErrorInvalidConfiguration;
+  }
+  gridDim = grid;
+  blockDim = block;
+  for (blockIdx.y = 0; blockIdx.y < grid.y; ++blockIdx.y) {
+    for (blockIdx.x = 0; blockIdx.x < grid.x; ++blockIdx.x) {
+      for (threadIdx.y = 0; threadIdx.y < block.y; ++threadIdx.y) {
+        for (threadIdx.x = 0; threadIdx.x < block.x; ++threadIdx.x) {
+          CallKernel(kernel, arguments, std::index_sequence_for<P...>());
+        }
+      }
+    }
+  }
+  return Attempt();
+}
+
+#endif  // TESTS_RAW_BAYER_FAKE_CUDA_CUDA_RUNTIME_H_
