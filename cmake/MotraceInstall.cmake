@@ -37,10 +37,31 @@ install(FILES examples/counting_consumer.h examples/custom_byte_source.cpp
               examples/run_source.h examples/silent_audio.cpp
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev/examples COMPONENT dev)
 
-# --- image libraries, those that were built
+# --- image libraries, those that were built: a package of their own, without the pipeline's needs
 get_property(image_exports GLOBAL PROPERTY MOTRACE_IMAGE_EXPORTS)
+get_property(image_dependencies GLOBAL PROPERTY MOTRACE_IMAGE_DEPENDENCIES)
 if(image_exports)
-  install(FILES cmake/FindOpenCVCore.cmake DESTINATION ${config_dir} COMPONENT image_dev)
+  set(image_config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia-image)
+  configure_package_config_file(cmake/qvxmedia-imageConfig.cmake.in qvxmedia-imageConfig.cmake
+                                INSTALL_DESTINATION ${image_config_dir})
+  write_basic_package_version_file(qvxmedia-imageConfigVersion.cmake
+                                   COMPATIBILITY SameMinorVersion)
+  install(FILES ${PROJECT_BINARY_DIR}/qvxmedia-imageConfig.cmake
+                ${PROJECT_BINARY_DIR}/qvxmedia-imageConfigVersion.cmake
+                cmake/FindOpenCVCore.cmake
+          DESTINATION ${image_config_dir} COMPONENT image_dev)
+  foreach(image_export IN LISTS image_exports)
+    get_property(values GLOBAL PROPERTY MOTRACE_IMAGE_PC_${image_export})
+    list(POP_FRONT values image_target image_libs)
+    configure_file(cmake/image.pc.in qvxmedia-${image_export}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/qvxmedia-${image_export}.pc DESTINATION ${pkgconfig_dir}
+            COMPONENT image_dev)
+  endforeach()
+  install(FILES docs/raw_bayer.md docs/optical_flow.md raw_bayer/raw_bayer.cl
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-image-dev COMPONENT image_dev)
+  install(FILES raw_bayer/examples/raw_planes.cpp
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-image-dev/examples
+          COMPONENT image_dev)
 endif()
 
 # --- packages
@@ -122,7 +143,7 @@ and pkg-config.")
 set(CPACK_DEBIAN_IMAGE_DEV_PACKAGE_NAME libqvxmedia-image-dev)
 set(CPACK_DEBIAN_IMAGE_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_IMAGE_DEV_PACKAGE_DEPENDS
-    "libqvxmedia-dev (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libopencv-core-dev, libopencv-imgproc-dev")
+    "libopencv-core-dev, libopencv-imgproc-dev")
 set(CPACK_DEBIAN_IMAGE_DEV_DESCRIPTION
     "dense optical flow and raw Bayer kernels (development files)
 Image libraries on OpenCV's core that stand beside the media pipeline: dense

@@ -57,9 +57,14 @@ function(motrace_add_library target)
     # A library that stands beside the pipeline: a component of the package, with one target.
     set(component image_dev)
     string(REGEX REPLACE "::.*" "::" namespace ${arg_ALIAS})
-    install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace} FILE qvxmedia-${arg_EXPORT}.cmake
-            DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia COMPONENT ${component})
+    install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace} FILE ${arg_EXPORT}.cmake
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia-image COMPONENT ${component})
+    set(libs ${arg_PUBLIC} ${arg_PRIVATE})
+    list(TRANSFORM libs REPLACE "OpenCVCore::" "-lopencv_")
+    list(TRANSFORM libs REPLACE "CUDA::(.*)" "-L${CUDAToolkit_LIBRARY_DIR} -l\\1 -ldl -lrt")
+    list(JOIN libs " " libs)
     set_property(GLOBAL APPEND PROPERTY MOTRACE_IMAGE_EXPORTS ${arg_EXPORT})
+    set_property(GLOBAL PROPERTY MOTRACE_IMAGE_PC_${arg_EXPORT} ${target} ${libs})
     set_property(GLOBAL APPEND PROPERTY MOTRACE_IMAGE_TARGETS ${arg_ALIAS})
   endif()
   install(TARGETS ${target} EXPORT ${arg_EXPORT}

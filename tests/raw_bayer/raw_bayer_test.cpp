@@ -371,7 +371,7 @@ TEST(RawBayer, AnAbsentDeviceIsNamedAndLeavesOutputsAlone) {
   EXPECT_EQ(available.front(), Backend::kProcessor);
   for (const Backend backend : {Backend::kOpenCl, Backend::kCuda}) {
     if (std::find(available.begin(), available.end(), backend) != available.end()) continue;
-    cv::Mat image = MakeImage(9, 9), g, r, b;
+    cv::Mat image = MakeImage(8, 8), g, r, b;
     const cv::Mat before = image.clone();
     ExpectRejected([&] { FixBadPixels(image, 1.0F, backend); }, BackendName(backend));
     ExpectRejected([&] { SplitRaw(before, g, r, b, 1, backend); }, BackendName(backend));
