@@ -12,7 +12,7 @@
 
 #include "flow_io.h"
 #include "flow_program.h"
-#include "motionInterpolation/dis_flow.h"
+#include "motionInterpolation/interpolate_frame.h"
 
 namespace {
 
@@ -20,8 +20,11 @@ constexpr char kHelp[] =
     "usage: flow_interpolate FIRST MIDDLE LAST [OUT.pgm]\n"
     "       flow_interpolate --synthetic [IMAGE]\n"
     "       flow_interpolate --pairs FOLDER\n"
+    "       flow_interpolate --picture OUT.ppm\n"
     "Predicts the middle of three frames from the outer two, by the flow in both directions, and\n"
     "prints the PSNR of the prediction and of the plain average of the two.\n"
+    "--picture draws what that looks like: the plain average of two frames of a drawn scene, the\n"
+    "interpolated frame, and the true one, side by side.\n"
     "Images are 8-bit binary PGM or PPM. The first form takes three real frames and can write the\n"
     "prediction. --synthetic moves IMAGE, else a random texture, by a known turn and shift.\n"
     "--pairs takes pairs with ground truth, as flow_accuracy does. Such a pair has no real middle\n"
@@ -70,14 +73,9 @@ cv::Mat halfWayBack(const cv::Mat& flow, int steps) {
 }
 
 cv::Mat predictMiddle(const cv::Mat& first, const cv::Mat& last) {
-  const auto engine = cv::optflow::lum::DISOpticalFlow::create();
-  cv::Mat forward;
-  cv::Mat backward;
-  engine->calc(first, last, forward);
-  engine->calc(last, first, backward);
-  constexpr int kSteps = 3;
-  return average(sampled(first, halfWayBack(forward, kSteps)),
-                 sampled(last, halfWayBack(backward, kSteps)));
+  cv::Mat middle;
+  lum::InterpolateFrame(first, last, 0.5, middle);
+  return middle;
 }
 
 struct Middle {
@@ -131,11 +129,45 @@ cv::Mat randomTexture() {
   return scene;
 }
 
-void writePgm(const std::string& path, const cv::Mat& image) {
+/// A ball in front of a wall that turns, at a time from 0 to 1.
+cv::Mat drawScene(double time) {
+  const cv::Size size(192, 144);
+  const cv::Matx23d wall(std::cos(0.08 * time), -std::sin(0.08 * time), 4.0 * time,
+                         std::sin(0.08 * time), std::cos(0.08 * time), -6.0 * time);
+  cv::Mat noise[2] = {cv::Mat(9, 12, CV_8UC3), cv::Mat(6, 6, CV_8UC3)};
+  cv::RNG random(3);
+  random.fill(noise[0], cv::RNG::UNIFORM, 0, 160);
+  random.fill(noise[1], cv::RNG::UNIFORM, 60, 256);
+  cv::Mat scene;
+  cv::Mat ball;
+  cv::resize(noise[0], scene, size, 0, 0, cv::INTER_CUBIC);
+  cv::warpAffine(scene, scene, wall, size, cv::INTER_CUBIC, cv::BORDER_REFLECT_101);
+  const cv::Matx23d flight(1, 0, 40 + 24 * time, 0, 1, 50 - 10 * time);
+  cv::resize(noise[1], ball, cv::Size(64, 64), 0, 0, cv::INTER_CUBIC);
+  cv::warpAffine(ball, ball, flight, size, cv::INTER_CUBIC);
+  cv::Mat mask(size, CV_8UC1, cv::Scalar(0));
+  cv::circle(mask, cv::Point2d(72 + 24 * time, 82 - 10 * time), 26, cv::Scalar(255), cv::FILLED);
+  ball.copyTo(scene, mask);
+  return scene;
+}
+
+void writeImage(const std::string& path, const cv::Mat& image) {
   std::ofstream out(path, std::ios::binary);
-  out << "P5\n" << image.cols << ' ' << image.rows << "\n255\n";
-  out.write(reinterpret_cast<const char*>(image.data), static_cast<std::streamsize>(image.total()));
+  out << (image.channels() == 1 ? "P5\n" : "P6\n") << image.cols << ' ' << image.rows << "\n255\n";
+  out.write(reinterpret_cast<const char*>(image.data),
+            static_cast<std::streamsize>(image.total() * image.elemSize()));
   if (!out) throw std::runtime_error("cannot write '" + path + "'");
+}
+
+int drawPicture(const std::string& path) {
+  const cv::Mat first = drawScene(0.0);
+  const cv::Mat last = drawScene(1.0);
+  cv::Mat picture;
+  cv::hconcat(
+      std::vector<cv::Mat>{average(first, last), predictMiddle(first, last), drawScene(0.5)},
+      picture);
+  writeImage(path, picture);
+  return 0;
 }
 
 int runPairs(const std::string& folder) {
@@ -152,6 +184,7 @@ int runPairs(const std::string& folder) {
 
 int run(const std::vector<std::string>& args) {
   if (args.size() == 2 && args[0] == "--pairs") return runPairs(args[1]);
+  if (args.size() == 2 && args[0] == "--picture") return drawPicture(args[1]);
   const bool synthetic = !args.empty() && args.size() <= 2 && args[0] == "--synthetic";
   if (!synthetic && args.size() != 3 && args.size() != 4) return lum_bench::kBadUsage;
   std::array<cv::Mat, 3> frames;
@@ -166,7 +199,7 @@ int run(const std::vector<std::string>& args) {
   const cv::Mat predicted = predictMiddle(frames[0], frames[2]);
   std::printf("PSNR of the middle frame: flow %.2f dB, plain average %.2f dB\n",
               psnr(predicted, frames[1]), psnr(average(frames[0], frames[2]), frames[1]));
-  if (args.size() == 4) writePgm(args[3], predicted);
+  if (args.size() == 4) writeImage(args[3], predicted);
   return 0;
 }
 
