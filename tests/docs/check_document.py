@@ -79,7 +79,8 @@ class Document(unittest.TestCase):
         for line, language, text, _, shown in blocks():
             if language == "python":
                 done = subprocess.run([sys.executable, "-c", text], cwd=self.where, text=True,
-                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False,
+                                      env={**os.environ, "PYTHONPATH": f"{build_dir}/python"})
                 if "No module named 'numpy'" in done.stdout:
                     self.skipTest("numpy is not installed")
                 self.assertEqual(done.returncode, 0, f"line {line}: {done.stdout}")
