@@ -5,6 +5,7 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -24,35 +25,24 @@ T At(const Bytes& bytes, std::size_t at) {
   return value;
 }
 
-template <typename T>
-void Write(Bytes& out, T value) {
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&value);
-  out.insert(out.end(), bytes, bytes + sizeof value);
-}
-
 /// Milliseconds to microseconds; overflow wraps.
 std::uint64_t Microseconds(std::int64_t milliseconds) {
   return static_cast<std::uint64_t>(milliseconds) * 1000U;
 }
 
-struct MotionRecord {
+/// A time in milliseconds, and three components or an exposure time in seconds.
+struct Sample {
   std::int64_t pts_ms;
-  double x, y, z;
-};
-
-struct ExposureRecord {
-  std::int64_t pts_ms;
-  std::int32_t nanoseconds;
+  std::vector<double> values;
 };
 
 /// A record as gps.json shows it: std::map keeps the keys in ascending byte order.
 using TextRecord = std::map<std::string, std::string>;
 
 std::string ToText(const TextRecord& record) {
-  std::string text = "{";
+  std::string text;
   for (const auto& [key, value] : record) {
-    if (text.size() > 1) text += ",";
-    text.append("\"").append(key).append("\":").append(value);
+    text.append(text.empty() ? "{\"" : ",\"").append(key).append("\":").append(value);
   }
   return text + "}";
 }
@@ -68,21 +58,11 @@ std::string JsonNumber(double value) {
   return text;
 }
 
-std::map<std::string, Bytes> PlainExtraction::Files() const {
-  std::map<std::string, Bytes> files;
-  files["gyro.dat"] = gyro;
-  files["gps.json"] = Bytes(gps_json.begin(), gps_json.end());
-  for (std::size_t k = 0; k < exposure.size(); ++k) {
-    files["exposure_" + std::to_string(k + 1) + ".dat"] = exposure[k];
-  }
-  return files;
-}
-
 PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets) {
-  std::vector<MotionRecord> gyro;
-  std::vector<MotionRecord> acceleration;
-  std::vector<ExposureRecord> exposure;
-  std::vector<std::string> gps;
+  std::vector<Sample> gyro;
+  std::vector<Sample> acceleration;
+  std::vector<Sample> exposure;
+  std::string gps;
 
   for (const TimedPayload& packet : packets) {
     const Bytes& data = packet.payload;
@@ -99,15 +79,15 @@ PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets) {
       if (type == 1 && remaining >= 8) {
         record["pixel_exposure_time"] = std::to_string(At<std::int32_t>(data, pos));
         record["rolling_shutter_skew_time"] = std::to_string(At<std::int32_t>(data, pos + 4));
-        exposure.push_back({packet.pts_ms, At<std::int32_t>(data, pos)});
+        exposure.push_back({packet.pts_ms, {At<std::int32_t>(data, pos) * 1e-9}});
         pos += 8;
       } else if ((type == 2 || type == 3) && remaining >= 12) {
-        const MotionRecord motion{packet.pts_ms, At<float>(data, pos), At<float>(data, pos + 4),
-                                  At<float>(data, pos + 8)};
-        record["x"] = JsonNumber(motion.x);
-        record["y"] = JsonNumber(motion.y);
-        record["z"] = JsonNumber(motion.z);
-        (type == 2 ? gyro : acceleration).push_back(motion);
+        Sample sample{packet.pts_ms, {}};
+        for (const char* key : {"x", "y", "z"}) {
+          sample.values.push_back(At<float>(data, pos + 4 * sample.values.size()));
+          record[key] = JsonNumber(sample.values.back());
+        }
+        (type == 2 ? gyro : acceleration).push_back(sample);
         pos += 12;
       } else if (type == 6 && remaining >= 56) {
         record["time_gps_epoch"] = JsonNumber(At<double>(data, pos));
@@ -121,36 +101,34 @@ PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets) {
           record[key] = JsonNumber(At<float>(data, at));
           at += 4;
         }
-        gps.push_back(ToText(record));
+        gps.append(gps.empty() ? "{\"extended_gps_info\":[" : ",").append(ToText(record));
         pos += 56;
       }
       // Anything else: only its header is skipped.
     }
   }
 
-  PlainExtraction result;
-  for (std::size_t i = 0; i < acceleration.size(); ++i) {
-    if (i >= gyro.size()) {
-      result.unpaired_accelerations = acceleration.size() - gyro.size();
-      break;
+  std::map<std::string, Bytes> files{{"gyro.dat", {}}};
+  const auto append = [&files](const std::string& name, const Bytes& bytes) {
+    files[name].insert(files[name].end(), bytes.begin(), bytes.end());
+  };
+  const std::size_t pairs = std::min(gyro.size(), acceleration.size());
+  for (std::size_t i = 0; i < pairs; ++i) {
+    const std::vector<double>& a = acceleration[i].values;
+    const std::vector<double>& g = gyro[i].values;
+    append("gyro.dat",
+           Packed(Microseconds(acceleration[i].pts_ms), a[0], a[1], a[2], g[0], g[1], g[2]));
+  }
+  for (std::size_t k = 0; k < 6; ++k) {
+    const std::string name = "exposure_" + std::to_string(k + 1) + ".dat";
+    append(name, {});
+    for (std::size_t i = k; i < exposure.size(); i += 6) {
+      append(name, Packed(Microseconds(exposure[i].pts_ms), exposure[i].values[0]));
     }
-    Write(result.gyro, Microseconds(acceleration[i].pts_ms));
-    for (const MotionRecord* motion : {&acceleration[i], &gyro[i]}) {
-      Write(result.gyro, motion->x);
-      Write(result.gyro, motion->y);
-      Write(result.gyro, motion->z);
-    }
   }
-  for (std::size_t i = 0; i < exposure.size(); ++i) {
-    Bytes& file = result.exposure[i % 6];
-    Write(file, Microseconds(exposure[i].pts_ms));
-    Write(file, static_cast<double>(exposure[i].nanoseconds) * 1e-9);
-  }
-  for (const std::string& record : gps) {
-    result.gps_json += (result.gps_json.empty() ? "{\"extended_gps_info\":[" : ",") + record;
-  }
-  result.gps_json += gps.empty() ? "null" : "]}";
-  return result;
+  gps += gps.empty() ? "null" : "]}";
+  append("gps.json", Bytes(gps.begin(), gps.end()));
+  return {files, acceleration.size() - pairs};
 }
 
 std::optional<std::vector<TimedPayload>> ReadDataStream(const std::filesystem::path& path) {

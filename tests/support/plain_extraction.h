@@ -1,7 +1,6 @@
 #ifndef MOTRACE_TESTS_SUPPORT_PLAIN_EXTRACTION_H_
 #define MOTRACE_TESTS_SUPPORT_PLAIN_EXTRACTION_H_
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -24,14 +23,11 @@ struct TimedPayload {
 };
 
 struct PlainExtraction {
-  Bytes gyro;                     ///< gyro.dat
-  std::array<Bytes, 6> exposure;  ///< exposure_1.dat to exposure_6.dat
-  std::string gps_json;           ///< gps.json
+  std::map<std::string, Bytes> files;  ///< the eight files by name
   /// Accelerometer samples that no gyroscope sample stands beside.
   std::size_t unpaired_accelerations = 0;
 
-  /// The eight files by name.
-  [[nodiscard]] std::map<std::string, Bytes> Files() const;
+  [[nodiscard]] std::map<std::string, Bytes> Files() const { return files; }
 };
 
 /// What the packets of one data stream become.

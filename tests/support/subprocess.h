@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,29 +12,23 @@ namespace motrace::testing {
 struct ProcessResult {
   int exit_code = -1;      ///< 0 to 255; -1 when a signal ended the process
   int signal = 0;          ///< the signal that ended it; 0 = it exited
-  bool timed_out = false;  ///< the time limit passed and the process was killed
+  bool timed_out = false;  ///< the time limit passed and the process was ended
   std::string out;         ///< standard output, whole
   std::string err;         ///< standard error, whole
 };
 
 struct ProcessOptions {
-  std::filesystem::path working_directory;  ///< empty: the caller's
-  std::chrono::seconds time_limit{60};      ///< only bounds a hang
-  /// Standard error is a terminal (a pseudo terminal) instead of a pipe.
-  bool stderr_is_terminal = false;
-  /// Called with what standard error has brought so far, each time that more has come.
-  std::function<void(const std::string&)> on_stderr;
-  /// Limit of the size of a written file in bytes (RLIMIT_FSIZE); 0 = none.
-  std::uint64_t file_size_limit = 0;
-  /// Limit of the address space in bytes (RLIMIT_AS); 0 = none.
-  std::uint64_t address_space_limit = 0;
-  /// Limit of open descriptors (RLIMIT_NOFILE); 0 = none.
-  std::uint64_t descriptor_limit = 0;
+  std::filesystem::path working_directory = ".";
+  std::chrono::seconds time_limit{60};    ///< only bounds a hang
+  std::uint64_t file_size_limit = 0;      ///< bytes of a written file; 0 = none
+  std::uint64_t address_space_limit = 0;  ///< bytes; 0 = none
+  std::uint64_t descriptor_limit = 0;     ///< 0 = none
 };
 
 /// Runs a program to its end and returns all it printed. arguments[0] is the program's path.
 /// The exit code is 127 when it can't be started.
-ProcessResult RunProcess(std::vector<std::string> arguments, const ProcessOptions& options = {});
+ProcessResult RunProcess(const std::vector<std::string>& arguments,
+                         const ProcessOptions& options = {});
 
 }  // namespace motrace::testing
 

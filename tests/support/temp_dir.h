@@ -1,8 +1,13 @@
 #ifndef MOTRACE_TESTS_SUPPORT_TEMP_DIR_H_
 #define MOTRACE_TESTS_SUPPORT_TEMP_DIR_H_
 
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 #include <map>
+#include <stdexcept>
 #include <string>
 
 #include "support/samples.h"
@@ -13,8 +18,15 @@ namespace motrace::testing {
 /// the scope.
 class TempDir {
  public:
-  TempDir();
-  ~TempDir();
+  TempDir() {
+    std::string pattern = std::filesystem::temp_directory_path() / "motrace-test-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp " + pattern);
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    if (!keep_) std::filesystem::remove_all(path_, ignored);
+  }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
@@ -23,7 +35,10 @@ class TempDir {
     return path_ / name;
   }
   /// Leaves the directory in place, for a look at what a failed test wrote.
-  void Keep() { keep_ = true; }
+  void Keep() {
+    keep_ = true;
+    std::cerr << "kept: " << path_ << '\n';
+  }
 
  private:
   std::filesystem::path path_;
@@ -31,11 +46,27 @@ class TempDir {
 };
 
 /// Whole file. Throws std::runtime_error when it can't be read.
-Bytes ReadFile(const std::filesystem::path& path);
-void WriteFile(const std::filesystem::path& path, const Bytes& content);
+inline Bytes ReadFile(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("can't read " + path.string());
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+inline void WriteFile(const std::filesystem::path& path, const Bytes& content) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file.write(reinterpret_cast<const char*>(content.data()),
+             static_cast<std::streamsize>(content.size()));
+  if (!file.flush()) throw std::runtime_error("can't write " + path.string());
+}
 
 /// Every regular file directly in the directory, by name.
-std::map<std::string, Bytes> ReadDirectory(const std::filesystem::path& directory);
+inline std::map<std::string, Bytes> ReadDirectory(const std::filesystem::path& directory) {
+  std::map<std::string, Bytes> files;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    if (entry.is_regular_file()) files[entry.path().filename().string()] = ReadFile(entry.path());
+  }
+  return files;
+}
 
 }  // namespace motrace::testing
 
