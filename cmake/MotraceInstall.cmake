@@ -7,7 +7,11 @@ set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # --- tool
 install(TARGETS motrace RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
-install(FILES docs/motrace.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+if(TARGET camm)
+  install(TARGETS camm RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+endif()
+file(GLOB man_pages CONFIGURE_DEPENDS docs/*.1)
+install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES README.md docs/formats.md docs/logging.md
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace COMPONENT tool)
 install(PROGRAMS scripts/extract_array.sbatch scripts/extract_one.sh
@@ -132,7 +136,7 @@ motrace reads the camera motion metadata track of a video file and writes its
 gyroscope, accelerometer, exposure and GPS samples as plain data files.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libqvxmedia-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS ${dev_dependencies})
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${dev_dependencies}, pkg-config")
 set(CPACK_DEBIAN_DEV_DESCRIPTION
     "media pipeline library (development files)
 qvxmedia demultiplexes media files on threads of its own and hands each

@@ -54,9 +54,16 @@ function(motrace_add_library target)
   set_target_properties(${target} PROPERTIES EXPORT_NAME ${export_name})
   set(component dev)
   if(NOT arg_EXPORT STREQUAL "qvxmedia")
-    # A library that stands beside the pipeline: a component of the package, with one target.
-    set(component image_dev)
+    # A library beside the pipeline: a component of its package, or of that of the image libraries.
     string(REGEX REPLACE "::.*" "::" namespace ${arg_ALIAS})
+    set_property(GLOBAL APPEND PROPERTY MOTRACE_COMPONENTS ${arg_EXPORT})
+    set_property(GLOBAL APPEND PROPERTY MOTRACE_COMPONENT_TARGETS ${arg_ALIAS})
+  endif()
+  if(arg_EXPORT STREQUAL "camm")
+    install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace} FILE qvxmedia-${arg_EXPORT}.cmake
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia COMPONENT ${component})
+  elseif(NOT arg_EXPORT STREQUAL "qvxmedia")
+    set(component image_dev)
     install(EXPORT ${arg_EXPORT} NAMESPACE ${namespace} FILE ${arg_EXPORT}.cmake
             DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia-image COMPONENT ${component})
     set(libs ${arg_PUBLIC} ${arg_PRIVATE})
@@ -65,7 +72,6 @@ function(motrace_add_library target)
     list(JOIN libs " " libs)
     set_property(GLOBAL APPEND PROPERTY MOTRACE_IMAGE_EXPORTS ${arg_EXPORT})
     set_property(GLOBAL PROPERTY MOTRACE_IMAGE_PC_${arg_EXPORT} ${target} ${libs})
-    set_property(GLOBAL APPEND PROPERTY MOTRACE_IMAGE_TARGETS ${arg_ALIAS})
   endif()
   install(TARGETS ${target} EXPORT ${arg_EXPORT}
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component})
@@ -79,18 +85,42 @@ function(motrace_add_library target)
   endforeach()
 endfunction()
 
-# motrace_add_test(<target> SOURCES ... LIBS ... [TIMEOUT <s>] [LABELS ...])
+# motrace_test_label(<variable>): the ctest label of the tests of the current folder. What runs whole
+# programs has its folder's name; all else is `unit`: cases in the test's own process.
+function(motrace_test_label variable)
+  cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME label)
+  if(NOT label MATCHES "^(docs|examples|fuzz|package|stress|tool)$")
+    set(label unit)
+  endif()
+  set(${variable} ${label} PARENT_SCOPE)
+endfunction()
+
+# motrace_add_test(<target> SOURCES ... LIBS ... [TIMEOUT <s>])
 # One GoogleTest binary; each of its cases becomes a ctest entry.
 function(motrace_add_test target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LIBS;LABELS")
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
+  motrace_test_label(label)
   add_executable(${target} ${arg_SOURCES})
   target_link_libraries(${target} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main
                                           motrace_build_flags)
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES
-                       PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+                       PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS ${label})
+endfunction()
+
+# motrace_add_run(<name> COMMAND ... [TIMEOUT <s>] [PROPERTIES ...])
+# A program that runs with the sample video; it passes by its exit code.
+function(motrace_add_run name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "COMMAND;PROPERTIES")
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 120)
+  endif()
+  motrace_test_label(label)
+  add_test(NAME ${label}.${name} COMMAND ${arg_COMMAND})
+  set_tests_properties(${label}.${name} PROPERTIES FIXTURES_REQUIRED sample LABELS ${label}
+                                                   TIMEOUT ${arg_TIMEOUT} ${arg_PROPERTIES})
 endfunction()
 
 # motrace_add_benchmark(<target> SOURCES ... LIBS ...): one Google Benchmark binary.

@@ -10,6 +10,7 @@ if [[ ${1:-} =~ ^[0-9]+$ ]]; then
   seconds=$1
   shift
 fi
+scripts/install-deps.sh lint
 cmake --preset fuzz
 cmake --build --preset fuzz
 if [ $# -eq 0 ]; then

@@ -2,7 +2,7 @@
 # Installs the Debian 12 packages that are needed, and only those that are missing:
 #   scripts/install-deps.sh tool    what building the programs and their libraries needs
 #   scripts/install-deps.sh         that, and what the image libraries, tests and benchmarks need
-#   scripts/install-deps.sh lint    all of that, and the checkers of the source
+#   scripts/install-deps.sh lint    all of that, and what checks the source and builds the fuzz targets
 set -euo pipefail
 
 packages=(
@@ -20,7 +20,7 @@ case "${1:-all}" in
       python3 python3-dev python3-numpy python3-pandas pybind11-dev chromium chromium-driver
       man-db file
     )
-    if [ "${1:-all}" = lint ]; then packages+=(clang-format-14 clang-tidy-14); fi
+    if [ "${1:-all}" = lint ]; then packages+=(clang clang-format-14 clang-tidy-14); fi
     ;;
   *)
     echo "usage: scripts/install-deps.sh [tool|lint]" >&2

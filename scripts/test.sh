@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and passes all tests: scripts/test.sh [preset ...]   (default: release)
-# Presets: release, debug, asan, tsan. Installs missing packages first.
+# Presets: release, debug, asan, tsan; fuzz builds the fuzz targets (clang) and replays their corpora.
+# Installs missing packages first. Ends with the share of the code that is tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -11,3 +12,10 @@ for preset in "$@"; do
   cmake --build --preset "$preset"
   ctest --preset "$preset"
 done
+
+lines() { { git ls-files -z "$@" | xargs -0 cat 2>/dev/null || true; } | grep -c '[^[:space:]]'; }
+kinds=('*.cpp' '*.h' '*.cc' '*.hpp' '*.inc' '*.cl' '*.cu' '*.cuh' '*.py' '*.sh')
+if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+  tests=$(lines "${kinds[@]/#/:(glob)tests/**/}") all=$(lines "${kinds[@]}")
+  echo "tests: $tests of $all lines of code, $((1000 * tests / all / 10)).$((1000 * tests / all % 10)) %"
+fi

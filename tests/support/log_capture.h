@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -22,6 +23,15 @@ struct LogRecord {
   std::string site;  ///< "file:line"; of a failed check also its condition
   std::string text;
 };
+
+inline std::optional<LogRecord> ParseLogRecord(const std::string& line) {
+  static const std::regex kRecord(R"(\[(VERBOSE|INFO|WARNING|ERROR)\]\[(0x[1-9a-f][0-9a-f]*)\])"
+                                  R"(\[(\d\d-\d\d \d\d:\d\d:\d\d\.(?:0|[1-9]\d{0,2}))\])"
+                                  R"(\[([^\]]*:\d+[^\]]*)\](.*))");
+  std::smatch match;
+  if (!std::regex_match(line, match, kRecord)) return std::nullopt;
+  return LogRecord{match[1], match[2], match[3], match[4], match[5]};
+}
 
 /// From construction to destruction, a copy of every record of the process. Any thread.
 class LogCapture {
@@ -43,16 +53,12 @@ class LogCapture {
 
   /// A line that does not begin as a record belongs to the one before it.
   [[nodiscard]] std::vector<LogRecord> Records() const {
-    static const std::regex kRecord(R"(\[([A-Z]+)\]\[(0x\w+)\]\[([^\]]*)\]\[([^\]]*)\](.*))");
     std::vector<LogRecord> records;
     std::istringstream text(Text());
     for (std::string line; std::getline(text, line);) {
-      std::smatch match;
-      if (std::regex_match(line, match, kRecord)) {
-        records.push_back({match[1], match[2], match[3], match[4], match[5]});
-      } else if (!records.empty()) {
-        records.back().text += '\n' + line;
-      }
+      const std::optional<LogRecord> record = ParseLogRecord(line);
+      if (record) records.push_back(*record);
+      if (!record && !records.empty()) records.back().text += '\n' + line;
     }
     return records;
   }
