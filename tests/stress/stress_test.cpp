@@ -27,7 +27,6 @@
 #include "eventloop/event.h"
 #include "eventloop/event_dispatcher.h"
 #include "eventloop/loop_testing.h"
-#include "support/hang_guard.h"
 #include "support/plain_extraction.h"
 #include "support/samples.h"
 #include "support/temp_dir.h"
@@ -69,7 +68,6 @@ class StressTest : public ::testing::Test {
   uint32_t seed_ = FromEnvironment("MOTRACE_STRESS_SEED", 20240229);
   Chance chance_{seed_};
   ::testing::ScopedTrace trace_{__FILE__, __LINE__, seed_};
-  HangGuard guard_{"a stress test", std::chrono::seconds(Rounds(250))};
 };
 
 // Several threads post, with and without delays, while another one, or a handler, stops the loop

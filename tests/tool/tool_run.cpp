@@ -1,8 +1,9 @@
 #include "tool/tool_run.h"
 
 #include <algorithm>
-#include <regex>
 #include <sstream>
+
+#include "support/log_capture.h"
 
 namespace motrace::testing {
 
@@ -45,21 +46,17 @@ ProcessResult RunTool(const std::vector<std::string>& arguments, const std::stri
 }
 
 std::vector<std::vector<std::string>> LogOf(const std::string& standard_output) {
-  static const std::regex kRecord(R"(\[(VERBOSE|INFO|WARNING|ERROR)\]\[(0x[1-9a-f][0-9a-f]*)\])"
-                                  R"(\[\d\d-\d\d \d\d:\d\d:\d\d\.(?:0|[1-9]\d{0,2})\])"
-                                  R"(\[([^\\\]]+:\d+)\](.*))");
   std::vector<std::vector<std::string>> threads;
   std::vector<std::string> ids;
   size_t thread = 0;
   std::istringstream stream(standard_output);
   for (std::string line; std::getline(stream, line);) {
-    std::smatch record;
-    if (std::regex_match(line, record, kRecord)) {
-      const auto known = std::find(ids.begin(), ids.end(), record[2]);
+    if (const auto record = ParseLogRecord(line)) {
+      const auto known = std::find(ids.begin(), ids.end(), record->thread);
       thread = static_cast<size_t>(known - ids.begin());
-      if (known == ids.end()) ids.push_back(record[2]);
+      if (known == ids.end()) ids.push_back(record->thread);
       threads.resize(ids.size());
-      threads[thread].push_back(record.format("$1 $3 $4"));
+      threads[thread].push_back(record->level + ' ' + record->site + ' ' + record->text);
     } else if (line == "Start to parse motion metadata..." && !threads.empty()) {
       threads[thread].push_back(line);
     } else if (!line.empty() || threads.empty() ||

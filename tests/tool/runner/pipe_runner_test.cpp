@@ -14,7 +14,6 @@
 #include "editor/fake_media_src.h"
 #include "editor/media_pipe.h"
 #include "eventloop/loop_testing.h"
-#include "support/hang_guard.h"
 #include "support/log_capture.h"
 #include "utils/vela_util.h"
 
@@ -49,7 +48,6 @@ namespace {
 
 using ::motrace::testing::Arrives;
 using ::motrace::testing::FakeMediaSrc;
-using ::motrace::testing::HangGuard;
 using ::motrace::testing::LogCapture;
 using ::motrace::testing::TestLoop;
 using std::chrono::milliseconds;
@@ -75,9 +73,6 @@ class RunnerRig {
 
   std::shared_ptr<FakeMediaSrc> src = std::make_shared<FakeMediaSrc>();
   std::shared_ptr<MediaPipe> pipe = std::make_shared<MediaPipe>();
-
- private:
-  HangGuard guard_{"a run"};
 };
 
 TEST(RunPipe, TheOutcomeIsItsResultAndOneRecord) {
