@@ -224,7 +224,7 @@ TEST(Messages, FilesCutShortByALimitAreNamed) {
   EXPECT_THAT(run.err, ::testing::AllOf(HasSubstr("gyro.dat"), HasSubstr("gps.json"),
                                         HasSubstr("File too large"), Not(HasSubstr("exposure"))));
   // What fits is there: a prefix of the whole.
-  const Bytes whole = ExtractPlainly(*ReadDataStream(input)).gyro;
+  const Bytes whole = ExtractPlainly(*ReadDataStream(input)).files.at("gyro.dat");
   EXPECT_EQ(ReadFile(dir / "gyro.dat"), Bytes(whole.begin(), whole.begin() + 8192));
 }
 
