@@ -205,15 +205,16 @@ class Checker {
   void CheckGps() {
     TrackOptions whole;
     whole.gap_ns = std::numeric_limits<std::int64_t>::max();
-    GroundTrack track = MakeGroundTrack(recording_.Of<Gps>(), whole);
-    if (track.points == 0) track = MakeGroundTrack(recording_.Of<GpsMin>(), whole);
-    if (track.without_place > 0) {
+    const GroundTrack full = MakeGroundTrack(recording_.Of<Gps>(), whole);
+    const GroundTrack minimal = MakeGroundTrack(recording_.Of<GpsMin>(), whole);
+    const GroundTrack& track = full.points > 0 ? full : minimal;
+    if (const std::int64_t count = full.without_place + minimal.without_place; count > 0) {
       Add("gps-invalid", Severity::kError, kNoTime,
-          std::to_string(track.without_place) + " positions are not on Earth");
+          std::to_string(count) + " positions are not on Earth");
     }
-    if (track.without_fix > 0) {
+    if (const std::int64_t count = full.without_fix + minimal.without_fix; count > 0) {
       Add("gps-no-fix", Severity::kNote, kNoTime,
-          std::to_string(track.without_fix) + " GPS samples have no fix");
+          std::to_string(count) + " GPS samples have no fix");
     }
     points_ = track.points;
     if (track.segments.empty()) return;

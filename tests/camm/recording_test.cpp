@@ -3,10 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <filesystem>
+#include <sstream>
 #include <string>
 
 #include "support/memory_source.h"
 #include "support/samples.h"
+#include "support/subprocess.h"
 #include "support/temp_dir.h"
 
 namespace camm {
@@ -73,6 +77,53 @@ TEST_F(RecordingTest, TimesAreExactInEveryTimeBase) {
   Mp4Track late = GyroTrack(90000, 1, 2);
   late.edits = {{2500, -1}, {10, 0}};
   EXPECT_THAT(GyroTimes(Reading({late})), ElementsAre(2500000000, 2500011111));
+}
+
+/// The track's packets as FFmpeg's own program shows them: ticks and bytes, in hexadecimal digits.
+std::vector<std::pair<std::int64_t, std::string>> Probed(const std::string& path) {
+  std::vector<std::pair<std::int64_t, std::string>> packets;
+  const auto run = motrace::testing::RunProcess(
+      {"/usr/bin/ffprobe", "-v", "quiet", "-select_streams", "d:0", "-show_entries",
+       "packet=pts,data", "-show_data", "-of", "default=noprint_wrappers=1", "file:" + path});
+  std::istringstream lines(run.out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("pts=", 0) == 0) packets.emplace_back(std::stoll(line.substr(4)), "");
+    if (line.size() < 11 || line.find(": ") != 8) continue;
+    for (const char digit : line.substr(10, 40)) {
+      if (digit != ' ') packets.back().second += digit;
+    }
+  }
+  return packets;
+}
+
+TEST_F(RecordingTest, ReadsWhatFFmpegsOwnProgramReads) {
+  if (!std::filesystem::exists("/usr/bin/ffprobe")) GTEST_SKIP() << "there is no ffprobe";
+  Mp4Track edited = motrace::testing::CameraTrack();
+  edited.edits = {{40, -1}, {500, 9001}};
+  Mp4Track shifted = Mp4Track::Camm(1'000'000'000);
+  for (int i = 0; i < 40; ++i) shifted.Add(GyroSample({1, 2, 3}), 1'234'567, i % 3 - 5);
+  motrace::testing::CameraOptions paired;
+  paired.timescale = 7200;
+  paired.paired = true;
+  for (const Mp4Track& track : {edited, shifted, motrace::testing::CameraTrack(paired)}) {
+    for (const Mp4Order order : {Mp4Order::kMoovFirst, Mp4Order::kFragmented}) {
+      motrace::testing::WriteMp4(path_, {track}, {order});
+      std::vector<std::pair<std::int64_t, std::string>> read;
+      const ReadResult result = StreamPackets({path_, nullptr}, {}, [&](const Packet& packet) {
+        // No tick is shorter than a nanosecond, so that this is exact.
+        const double ticks = static_cast<double>(packet.time_ns) * 1e-9 * track.timescale();
+        std::string digits;
+        for (std::size_t i = 0; i < packet.size; ++i) {
+          digits += "0123456789abcdef"[packet.data[i] >> 4];
+          digits += "0123456789abcdef"[packet.data[i] & 15];
+        }
+        read.emplace_back(std::llround(ticks), digits);
+      });
+      EXPECT_EQ(result.status, Status::kWhole);
+      EXPECT_GT(read.size(), 30U);
+      EXPECT_TRUE(read == Probed(path_));
+    }
+  }
 }
 
 TEST_F(RecordingTest, FirstPacketOfAnyStreamIsAnOrigin) {
