@@ -43,10 +43,9 @@ void AddInfo(CLI::App& app, Run& run) {
   const auto options = std::make_shared<InfoOptions>();
   CLI::App* verb = AddVerb(app, "info", "Say what a recording holds, on one screen.",
                            "camm info ride.mp4", options->common);
-  verb->add_option("FILE", options->files, "Video files")->required();
-  verb->add_option(
-      "--stream", options->stream,
-      "Index of the stream to read (default: the first camm track that holds packets)");
+  verb->add_option("FILE", options->files)->required();
+  verb->add_option("--stream", options->stream, "Stream to read (the first camm track)")
+      ->type_name("N");
   verb->callback([&run, options] { run = [options] { return RunInfo(*options); }; });
 }
 

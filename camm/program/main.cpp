@@ -1,5 +1,7 @@
 // camm VERB …: camera motion tracks of video files.
 
+#include <malloc.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
@@ -25,6 +27,7 @@ int Main(int argc, char** argv) {
       "2 wrong command line, 3 cannot open or write, 4 no camm track, 5 no samples.");
   Run run;
   AddInfo(app, run);
+  AddExport(app, run);
   AddInject(app, run);
   AddCopy(app, run);
   AddCheck(app, run);
@@ -45,6 +48,11 @@ int Main(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+#ifdef M_MXFAST
+  // Every packet's buffer is a short-lived allocation of FFmpeg's at the heap's top: with glibc's
+  // fast bins each such free consolidates the heap, which costs as much as the reading.
+  mallopt(M_MXFAST, 0);  // NOLINT(concurrency-mt-unsafe): before any thread
+#endif
   camm::SilenceMessages();        // what went wrong is in the results, and in our words
   std::signal(SIGXFSZ, SIG_IGN);  // a file size limit is an error of writing, not the end
   try {

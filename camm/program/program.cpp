@@ -27,51 +27,27 @@ std::mutex& TerminalMutex() {
 
 std::string Reason(int error) { return std::generic_category().message(error); }
 
-// Length of the UTF-8 sequence at the start of `text` (RFC 3629); 0 if it is broken or a control.
-std::size_t PrintableSequence(std::string_view text) {
-  const auto byte = [&text](std::size_t i) {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-  };
-  const unsigned first = byte(0);
-  if (first < 0x80) return first >= 0x20 && first != 0x7F ? 1 : 0;
-  const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-  unsigned low = 0x80;
-  unsigned high = 0xBF;
-  if (first == 0xC2) low = 0xA0;  // below: controls
-  if (first == 0xE0) low = 0xA0;
-  if (first == 0xED) high = 0x9F;
-  if (first == 0xF0) low = 0x90;
-  if (first == 0xF4) high = 0x8F;
-  if (first < 0xC2 || first > 0xF4 || byte(1) < low || byte(1) > high) return 0;
-  for (std::size_t i = 2; i < length; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return 0;
+/// One screen: what the usage line says already is not said again.
+class VerbHelp : public CLI::Formatter {
+ public:
+  VerbHelp() {
+    column_width(25);
+    label("REQUIRED", "");
   }
-  return length;
-}
+  std::string make_positionals(const CLI::App* /*app*/) const override { return {}; }
+  std::string make_footer(const CLI::App* app) const override { return app->get_footer() + "\n"; }
+};
 
 }  // namespace
 
 CLI::App* AddVerb(CLI::App& app, const std::string& name, const std::string& description,
                   const std::string& example, CommonOptions& common) {
   CLI::App* verb = app.add_subcommand(name, description);
-  verb->add_flag("-q,--quiet", common.quiet, "Say nothing but errors");
-  verb->add_flag("--json", common.json, "Write what is said on standard output as JSON");
+  verb->add_flag("-q,--quiet", common.quiet, "Only errors on standard error");
+  verb->add_flag("--json", common.json, "Standard output as JSON");
   verb->footer("Example: " + example);
+  verb->formatter(std::make_shared<VerbHelp>());
   return verb;
-}
-
-std::string Printable(std::string_view text) {
-  std::string printable;
-  while (!text.empty()) {
-    const std::size_t length = PrintableSequence(text);
-    if (length == 0) {
-      printable += fmt::format("\\x{:02X}", static_cast<unsigned char>(text.front()));
-    } else {
-      printable += text.substr(0, length);
-    }
-    text.remove_prefix(std::max<std::size_t>(length, 1));
-  }
-  return printable;
 }
 
 void Message(std::string_view text) {

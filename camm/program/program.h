@@ -49,6 +49,7 @@ using Run = std::function<int()>;
 
 /// Each adds its verb. Parsing sets `run` if the verb was given.
 void AddInfo(CLI::App& app, Run& run);
+void AddExport(CLI::App& app, Run& run);
 void AddInject(CLI::App& app, Run& run);
 void AddCopy(CLI::App& app, Run& run);
 void AddCheck(CLI::App& app, Run& run);
@@ -59,9 +60,7 @@ void AddReport(CLI::App& app, Run& run);
 CLI::App* AddVerb(CLI::App& app, const std::string& name, const std::string& description,
                   const std::string& example, CommonOptions& common);
 
-/// The text with control bytes and broken UTF-8 as `\xNN`: names and file contents must not be able
-/// to steer a terminal.
-std::string Printable(std::string_view text);
+using formats::Printable;
 
 /// "camm: TEXT" on standard error, as one line, made printable. Any thread.
 void Message(std::string_view text);

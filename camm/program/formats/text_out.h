@@ -88,6 +88,10 @@ class TextOut {
   std::size_t used_ = 0;
 };
 
+/// The text with control bytes and broken UTF-8 as `\xNN`: names and file contents must not be able
+/// to steer a terminal, nor break a format.
+std::string Printable(std::string_view text);
+
 /// Where a format's files go. One thread.
 class Files {
  public:
