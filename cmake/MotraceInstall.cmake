@@ -63,7 +63,7 @@ if(image_exports)
   endforeach()
   install(FILES docs/raw_bayer.md docs/optical_flow.md raw_bayer/raw_bayer.cl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-image-dev COMPONENT image_dev)
-  install(FILES raw_bayer/examples/raw_planes.cpp
+  install(FILES raw_bayer/examples/raw_planes.cpp examples/frames_between.cpp
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-image-dev/examples
           COMPONENT image_dev)
 endif()

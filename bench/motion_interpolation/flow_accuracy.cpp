@@ -90,6 +90,7 @@ FlowPair mirrored(const FlowPair& pair, bool along_x, bool along_y) {
   const int code = along_x && along_y ? -1 : along_x ? 1 : 0;  // as cv::flip wants it
   for (cv::Mat FlowPair::*mat :
        {&FlowPair::img0, &FlowPair::img1, &FlowPair::truth, &FlowPair::known}) {
+    result.*mat = cv::Mat();  // not the pair's own memory
     cv::flip(pair.*mat, result.*mat, code);
   }
   cv::multiply(result.truth, cv::Scalar(along_x ? -1 : 1, along_y ? -1 : 1), result.truth);

@@ -134,7 +134,7 @@ cv::Mat drawScene(double time) {
   const cv::Size size(192, 144);
   const cv::Matx23d wall(std::cos(0.08 * time), -std::sin(0.08 * time), 4.0 * time,
                          std::sin(0.08 * time), std::cos(0.08 * time), -6.0 * time);
-  cv::Mat noise[2] = {cv::Mat(9, 12, CV_8UC3), cv::Mat(6, 6, CV_8UC3)};
+  cv::Mat noise[2] = {cv::Mat(14, 19, CV_8UC3), cv::Mat(12, 12, CV_8UC3)};
   cv::RNG random(3);
   random.fill(noise[0], cv::RNG::UNIFORM, 0, 160);
   random.fill(noise[1], cv::RNG::UNIFORM, 60, 256);
@@ -142,11 +142,11 @@ cv::Mat drawScene(double time) {
   cv::Mat ball;
   cv::resize(noise[0], scene, size, 0, 0, cv::INTER_CUBIC);
   cv::warpAffine(scene, scene, wall, size, cv::INTER_CUBIC, cv::BORDER_REFLECT_101);
-  const cv::Matx23d flight(1, 0, 40 + 24 * time, 0, 1, 50 - 10 * time);
+  const cv::Matx23d flight(1, 0, 40 + 16 * time, 0, 1, 50 - 8 * time);
   cv::resize(noise[1], ball, cv::Size(64, 64), 0, 0, cv::INTER_CUBIC);
   cv::warpAffine(ball, ball, flight, size, cv::INTER_CUBIC);
   cv::Mat mask(size, CV_8UC1, cv::Scalar(0));
-  cv::circle(mask, cv::Point2d(72 + 24 * time, 82 - 10 * time), 26, cv::Scalar(255), cv::FILLED);
+  cv::circle(mask, cv::Point2d(72 + 16 * time, 82 - 8 * time), 26, cv::Scalar(255), cv::FILLED);
   ball.copyTo(scene, mask);
   return scene;
 }

@@ -68,8 +68,8 @@ class DISOpticalFlow : public DenseOpticalFlow {
   virtual void setUseSpatialPropagation(bool value) = 0;
 
   /// Whether a flow of the right size and type that `calc` is given serves as an initial flow; on
-  /// by default. Switched off, it is only memory to be written: calls on frame after frame then
-  /// reuse one matrix, whose first touch would cost a fifth of a call on large frames.
+  /// by default. Switched off, it is only memory to be written: calls on frame after frame can
+  /// reuse one matrix and need not touch fresh pages.
   bool getUseInitialFlow() const { return use_initial_flow_; }
   void setUseInitialFlow(bool value) { use_initial_flow_ = value; }
 

@@ -145,8 +145,8 @@ struct Positions {
     dy = cy - v_cvt_f32(yi);
     v_store(index, yi * vx_setall_s32(static_cast<int>(args.second_stride)) + xi);
   }
+  alignas(64) int index[kLanes] = {};
   v_float32 inside, dx, dy;
-  alignas(64) int index[kLanes];
 };
 
 inline v_float32 sampled(const RefineArgs& args, const Positions& at) {
@@ -504,7 +504,7 @@ struct SystemSource {
   PixelRow own, side, above, below;
   const float* edges[4];  // to the left, right, up, down
   float has_above;
-  const float* data[5];
+  const float* data[5] = {};
 };
 
 inline System systemAt(const RefineArgs& args, const SystemSource& from, const Pixels& own,
