@@ -1,5 +1,6 @@
 // make_fuzz_seeds DIR: writes the seeds of the fuzz targets' corpora, DIR/<target>/<seed>.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -134,6 +135,61 @@ void WriteContainerSeeds(const fs::path& directory) {
   }
 }
 
+// Inputs that FFmpeg must not be left alone with.
+void WriteHostileSeeds(const fs::path& directory) {
+  const auto write = [&directory](const char* name, const std::string& text) {
+    WriteFile(directory / name, Bytes(text.begin(), text.end()));
+  };
+  write("playlist", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\ninput\n");
+  write("live_playlist", "#EXTM3U\n#EXT-X-TARGETDURATION:9\n#EXTINF:9,\ninput\n");
+  write("concat_script", "ffconcat version 1.0\nfile input\n");
+  write("session_description", "v=0\nc=IN IP4 127.0.0.1\nm=video 5004 RTP/AVP 96\n");
+  // A track without a header beside fragments.
+  Mp4Layout fragmented;
+  fragmented.order = Mp4Order::kFragmented;
+  WriteMp4(directory / "unnumbered_track", {Motion(1000), Motion(1000)}, fragmented);
+  Bytes content = ReadFile(directory / "unnumbered_track");
+  const std::string header = "tkhd";
+  std::search(content.begin(), content.end(), header.begin(), header.end())[0] = 'x';
+  content.push_back(0);
+  WriteFile(directory / "unnumbered_track", content);
+}
+
+// Files whose motion track is read by plan, or nearly so.
+void WritePlanSeeds(const fs::path& directory) {
+  fs::create_directories(directory);
+  const auto motion = [](std::uint32_t duration) {
+    Mp4Track track = Mp4Track::Camm(1000);
+    for (int i = 0; i < 60; ++i) track.Add(GyroSample({}), duration);
+    return track;
+  };
+  Mp4Layout first;
+  first.order = Mp4Order::kMoovFirst;
+  Mp4Layout chunks;
+  chunks.interleave_ms = 10;
+  Mp4Track edited = motion(10);
+  edited.edits = {{50, -1, 1}, {100, 40, 1}, {60, 0, 1}};
+  Mp4Track sizes = motion(10);
+  for (std::size_t i = 0; i < 20; ++i) sizes.Add(Bytes(i * 7), 0);
+  Mp4Track untimed = motion(10);
+  untimed.samples_without_time = 3;
+  const struct {
+    const char* name;
+    std::vector<Mp4Track> tracks;
+    Mp4Layout layout;
+  } seeds[] = {{"one_chunk", {motion(10)}, {}},  {"instants", {motion(0)}, first},
+               {"chunks", {motion(10)}, chunks}, {"two_tracks", {motion(5), motion(10)}, chunks},
+               {"edit_list", {edited}, first},   {"sizes", {sizes}, first},
+               {"untimed", {untimed}, {}}};
+  std::uint8_t choice = 0;
+  for (const auto& seed : seeds) {
+    WriteMp4(directory / seed.name, seed.tracks, seed.layout);
+    Bytes content = ReadFile(directory / seed.name);
+    content.push_back(choice++);
+    WriteFile(directory / seed.name, content);
+  }
+}
+
 // Bytes that the image engines' target draws its choices from: one input for each engine and form.
 void WriteImageSeeds(const fs::path& directory) {
   fs::create_directories(directory);
@@ -160,6 +216,8 @@ int main(int argc, char** argv) {
   try {
     WriteDecoderSeeds(fs::path(argv[1]) / "camm_filter");
     WriteContainerSeeds(fs::path(argv[1]) / "extraction");
+    WriteHostileSeeds(fs::path(argv[1]) / "extraction");
+    WritePlanSeeds(fs::path(argv[1]) / "reading_plan");
     WriteImageSeeds(fs::path(argv[1]) / "image_engines");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_fuzz_seeds: %s\n", error.what());

@@ -7,8 +7,9 @@
 namespace lum {
 namespace {
 
-constexpr int kExtradataPadding = 32;  // FFmpeg's readers may look past the end
-constexpr int kAacFrameSize = 1024;    // samples
+// FFmpeg's readers may look past the end, how far depends on the version.
+constexpr int kExtradataPadding = std::max(32, AV_INPUT_BUFFER_PADDING_SIZE);
+constexpr int kAacFrameSize = 1024;  // samples
 
 void FreeStream(AVStream* stream) {
   avcodec_parameters_free(&stream->codecpar);

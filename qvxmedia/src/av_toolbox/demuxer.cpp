@@ -1,39 +1,60 @@
 #include "av_toolbox/demuxer.h"
 
+#include <unistd.h>
+
 #include <algorithm>
-#include <cstring>
+#include <optional>
 #include <utility>
 
+#include "av_toolbox/byte_input.h"
 #include "av_toolbox/ffmpeg_util.h"
+#include "av_toolbox/reading_plan.h"
 #include "base/log_sites.h"
 
 namespace lum {
 namespace {
 
-constexpr int kIOBufferSize = 32768;
 constexpr uint8_t kAvcConfigurationVersion = 1;  // first byte of an avcC record, ISO/IEC 14496-15
 constexpr AVRational kMilliseconds{1, 1000};
 
-int ReadFromSource(void* source, uint8_t* buffer, int size) {
-  return static_cast<IOSource*>(source)->Read(buffer, size);
+// Whether `name` is an address (RFC 3986, with an authority) that no file has for its name.
+bool IsAddress(const std::string& name) {
+  constexpr char kSchemeCharacters[] =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+-.";
+  const size_t end = name.find_first_not_of(kSchemeCharacters);
+  return end != std::string::npos && end > 0 && name.compare(end, 3, "://") == 0 &&
+         access(name.c_str(), F_OK) != 0;
 }
 
-int64_t SeekInSource(void* source, int64_t offset, int whence) {
-  return static_cast<IOSource*>(source)->Seek(offset, whence);
+// Whether a format claims inputs by their name alone ("rtsp:", numbered pictures), so that FFmpeg
+// would not ask for a file of that name.
+bool IsClaimedByName(const std::string& name) {
+  AVProbeData probe{};
+  probe.filename = name.c_str();
+  return av_probe_input_format(&probe, /*is_opened=*/0) != nullptr;
+}
+
+// Some formats open files without asking the format context; this they all go by.
+void AllowNoProtocol(AVFormatContext* format) {
+  av_freep(static_cast<void*>(&format->protocol_whitelist));
+  format->protocol_whitelist = av_strdup("none");
+}
+
+// Makes a new packet if somebody else holds this one.
+void RenewIfShared(std::shared_ptr<QVXPacket>& packet) {
+  if (packet.use_count() != 1) {
+    packet = NewPacket();
+    return;
+  }
+  // Counting up and down again orders us after whoever held it last, maybe on another thread.
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+  const std::shared_ptr<QVXPacket> ordered = packet;
 }
 
 // Empties a packet that nobody else holds, or makes a new one.
 void ReuseOrRenew(std::shared_ptr<QVXPacket>& packet) {
-  if (packet.use_count() == 1) {
-    // Counting up and down again orders us behind whoever held it last, maybe on another thread.
-    {
-      // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
-      const std::shared_ptr<QVXPacket> ordered = packet;
-    }
-    av_packet_unref(packet.get());
-  } else {
-    packet = NewPacket();
-  }
+  RenewIfShared(packet);
+  av_packet_unref(packet.get());
 }
 
 bool IsAvcInMp4Form(const AVStream* stream) {
@@ -55,20 +76,11 @@ int Demuxer::Open(const Options* options, const std::shared_ptr<IOSource>& io_so
     for (const auto& [key, value] : *options) av_dict_set(&dict, key.c_str(), value.c_str(), 0);
   }
 
-  format_ctx_ = avformat_alloc_context();
-  LUM_CHECK(format_ctx_ != nullptr) << "no memory for a format context";
-  format_ctx_->interrupt_callback.callback = [](void* demuxer) {
-    return static_cast<int>(static_cast<Demuxer*>(demuxer)->abort_);
-  };
-  format_ctx_->interrupt_callback.opaque = this;
-  if (io_source) AttachIOSource(io_source);
-  // Replaces FFmpeg's default flags; nothing else is to be set.
-  format_ctx_->flags = compat::kFormatFlagKeepSideData;
-
-  const int ret = avformat_open_input(&format_ctx_, url_.c_str(), nullptr, &dict);
+  const int ret = OpenInput(&dict, io_source);
   av_dict_free(&dict);
-  if (ret != 0) {  // FFmpeg has freed the context, but never a byte source's I/O context
-    FreeIOContext();
+  if (ret != 0) {
+    avformat_close_input(&format_ctx_);
+    input_.reset();
     LUM_LOG_AT(kError, site::kDemuxOpenFailed)
         << "avformat open input error:" << FFmpegErrorString(ret);
     return ret;
@@ -80,30 +92,88 @@ int Demuxer::Open(const Options* options, const std::shared_ptr<IOSource>& io_so
   };
   video_index_ = best_stream(AVMEDIA_TYPE_VIDEO);
   audio_index_ = best_stream(AVMEDIA_TYPE_AUDIO);
-  subtitle_index_ = best_stream(AVMEDIA_TYPE_SUBTITLE);
   data_index_ = best_stream(AVMEDIA_TYPE_DATA);
   av_dump_format(format_ctx_, 0, compat::InputName(*format_ctx_), 0);
 
+  if (options == nullptr || options->empty()) packets_read_.assign(StreamCount(), 0);
+  FindOnlyStream();
   const AVStream* video = VideoStream();
   return video != nullptr && IsAvcInMp4Form(video) ? InsertAnnexBFilter() : 0;
 }
 
-void Demuxer::AttachIOSource(const std::shared_ptr<IOSource>& io_source) {
-  LUM_LOG_AT(kInfo, site::kDemuxCustomSource) << "use custom iosource demux.";
-  io_source_ = io_source;
-  auto* buffer = static_cast<uint8_t*>(av_malloc(kIOBufferSize));
-  LUM_CHECK(buffer != nullptr) << "no memory for an I/O buffer";
-  io_ctx_ =
-      avio_alloc_context(buffer, kIOBufferSize, /*write_flag=*/0, io_source.get(), &ReadFromSource,
-                         nullptr, io_source->IsSeekable() ? &SeekInSource : nullptr);
-  LUM_CHECK(io_ctx_ != nullptr) << "no memory for an I/O context";
-  format_ctx_->pb = io_ctx_;
+int Demuxer::OpenInput(AVDictionary** options, const std::shared_ptr<IOSource>& io_source) {
+  format_ctx_ = avformat_alloc_context();
+  LUM_CHECK(format_ctx_ != nullptr) << "no memory for a format context";
+  // FFmpeg would wait for a live playlist to grow.
+  format_ctx_->interrupt_callback.callback = [](void* demuxer) {
+    const AVFormatContext* const format = static_cast<Demuxer*>(demuxer)->format_ctx_;
+    return static_cast<int>(!InputGuard::ListRefusal(format).empty());
+  };
+  format_ctx_->interrupt_callback.opaque = this;
+  format_ctx_->opaque = this;
+  ffmpegs_open_ = format_ctx_->io_open;
+  format_ctx_->io_open = &Demuxer::OpenForFFmpeg;
+  if (io_source) {
+    LUM_LOG_AT(kInfo, site::kDemuxCustomSource) << "use custom iosource demux.";
+    Attach(std::make_unique<ByteInput>(io_source));
+  }
+  // Replaces FFmpeg's default flags; nothing else is to be set.
+  format_ctx_->flags = compat::kFormatFlagKeepSideData;
+  if (!io_source && IsClaimedByName(url_) && !IsAddress(url_)) {
+    if (const int ret = OpenFile(); ret != 0) return ret;
+  }
+
+  int ret = avformat_open_input(&format_ctx_, url_.c_str(), nullptr, options);
+  if (format_ctx_ == nullptr && input_) input_->guard().Watch(nullptr);
+  problem_ = Refusal();
+  // What is refused may have been opened, without what it wanted.
+  if (ret == 0 && !problem_.empty()) ret = AVERROR_INVALIDDATA;
+  if (ret != 0 && problem_.empty() && input_ && input_->read_error() != 0) {
+    problem_ = FFmpegErrorString(input_->read_error());  // FFmpeg calls it the end of the file
+  }
+  if (ret == 0 && input_ && (format_ctx_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0) {
+    input_->guard().HeaderIsRead();
+  }
+  return ret;
 }
 
-void Demuxer::FreeIOContext() {
-  if (io_ctx_ != nullptr) av_freep(static_cast<void*>(&io_ctx_->buffer));
-  avio_context_free(&io_ctx_);
-  io_source_.reset();
+// The file that the input is named after, whatever protocol FFmpeg would take the name for.
+int Demuxer::OpenFile() {
+  int error = 0;
+  auto file = ByteInput::OpenFile(url_, error);
+  if (file != nullptr) Attach(std::move(file));
+  return error;
+}
+
+void Demuxer::Attach(std::unique_ptr<ByteInput> input) {
+  input_given_ = true;
+  input_ = std::move(input);
+  input_->guard().Watch(format_ctx_);
+  format_ctx_->pb = input_->context();
+  // FFmpeg sets it itself where there is an I/O context before it opens: it is not to close it.
+  format_ctx_->flags |= AVFMT_FLAG_CUSTOM_IO;
+  AllowNoProtocol(format_ctx_);
+}
+
+// FFmpeg asks for its input here, and for every file that the input names.
+int Demuxer::OpenForFFmpeg(AVFormatContext* format, AVIOContext** io, const char* url, int flags,
+                           AVDictionary** options) {
+  auto* const self = static_cast<Demuxer*>(format->opaque);
+  if (self->input_given_) return AVERROR(EPERM);
+  int ret = 0;
+  if (IsAddress(self->url_)) {
+    self->input_given_ = true;
+    ret = self->ffmpegs_open_(format, io, url, flags, options);
+    if (ret >= 0) AllowNoProtocol(format);
+  } else {
+    ret = self->OpenFile();
+    *io = format->pb;
+  }
+  return ret;
+}
+
+std::string Demuxer::Refusal() const {
+  return input_ ? input_->guard().Refusal() : InputGuard::ListRefusal(format_ctx_);
 }
 
 int Demuxer::InsertAnnexBFilter() {
@@ -121,9 +191,48 @@ int Demuxer::ReadPacket(std::shared_ptr<QVXPacket>& out) {
   std::shared_ptr<QVXPacket> packet = std::move(out);
   out.reset();
   if (format_ctx_ == nullptr) return AVERROR(EINVAL);
-  ReuseOrRenew(packet);
-  const int ret = av_read_frame(format_ctx_, packet.get());
-  if (ret == 0) out = std::move(packet);
+  RenewIfShared(packet);
+  std::optional<int> ret;
+  if (plan_) ret = plan_->Next(*packet);
+  if (!ret) {
+    av_packet_unref(packet.get());
+    ret = plan_ ? LeavePlan(*packet) : ReadFrame(*packet);
+  }
+  if (*ret == 0) out = std::move(packet);
+  return *ret;
+}
+
+int Demuxer::ReadFrame(QVXPacket& packet) {
+  const int64_t place = only_stream_ >= 0 ? avio_tell(format_ctx_->pb) : -1;
+  const int ret = av_read_frame(format_ctx_, &packet);
+  if (ret != 0) {
+    if (problem_.empty()) problem_ = Refusal();
+    return ret;
+  }
+  const auto stream = static_cast<size_t>(packet.stream_index);
+  if (packets_read_.size() <= stream) return ret;
+  ++packets_read_[stream];
+  // Where the place in the file has moved to the packet's end, it was read just now: nothing is
+  // left of what FFmpeg buffered while it probed.
+  if (packet.stream_index != only_stream_) return ret;
+  const int64_t now = avio_tell(format_ctx_->pb);
+  if (plan_allowed_ && now != place && now == packet.pos + packet.size) {
+    plan_ = ReadingPlan::Make(*format_ctx_, *input_, format_ctx_->streams[stream],
+                              packets_read_[stream] - 1, packet);
+    only_stream_ = -1;  // once is enough
+  }
+  return ret;
+}
+
+// FFmpeg has stayed where the plan began: what was handed out since is read again.
+int Demuxer::LeavePlan(QVXPacket& packet) {
+  int to_skip = plan_->handed_out();
+  plan_.reset();
+  int ret = ReadFrame(packet);
+  for (; ret == 0 && to_skip > 0; --to_skip) {
+    av_packet_unref(&packet);
+    ret = ReadFrame(packet);
+  }
   return ret;
 }
 
@@ -162,15 +271,37 @@ int Demuxer::NextPacket(std::shared_ptr<QVXPacket>& out) {
 int Demuxer::Seek(int stream_index, int64_t timestamp, int flags) {
   eof_ = false;
   if (format_ctx_ == nullptr) return AVERROR(EINVAL);
-  return av_seek_frame(format_ctx_, stream_index, timestamp, flags);
+  const int ret = av_seek_frame(format_ctx_, stream_index, timestamp, flags);
+  if (ret >= 0) plan_.reset();
+  packets_read_.clear();
+  only_stream_ = -1;
+  return ret;
 }
 
 void Demuxer::DiscardStream(unsigned index) {
-  if (AVStream* stream = GetStream(index)) stream->discard = AVDISCARD_ALL;
+  AVStream* const stream = GetStream(index);
+  if (stream == nullptr || stream->discard >= AVDISCARD_ALL) return;
+  stream->discard = AVDISCARD_ALL;
+  plan_.reset();  // it was for this one
+  FindOnlyStream();
+}
+
+// Which stream a reading plan is for, if any.
+void Demuxer::FindOnlyStream() {
+  only_stream_ = -1;
+  if (!input_ || packets_read_.empty()) return;
+  for (unsigned i = 0; i < StreamCount(); ++i) {
+    if (GetStream(i)->discard >= AVDISCARD_ALL) continue;
+    if (only_stream_ >= 0) {
+      only_stream_ = -1;
+      return;
+    }
+    only_stream_ = static_cast<int>(i);
+  }
 }
 
 int64_t Demuxer::MissingBytes() const {
-  if (format_ctx_ == nullptr || std::strstr(format_ctx_->iformat->name, "mp4") == nullptr) return 0;
+  if (format_ctx_ == nullptr || !IsMp4(*format_ctx_)) return 0;
   const int64_t size = avio_size(format_ctx_->pb);
   int64_t end = 0;
   for (unsigned i = 0; i < format_ctx_->nb_streams; ++i) {
@@ -186,8 +317,9 @@ bool Demuxer::IsSeekable() const {
 
 void Demuxer::Close() {
   if (closed_) return;
+  plan_.reset();
   avformat_close_input(&format_ctx_);
-  FreeIOContext();
+  input_.reset();
   closed_ = true;
 }
 

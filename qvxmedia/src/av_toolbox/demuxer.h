@@ -6,37 +6,23 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "av_toolbox/bsf_filter.h"
+#include "av_toolbox/io_source.h"
 #include "av_toolbox/packet_util.h"
 
 namespace lum {
 
-/// A byte source to read a container from, in place of a file.
-///
-/// Threads: called on the thread that calls the Demuxer, one call at a time.
-class IOSource {
- public:
-  IOSource() = default;
-  virtual ~IOSource() = default;
-  IOSource(const IOSource&) = delete;
-  IOSource& operator=(const IOSource&) = delete;
-
-  /// Whether `Seek` may be called. Asked once, when the input is opened.
-  virtual bool IsSeekable() = 0;
-  /// Total size in bytes, negative when unknown. Not used by the Demuxer.
-  virtual int64_t Size() { return -1; }
-  /// As the read callback of FFmpeg's `avio_alloc_context`: fills at most `size` bytes.
-  /// @return bytes read, `AVERROR_EOF` at the end, or another negative FFmpeg error.
-  virtual int Read(uint8_t* buffer, int size) = 0;
-  /// Current position in bytes, negative when unknown. Not used by the Demuxer.
-  virtual int64_t Position() { return -1; }
-  /// As the seek callback of FFmpeg's `avio_alloc_context`, `AVSEEK_SIZE` included.
-  virtual int64_t Seek(int64_t offset, int whence) = 0;
-};
+class ByteInput;
+class ReadingPlan;
 
 /// Opens a container, finds its best video, audio, data and subtitle streams, and hands out its
 /// packets. H.264 stored with length prefixes (MP4) leaves in Annex B form.
+///
+/// It reads what it is told to and nothing else: a file that is a list of other files or addresses
+/// (playlist, concat script, manifest, session description) is refused, and FFmpeg opens nothing on
+/// its behalf.
 ///
 /// Not thread-safe: one thread at a time. It has no thread or lock of its own.
 /// Ownership: owns the input; streams it returns live until `Close`. Shares the byte source.
@@ -46,7 +32,8 @@ class Demuxer {
  public:
   using Options = std::map<std::string, std::string>;
 
-  /// @param url file name, or any URL that FFmpeg opens.
+  /// @param url name of a file, whatever it looks like; where there is none, "scheme://…" is an
+  ///   address that FFmpeg opens.
   explicit Demuxer(std::string url);
   ~Demuxer();
   Demuxer(const Demuxer&) = delete;
@@ -82,6 +69,16 @@ class Demuxer {
   /// Whether the open input can be read in any order: a file can, a pipe cannot.
   [[nodiscard]] bool IsSeekable() const;
 
+  /// What is wrong with the input, in words for a user, where FFmpeg's code does not tell: that it
+  /// is refused, or that its bytes could not be read. Empty otherwise. Stays after `Close`.
+  [[nodiscard]] const std::string& InputProblem() const { return problem_; }
+
+  /// Whether packets may be read by the container's index instead of by `av_read_frame` once all
+  /// but one stream are discarded (on by default). They are equal either way.
+  void SetReadingPlan(bool allowed) { plan_allowed_ = allowed; }
+  /// Whether they are read so at the moment.
+  [[nodiscard]] bool ReadsByPlan() const { return plan_ != nullptr; }
+
   /// Frees the input. Later calls do nothing.
   void Close();
 
@@ -101,23 +98,35 @@ class Demuxer {
  private:
   [[nodiscard]] AVStream* StreamAt(int index) const;
   [[nodiscard]] int64_t DurationMs(int index) const;
-  void AttachIOSource(const std::shared_ptr<IOSource>& io_source);
-  void FreeIOContext();
+  int OpenInput(AVDictionary** options, const std::shared_ptr<IOSource>& io_source);
+  int OpenFile();
+  void Attach(std::unique_ptr<ByteInput> input);
+  static int OpenForFFmpeg(AVFormatContext* format, AVIOContext** io, const char* url, int flags,
+                           AVDictionary** options);
+  [[nodiscard]] std::string Refusal() const;
   int InsertAnnexBFilter();
+  void FindOnlyStream();
+  int ReadFrame(QVXPacket& packet);
+  int LeavePlan(QVXPacket& packet);
 
   bool closed_ = false;
   bool eof_ = false;
-  bool abort_ = false;  // what FFmpeg's interrupt callback answers
   // Negative FFmpeg errors where there is no such stream.
   int video_index_ = -1;
   int audio_index_ = -1;
   int data_index_ = -1;
-  int subtitle_index_ = -1;
   std::string url_;
   AVFormatContext* format_ctx_ = nullptr;
-  AVIOContext* io_ctx_ = nullptr;  // ours only with a byte source
+  decltype(AVFormatContext::io_open) ffmpegs_open_ = nullptr;
+  bool input_given_ = false;          // FFmpeg has what it is to read
+  std::unique_ptr<ByteInput> input_;  // null for an address
+  std::string problem_;
   std::shared_ptr<BSFFilter> bsf_;
-  std::shared_ptr<IOSource> io_source_;
+
+  bool plan_allowed_ = true;
+  int only_stream_ = -1;           // the only one that is not discarded, else negative
+  std::vector<int> packets_read_;  // of each stream; empty where no plan may be made
+  std::unique_ptr<ReadingPlan> plan_;
 };
 
 }  // namespace lum

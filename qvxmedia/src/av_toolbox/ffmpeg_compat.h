@@ -41,12 +41,16 @@ inline const char* InputName(const AVFormatContext& context) {
 #endif
 }
 
-/// Sets layout (a mask of `AV_CH_*`) and number of channels.
+/// Sets layout (a mask of `AV_CH_*`) and number of channels, in every form that this version has.
 inline void SetChannelLayout(AVCodecParameters* parameters, uint64_t layout, int channels) {
-#if LIBAVUTIL_VERSION_INT < AV_VERSION_INT(57, 24, 100)
+#if LIBAVUTIL_VERSION_INT < AV_VERSION_INT(57, 24, 100) || FF_API_OLD_CHANNEL_LAYOUT
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
   parameters->channel_layout = layout;
   parameters->channels = channels;
-#else
+#pragma GCC diagnostic pop
+#endif
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(57, 24, 100)
   if (av_channel_layout_from_mask(&parameters->ch_layout, layout) < 0 ||
       parameters->ch_layout.nb_channels != channels) {
     av_channel_layout_uninit(&parameters->ch_layout);
@@ -65,17 +69,22 @@ inline int IndexEntryCount(const AVStream* stream) {
 #endif
 }
 
+/// One sample of that index, from 0.
+inline const AVIndexEntry& IndexEntry(AVStream* stream, int sample) {
+#if LIBAVFORMAT_VERSION_INT >= AV_VERSION_INT(58, 76, 100)
+  return *avformat_index_get_entry(stream, sample);
+#else
+  return stream->index_entries[sample];
+#endif
+}
+
 /// Where the last sample that the container's index lists for a stream ends, in bytes of the file;
 /// 0 where there is no index. Both parts come from the file: the sum may wrap.
 inline int64_t LastIndexedByte(AVStream* stream) {
   const int count = IndexEntryCount(stream);
   if (count == 0) return 0;
-#if LIBAVFORMAT_VERSION_INT >= AV_VERSION_INT(58, 76, 100)
-  const AVIndexEntry* last = avformat_index_get_entry(stream, count - 1);
-#else
-  const AVIndexEntry* last = &stream->index_entries[count - 1];
-#endif
-  return static_cast<int64_t>(static_cast<uint64_t>(last->pos) + static_cast<uint64_t>(last->size));
+  const AVIndexEntry& last = IndexEntry(stream, count - 1);
+  return static_cast<int64_t>(static_cast<uint64_t>(last.pos) + static_cast<uint64_t>(last.size));
 }
 
 }  // namespace lum::compat

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 
 #include "av_toolbox/ffmpeg_compat.h"
@@ -30,6 +31,10 @@ std::string FFmpegErrorString(int code) {
   std::array<char, 64> text{};
   av_strerror(code, text.data(), text.size());
   return text.data();
+}
+
+bool IsMp4(const AVFormatContext& format) {
+  return std::strstr(format.iformat->name, "mp4") != nullptr;
 }
 
 }  // namespace lum

@@ -5,6 +5,8 @@
 #include <cstdarg>
 #include <string>
 
+struct AVFormatContext;
+
 namespace lum {
 
 /// Sets FFmpeg up, once per process: components, network, log bridge. Any thread, any number of
@@ -17,6 +19,9 @@ void FFmpegLogCallback(void* context, int level, const char* format, va_list arg
 
 /// FFmpeg's description of an error code, at most 63 characters. Any thread.
 std::string FFmpegErrorString(int code);
+
+/// Whether FFmpeg's reader of MP4 and its kin has the input, once it is chosen. Any thread.
+bool IsMp4(const AVFormatContext& format);
 
 }  // namespace lum
 

@@ -18,7 +18,13 @@ std::shared_ptr<QVXPacket> NewAACPacket(const uint8_t* data, int size, int64_t p
   std::shared_ptr<QVXPacket> pkt = NewPacket();
   LUM_CHECK_AT(pkt != nullptr, site::kAacPacketAlloc);
   if (data != nullptr && size >= 1) {
-    AVBufferRef* buf = av_buffer_alloc(static_cast<decltype(AVBufferRef::size)>(size));
+    // FFmpeg's readers may look past the end; the buffer's size does not count what is there.
+    auto* frame =
+        static_cast<uint8_t*>(av_mallocz(static_cast<size_t>(size) + AV_INPUT_BUFFER_PADDING_SIZE));
+    AVBufferRef* buf = frame == nullptr
+                           ? nullptr
+                           : av_buffer_create(frame, static_cast<decltype(AVBufferRef::size)>(size),
+                                              av_buffer_default_free, nullptr, /*flags=*/0);
     LUM_CHECK_AT(buf != nullptr, site::kAacBufferAlloc);
     pkt->buf = buf;
     pkt->data = buf->data;
