@@ -12,7 +12,7 @@ if(TARGET camm)
 endif()
 file(GLOB man_pages CONFIGURE_DEPENDS docs/*.1)
 install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES README.md docs/formats.md docs/logging.md
+install(FILES README.md docs/camm.md docs/formats.md docs/logging.md
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace COMPONENT tool)
 install(PROGRAMS scripts/extract_array.sbatch scripts/extract_one.sh
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace/examples COMPONENT tool)
@@ -37,8 +37,8 @@ install(FILES ${PROJECT_BINARY_DIR}/qvxmedia.pc DESTINATION ${pkgconfig_dir} COM
 install(FILES docs/library.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev
         COMPONENT dev)
 install(FILES examples/counting_consumer.h examples/custom_byte_source.cpp
-              examples/custom_consumer.cpp examples/pacing.cpp examples/ranges.cpp
-              examples/run_source.h examples/silent_audio.cpp
+              examples/custom_consumer.cpp examples/motion_samples.cpp examples/pacing.cpp
+              examples/ranges.cpp examples/run_source.h examples/silent_audio.cpp
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-dev/examples COMPONENT dev)
 
 # --- image libraries, those that were built: a package of their own, without the pipeline's needs

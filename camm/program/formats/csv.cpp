@@ -1,6 +1,7 @@
 // csv and jsonl: every sample, as it comes.
 
 #include <array>
+#include <cmath>
 #include <string>
 #include <type_traits>
 #include <variant>
@@ -57,7 +58,11 @@ class Jsonl : public StreamWriter {
     }
     T::Fields(value, [this](std::string_view name, const auto& field) {
       out_ << ",\"" << name << "\":";
-      out_.Json(field);
+      if (field == 0 && std::signbit(static_cast<double>(field))) {
+        out_ << "-0.0";  // many readers take -0 for 0
+      } else {
+        out_.Json(field);
+      }
     });
     out_ << "}\n";
   }
