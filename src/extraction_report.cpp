@@ -18,9 +18,12 @@ constexpr std::array<const char*, CammProcessedFilter::kTypes> kTypeNames = {
 
 bool IsCamm(const AVStream& stream) { return stream.codecpar->codec_tag == kCammTag; }
 
-// MP4 and its kin name the kind of a data track with four characters; other containers have a
-// number there, or nothing.
-bool HasName(const AVStream& stream) { return stream.codecpar->codec_tag > 0xFFFFFF; }
+// MP4 and its kin name the kind of a data track with four characters. Other containers have a
+// number there, or nothing, or as MPEG-TS one name for metadata of any kind.
+bool HasName(const AVStream& stream) {
+  const uint32_t tag = stream.codecpar->codec_tag;
+  return tag > 0xFFFFFF && tag != MKTAG('K', 'L', 'V', 'A');
+}
 
 std::string Name(const AVStream& stream) {
   std::array<char, AV_FOURCC_MAX_STRING_SIZE> text{};

@@ -41,18 +41,25 @@ class PairTimes {
   }
 
   void Add(int lead, int64_t time) {
-    const bool partner_waits = lead_ * lead < 0;
+    const int64_t before = lead_;
     lead_ += lead;
-    if (!partner_waits) return waiting_.push_back(time);
-    const int64_t partner = waiting_.front();
+    if (before == 0) {
+      partner_ = time;
+      return;
+    }
+    if ((before > 0) == (lead > 0)) return waiting_.push_back(time);
+    if (time != partner_ && time != AV_NOPTS_VALUE && partner_ != AV_NOPTS_VALUE) {
+      const double gap = Distance(time, partner_);
+      if (gap > largest_gap_) largest_gap_ = gap;
+    }
+    if (lead_ == 0) return;
+    partner_ = waiting_.front();
     waiting_.pop_front();
-    if (time == partner || time == AV_NOPTS_VALUE || partner == AV_NOPTS_VALUE) return;
-    const double gap = Distance(time, partner);
-    if (gap > largest_gap_) largest_gap_ = gap;
   }
 
-  std::deque<int64_t> waiting_;
-  int64_t lead_ = 0;  // gyroscope samples beyond the accelerometer's
+  int64_t lead_ = 0;     // gyroscope samples beyond the accelerometer's
+  int64_t partner_ = 0;  // of the next sample of the kind that is behind: the first that waits
+  std::deque<int64_t> waiting_;  // those after it
   double largest_gap_ = 0;
   int64_t last_ = AV_NOPTS_VALUE;
   double distance_ = 0;

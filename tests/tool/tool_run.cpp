@@ -70,24 +70,18 @@ std::vector<std::vector<std::string>> LogOf(const std::string& standard_output) 
 
 ::testing::AssertionResult SameFiles(const std::map<std::string, Bytes>& expected,
                                      const std::map<std::string, Bytes>& actual) {
-  std::ostringstream faults;
-  for (const auto& [name, content] : expected) {
-    const auto found = actual.find(name);
-    if (found == actual.end()) {
-      faults << "\n  missing: " << name;
-    } else if (found->second != content) {
-      const Bytes& got = found->second;
-      const auto first =
-          std::mismatch(content.begin(), content.end(), got.begin(), got.end()).first;
-      faults << "\n  differs: " << name << " at byte " << first - content.begin() << " (expected "
-             << content.size() << " bytes, got " << got.size() << ")";
+  if (expected == actual) return ::testing::AssertionSuccess();
+  ::testing::AssertionResult failure = ::testing::AssertionFailure();
+  for (const auto* files : {&expected, &actual}) {
+    const auto& others = files == &expected ? actual : expected;
+    failure << (files == &expected ? "expected" : "; got");
+    for (const auto& [name, content] : *files) {
+      const auto other = others.find(name);
+      if (other != others.end() && other->second == content) continue;
+      failure << ' ' << name << " (" << content.size() << " bytes)";
     }
   }
-  for (const auto& [name, content] : actual) {
-    if (expected.count(name) == 0) faults << "\n  unexpected: " << name;
-  }
-  if (faults.str().empty()) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << faults.str();
+  return failure;
 }
 
 void ExpectPlainExtraction(const fs::path& input,
