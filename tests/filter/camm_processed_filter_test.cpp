@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <new>
@@ -24,6 +26,7 @@ namespace {
 using namespace motrace::testing;  // NOLINT(google-build-using-namespace): the fixtures' names
 using ::testing::Each;
 using ::testing::Field;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 namespace fs = std::filesystem;
@@ -176,24 +179,15 @@ TEST_F(FilterTest, TwoFilesExistFromTheStartAndASecondCloseWritesTheOthersAgain)
   for (const auto& [name, content] : second) EXPECT_EQ(content, first.at(name)) << name;
 }
 
-// Each output in turn cannot be had, or not be filled; the others are whole.
-TEST_F(FilterTest, AnOutputThatFailsIsNamedAndHoldsNoOtherBack) {
-  const std::vector<TimedPayload> packets(6000, {1, 1, kOfEach});
-  const auto whole = ExtractPlainly(packets).Files();
-  for (const auto& [name, content] : whole) {
-    for (const int error : {EISDIR, ENOSPC}) {
-      for (const auto& other : whole) fs::remove(directory_ / other.first);
-      const fs::path path = directory_ / name;
-      error == EISDIR ? void(fs::create_directory(path)) : fs::create_symlink("/dev/full", path);
-      const auto files = Extract(packets);
-      ASSERT_THAT(filter().problems(), SizeIs(1)) << name << ' ' << error;
-      EXPECT_EQ(filter().problems()[0].path, path);
-      EXPECT_EQ(filter().problems()[0].error, error);
-      EXPECT_EQ(filter().problems()[0].created, error == ENOSPC);
-      auto others = whole;
-      others.erase(name);
-      EXPECT_TRUE(files == others) << name << ' ' << error;
-    }
+TEST_F(FilterTest, GpsNumbersAreThoseOfPrintfForAnyBits) {
+  std::mt19937_64 random(20240817);
+  for (int i = 0; i < 20000; ++i) {
+    const uint64_t bits = random();
+    lum::vela::GpsRecord record{};
+    record.latitude = std::ldexp(static_cast<double>(bits >> 40), static_cast<int>(i % 60) - 40);
+    if (i % 2 == 0) std::memcpy(&record.latitude, &bits, sizeof bits);
+    ASSERT_THAT(lum::vela::GpsJson({record}),
+                HasSubstr("\"latitude\":" + JsonNumber(record.latitude) + ","));
   }
 }
 
