@@ -108,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t decoded = filter.gyro_count() + filter.accelerate_count() + filter.exposure_count() +
                          filter.gps_count();
   Require(tally.reread <= static_cast<int64_t>(decoded), "what was reread was decoded");
-  for (const auto& [name, content] : expected.Files()) {
+  for (const auto& [name, content] : expected.files) {
     std::ifstream file(Directory().path() / name, std::ios::binary);
     const Bytes written{std::istreambuf_iterator<char>(file), {}};
     Require(written == content, name.c_str());

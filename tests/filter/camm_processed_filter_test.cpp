@@ -156,7 +156,7 @@ TEST_F(FilterTest, RandomPayloadsComeOutAsThePlainParserReadsThem) {
       const auto time = static_cast<int64_t>(random()) - (int64_t{1} << 31);
       packets.push_back({time, time - static_cast<int64_t>(random() % 3), RandomPayload(random)});
     }
-    EXPECT_TRUE(Extract(packets) == ExtractPlainly(packets).Files()) << "seed " << seed;
+    EXPECT_TRUE(Extract(packets) == ExtractPlainly(packets).files) << "seed " << seed;
   }
 }
 
@@ -171,7 +171,7 @@ TEST_F(FilterTest, TwoFilesExistFromTheStartAndASecondCloseWritesTheOthersAgain)
   Feed({1, 1, kOfEach});
   filter().Close(&info_);
   const auto first = ReadDirectory(directory_.path());
-  EXPECT_TRUE(first == ExtractPlainly({{1, 1, kOfEach}}).Files());
+  EXPECT_TRUE(first == ExtractPlainly({{1, 1, kOfEach}}).files);
   for (const auto& [name, content] : first) fs::remove(directory_ / name);
   filter().Close(&info_);
   const auto second = ReadDirectory(directory_.path());

@@ -26,8 +26,6 @@ struct PlainExtraction {
   std::map<std::string, Bytes> files;  ///< the eight files by name
   /// Accelerometer samples that no gyroscope sample stands beside.
   std::size_t unpaired_accelerations = 0;
-
-  [[nodiscard]] std::map<std::string, Bytes> Files() const { return files; }
 };
 
 /// What the packets of one data stream become.

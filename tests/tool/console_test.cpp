@@ -40,7 +40,7 @@ TEST(ConsoleTest, TheStandardStreamsDoNotReachTheFiles) {
        {">&-", "<&- >&-", ">&- 2>&-", "<&- >&- 2>&-", ">/dev/full 2>&1", "| true"}) {
     const TempDir out;
     EXPECT_EQ(RunTool({path, out.path()}, "", streams).exit_code, 0);
-    EXPECT_TRUE(SameFiles(ExtractPlainly(*ReadDataStream(path)).Files(), ReadDirectory(out.path())))
+    EXPECT_TRUE(SameFiles(ExtractPlainly(*ReadDataStream(path)).files, ReadDirectory(out.path())))
         << streams;
   }
 }
@@ -54,7 +54,7 @@ TEST(ConsoleTest, PathsAreTakenAsTheyAre) {
   }
   // What looks like an option is a path; an empty one is the current directory; what an earlier run
   // has left there is replaced; further arguments are ignored.
-  const auto expected = ExtractPlainly(*ReadDataStream(dir / "-v")).Files();
+  const auto expected = ExtractPlainly(*ReadDataStream(dir / "-v")).files;
   const auto out = dir / "--help";
   std::filesystem::create_directory(out);
   for (const auto& [folder, save_dir] : {std::pair{dir.path(), "--help"}, {out, ""}}) {

@@ -205,7 +205,7 @@ TEST_P(MessageTest, SaysWhatAUserShouldKnow) {
   EXPECT_EQ(err, c.err);
 
   if (!c.whole) return;
-  auto expected = ExtractPlainly(*ReadDataStream(input)).Files();
+  auto expected = ExtractPlainly(*ReadDataStream(input)).files;
   auto files = ReadDirectory(out);
   expected.erase(c.output);
   files.erase(c.output);

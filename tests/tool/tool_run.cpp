@@ -93,7 +93,7 @@ void ExpectPlainExtraction(const fs::path& input,
   EXPECT_THAT(run.out, ::testing::HasSubstr("pipe run over...\n"));
   const auto packets = ReadDataStream(input);
   ASSERT_TRUE(packets.has_value());
-  EXPECT_TRUE(SameFiles(ExtractPlainly(*packets).Files(), ReadDirectory(out.path())));
+  EXPECT_TRUE(SameFiles(ExtractPlainly(*packets).files, ReadDirectory(out.path())));
   if (::testing::Test::HasFailure()) out.Keep();
 }
 
