@@ -237,7 +237,7 @@ int DISOpticalFlowImpl::searchStripes() const {
 
 void DISOpticalFlowImpl::searchPatches(const kernels::SearchArgs& args) {
   const kernels::Kernels& table = kernels::activeKernels();
-  forStripes(hs, searchStripes(), w * h >= kMinPixelsToShare, [&](int begin, int end, int stripe) {
+  forStripes(hs, column_sums.rows, w * h >= kMinPixelsToShare, [&](int begin, int end, int stripe) {
     table.structureTensor(args, begin, end, column_sums.ptr<int>(stripe));
     table.search(args, begin, end);
   });
@@ -360,7 +360,7 @@ void DISOpticalFlowImpl::resizeFlow(int scale, float factor, const std::vector<M
   const auto most =
       static_cast<int>(std::max<std::size_t>(outs[0].total() / kMinPixelsPerStripe, 1));
   const kernels::Kernels& table = kernels::activeKernels();
-  forStripes(to.height, std::max(std::min(getNumThreads(), most), 1), /*shared=*/true,
+  forStripes(to.height, std::min(resize_rows.rows, most), /*shared=*/true,
              [&](int begin, int end, int stripe) {
                table.resize(args, begin, end, resize_rows.ptr<float>(stripe));
              });
