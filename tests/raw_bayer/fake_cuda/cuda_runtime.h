@@ -1,11 +1,11 @@
-#ifndef TESTS_RAW_BAYER_FAKE_CUDA_CUDA_RUNTIME_H_
-#define TESTS_RAW_BAYER_FAKE_CUDA_CUDA_RUNTIME_H_
+#pragma once
 
 // As much of the CUDA runtime as the kernels' source needs, on this processor: device memory is
 // host memory with wide rows, a kernel runs thread after thread.
 
 #include <cstdlib>
 #include <cstring>
+#include <tuple>
 #include <utility>
 
 #define __global__
@@ -60,8 +60,8 @@ inline cudaError_t cudaMemcpy2D(void* to, std::size_t to_step, const void* from,
 }
 
 template <typename... P, std::size_t... kIndex>
-void CallKernel(void (*kernel)(P...), void** arguments, std::index_sequence<kIndex...>) {
-  kernel(*static_cast<P*>(arguments[kIndex])...);
+std::tuple<P...> Values(void** arguments, std::index_sequence<kIndex...>) {
+  return {*static_cast<P*>(arguments[kIndex])...};
 }
 template <typename... P>
 cudaError_t cudaLaunchKernel(void (*kernel)(P...), dim3 grid, dim3 block, void** arguments,
@@ -71,16 +71,14 @@ cudaError_t cudaLaunchKernel(void (*kernel)(P...), dim3 grid, dim3 block, void**
   }
   gridDim = grid;
   blockDim = block;
-  for (blockIdx.y = 0; blockIdx.y < grid.y; ++blockIdx.y) {
-    for (blockIdx.x = 0; blockIdx.x < grid.x; ++blockIdx.x) {
-      for (threadIdx.y = 0; threadIdx.y < block.y; ++threadIdx.y) {
-        for (threadIdx.x = 0; threadIdx.x < block.x; ++threadIdx.x) {
-          CallKernel(kernel, arguments, std::index_sequence_for<P...>());
-        }
-      }
+  const std::tuple<P...> values = Values<P...>(arguments, std::index_sequence_for<P...>());
+  const dim3 threads(grid.x * block.x, grid.y * block.y);
+  for (unsigned y = 0; y < threads.y; ++y) {
+    for (unsigned x = 0; x < threads.x; ++x) {
+      blockIdx = dim3(x / block.x, y / block.y);
+      threadIdx = dim3(x % block.x, y % block.y);
+      std::apply(kernel, values);
     }
   }
   return Attempt();
 }
-
-#endif  // TESTS_RAW_BAYER_FAKE_CUDA_CUDA_RUNTIME_H_
