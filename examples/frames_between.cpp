@@ -56,14 +56,19 @@ void run(const std::vector<std::string>& args) {
   const cv::Mat second = drawn ? ballAt(56) : readPicture(args[1]);
   const int count = std::stoi(args[args.size() - 2]);
 
+  // [between]
   // Once for all frames between the two.
   cv::Mat forward;
   cv::Mat backward;
   lum::FlowsBetween(first, second, forward, backward);
-  for (int i = 1; i <= count; ++i) {
+  const auto frameAt = [&](double time) {
     cv::Mat frame;
-    lum::InterpolateFrame(first, second, static_cast<double>(i) / (count + 1), frame, forward,
-                          backward);
+    lum::InterpolateFrame(first, second, time, frame, forward, backward);
+    return frame;
+  };
+  // [between]
+  for (int i = 1; i <= count; ++i) {
+    const cv::Mat frame = frameAt(static_cast<double>(i) / (count + 1));
     const std::string path = args.back() + std::to_string(i) + ".ppm";
     writePicture(path, frame);
     std::printf("%s", path.c_str());
