@@ -112,15 +112,12 @@ void forEachVectorSet(const Body& body) {
 }
 
 /// Restores what a test forces upon the whole process.
-class DisFlow : public ::testing::Test {
- protected:
-  void TearDown() override {
+struct DisFlow : ::testing::Test {
+  ~DisFlow() override {
     kernels::forceKernels(nullptr);
-    cv::setNumThreads(threads_);
+    cv::setNumThreads(threads_before);
   }
-
- private:
-  int threads_ = cv::getNumThreads();
+  int threads_before = cv::getNumThreads();
 };
 using Refinement = DisFlow;
 
@@ -139,40 +136,57 @@ std::vector<std::pair<const char*, ImagePair>> scenes() {
           {"out of the image", makePair(120, 90, shift(25.3, -12.0))}};
 }
 
-TEST_F(DisFlow, AgreesWithThePlainLoopsOnEveryInstructionSet) {
-  struct Variant {
-    const char* name;
-    int finest, patch_size, patch_stride, iterations;
-    bool mean, propagate;
+/// Parameters, and what comes of them on `discScene()`.
+struct Setting {
+  const char* name;
+  double error;   // mean distance to the truth, pixels
+  bool searches;  // whether it matters without refinement
+  std::function<void(DISOpticalFlow&)> set;
+};
+
+std::vector<Setting> settings() {
+  using E = DISOpticalFlow;
+  const auto patches = [](int size, int stride) {
+    return [=](E& e) {
+      e.setPatchSize(size);
+      e.setPatchStride(stride);
+      e.setFinestScale(1);
+    };
   };
-  const Variant variants[] = {{"defaults", 0, 8, 4, 16, true, true},
-                              {"no mean", 1, 8, 4, 16, false, true},
-                              {"no propagation", 0, 8, 4, 16, true, false},
-                              {"large patches", 1, 11, 3, 16, true, true},
-                              {"gaps between patches", 1, 5, 7, 16, true, true},
-                              {"largest patches", 2, 16, 16, 16, true, true},
-                              {"one step per pass", 1, 8, 4, 3, true, true}};
+  return {{"defaults", 0.3685, true, [](E&) {}},
+          {"finest scale 1", 0.1731, true, [](E& e) { e.setFinestScale(1); }},
+          {"finest scale 0", 0.1130, true, [](E& e) { e.setFinestScale(0); }},
+          {"large patches", 0.1757, true, patches(11, 3)},
+          {"gaps between patches", 0.2376, true, patches(5, 7)},
+          {"largest patches", 0.4896, true, patches(16, 16)},
+          {"one step per pass", 0.4648, true, [](E& e) { e.setGradientDescentIterations(3); }},
+          {"no mean", 0.3767, true, [](E& e) { e.setUseMeanNormalization(false); }},
+          {"no propagation", 0.3973, true, [](E& e) { e.setUseSpatialPropagation(false); }},
+          {"no refinement", 0.5580, false, [](E& e) { e.setVariationalRefinementIterations(0); }},
+          {"one iteration", 0.4145, false, [](E& e) { e.setVariationalRefinementIterations(1); }},
+          {"alpha 5", 0.4982, false, [](E& e) { e.setVariationalRefinementAlpha(5); }},
+          {"delta 50", 0.9336, false, [](E& e) { e.setVariationalRefinementDelta(50); }},
+          {"gamma 100", 1.0220, false, [](E& e) { e.setVariationalRefinementGamma(100); }}};
+}
+
+TEST_F(DisFlow, AgreesWithThePlainLoopsOnEveryInstructionSet) {
   for (const auto& scene : scenes()) {
     const ImagePair& pair = scene.second;
-    for (const Variant& variant : variants) {
+    for (const Setting& setting : settings()) {
+      if (!setting.searches) continue;
       const auto engine = DISOpticalFlow::create();
+      setting.set(*engine);
       engine->setVariationalRefinementIterations(0);
-      engine->setFinestScale(variant.finest);
-      engine->setPatchSize(variant.patch_size);
-      engine->setPatchStride(variant.patch_stride);
-      engine->setGradientDescentIterations(variant.iterations);
-      engine->setUseMeanNormalization(variant.mean);
-      engine->setUseSpatialPropagation(variant.propagate);
       for (const cv::Mat& initial : {cv::Mat(), cv::Mat(pair.flow + cv::Scalar(0.5, -0.25))}) {
-        SCOPED_TRACE(cv::format("%s, %s, %s initial flow", scene.first, variant.name,
+        SCOPED_TRACE(cv::format("%s, %s, %s initial flow", scene.first, setting.name,
                                 initial.empty() ? "no" : "an"));
         kernels::forceKernels(&kernels::kPlainKernels);
         const cv::Mat expected = calc(*engine, pair, initial);
         forEachVectorSet([&] {
           // Rounding may decide a comparison of two nearly equal errors: such a patch takes another
-          // step or candidate. All else agrees closely.
+          // step or candidate, and stands for up to 256 pixels. All else agrees closely.
           const cv::Mat apart = distances(calc(*engine, pair, initial), expected);
-          EXPECT_GE(cv::countNonZero(apart <= 2e-3), 0.99 * double(apart.total()));
+          EXPECT_GE(cv::countNonZero(apart <= 2e-3), 0.95 * double(apart.total()));
           EXPECT_LE(cv::mean(apart)[0], 1e-3);
         });
       }
@@ -252,6 +266,9 @@ TEST_F(DisFlow, HasItsDefaults) {
   EXPECT_EQ(e->getPatchStride(), 4);
   EXPECT_EQ(e->getGradientDescentIterations(), 16);
   EXPECT_EQ(e->getVariationalRefinementIterations(), 5);
+  EXPECT_EQ(e->getVariationalRefinementAlpha(), 20.0F);
+  EXPECT_EQ(e->getVariationalRefinementGamma(), 10.0F);
+  EXPECT_EQ(e->getVariationalRefinementDelta(), 5.0F);
   EXPECT_TRUE(e->getUseMeanNormalization() && e->getUseSpatialPropagation());
 }
 
@@ -278,33 +295,13 @@ ImagePair discScene() {
 }
 
 // Every parameter reaches its place: each changes the result, by as much as here.
-TEST_F(DisFlow, TurnsEverySwitchIntoItsResult) {
+TEST_F(DisFlow, TurnsEverySettingIntoItsResult) {
   const ImagePair pair = discScene();
-  struct Case {
-    const char* name;
-    double error;  // mean distance to the truth, pixels
-    std::function<void(DISOpticalFlow&)> set;
-  };
-  const Case cases[] = {
-      {"defaults", 0.3685, [](DISOpticalFlow&) {}},
-      {"finest scale 1", 0.1731, [](DISOpticalFlow& e) { e.setFinestScale(1); }},
-      {"finest scale 0", 0.1130, [](DISOpticalFlow& e) { e.setFinestScale(0); }},
-      {"patches of 12", 0.3941, [](DISOpticalFlow& e) { e.setPatchSize(12); }},
-      {"stride 6", 0.4027, [](DISOpticalFlow& e) { e.setPatchStride(6); }},
-      {"descent 4", 0.4150, [](DISOpticalFlow& e) { e.setGradientDescentIterations(4); }},
-      {"no refinement", 0.5580, [](DISOpticalFlow& e) { e.setVariationalRefinementIterations(0); }},
-      {"one iteration", 0.4145, [](DISOpticalFlow& e) { e.setVariationalRefinementIterations(1); }},
-      {"alpha 5", 0.4982, [](DISOpticalFlow& e) { e.setVariationalRefinementAlpha(5); }},
-      {"delta 50", 0.9336, [](DISOpticalFlow& e) { e.setVariationalRefinementDelta(50); }},
-      {"gamma 100", 1.0220, [](DISOpticalFlow& e) { e.setVariationalRefinementGamma(100); }},
-      {"no mean", 0.3767, [](DISOpticalFlow& e) { e.setUseMeanNormalization(false); }},
-      {"no propagation", 0.3973, [](DISOpticalFlow& e) { e.setUseSpatialPropagation(false); }},
-  };
-  for (const Case& c : cases) {
+  for (const Setting& setting : settings()) {
     const auto engine = DISOpticalFlow::create();
-    c.set(*engine);
+    setting.set(*engine);
     const double error = cv::mean(distances(calc(*engine, pair), pair.flow, 8))[0];
-    EXPECT_NEAR(error, c.error, 0.003) << c.name;
+    EXPECT_NEAR(error, setting.error, 0.003) << setting.name;
   }
 }
 
@@ -370,16 +367,16 @@ TEST_F(DisFlow, KeepsTheFlowWhenAnInitialOneIsAsGood) {
 TEST_F(DisFlow, SurvivesInitialFlowsThatAreNotNumbers) {
   // On noise anything wins over a bad match; 61 columns leave room beside a row of the refinement.
   ImagePair noise = makePair(61, 48, shift(1, 0));
-  cv::theRNG().fill(noise.i0, cv::RNG::UNIFORM, 0, 256);
-  cv::theRNG().fill(noise.i1, cv::RNG::UNIFORM, 0, 256);
+  for (cv::Mat* image : {&noise.i0, &noise.i1}) {
+    cv::theRNG().fill(*image, cv::RNG::UNIFORM, 0, 256);
+  }
   const auto engine = DISOpticalFlow::create();
   engine->setFinestScale(0);
   const cv::Mat good = calc(*engine, noise);
   for (const float value : {std::nanf(""), INFINITY, -INFINITY, 1e30F, -1e20F, 1e9F}) {
     const cv::Mat initial(noise.i0.size(), CV_32FC2, cv::Scalar::all(value));
     EXPECT_TRUE(cv::checkRange(calc(*engine, noise, initial))) << value;
-    EXPECT_EQ(cv::norm(calc(*engine, noise), good, cv::NORM_INF), 0.0)
-        << "the call after " << value;
+    EXPECT_TRUE(sameBits(calc(*engine, noise), good)) << "the call after " << value;
   }
 }
 
