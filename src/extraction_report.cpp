@@ -35,6 +35,20 @@ int64_t PacketCount(const AVStream& stream) {
   return std::max<int64_t>(stream.nb_frames, compat::IndexEntryCount(&stream));
 }
 
+// With "?" for control characters, which a terminal might obey.
+std::string Printable(const std::string& given) {
+  std::string text;
+  for (size_t i = 0; i < given.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(given[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < given.size() ? given[i + 1] : 0);
+    // UTF-8 has a second set of control characters, in two bytes.
+    const bool wide = byte == 0xC2 && next >= 0x80 && next < 0xA0;
+    if (wide) ++i;
+    text += wide || byte < 0x20 || byte == 0x7F ? '?' : given[i];
+  }
+  return text;
+}
+
 // The report on one extraction, line by line.
 class Report {
  public:
@@ -44,7 +58,7 @@ class Report {
 
   std::vector<std::string> Lines() {
     if (source_.open_result() != 0) {
-      Add("cannot open ", input_, ": ", FFmpegErrorString(source_.open_result()));
+      Add("cannot open ", input_, ": ", Reason(source_.open_result()));
       return std::move(lines_);
     }
     const AVStream* stream =
@@ -71,6 +85,12 @@ class Report {
     std::ostringstream line;
     (line << ... << parts);
     lines_.push_back(line.str());
+  }
+
+  // What the demuxer knows better than the code that FFmpeg gave.
+  [[nodiscard]] std::string Reason(int error) const {
+    const bool known = source_.demuxer() != nullptr && !source_.demuxer()->InputProblem().empty();
+    return known ? Printable(source_.demuxer()->InputProblem()) : FFmpegErrorString(error);
   }
 
   [[nodiscard]] bool NothingExtracted() const {
@@ -111,8 +131,7 @@ class Report {
                            ? ""
                            : " (it comes through a pipe, where an index at its end comes too late)";
     if (failed) {
-      Add("reading ", input_, " failed", so_far.str(), ": ",
-          FFmpegErrorString(source_.read_result()), pipe);
+      Add("reading ", input_, " failed", so_far.str(), ": ", Reason(source_.read_result()), pipe);
     } else if (!ended && source_.outcome() != RunOutcome::kCanceled) {
       Add("the extraction of ", input_, " stopped", so_far.str(), "; the log has the reason");
     }
@@ -204,18 +223,7 @@ class Report {
 
 }  // namespace
 
-std::string Quoted(const std::string& path) {
-  std::string text = "'";
-  for (size_t i = 0; i < path.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(path[i]);
-    const auto next = static_cast<unsigned char>(i + 1 < path.size() ? path[i + 1] : 0);
-    // UTF-8 has a second set of control characters, in two bytes.
-    const bool wide = byte == 0xC2 && next >= 0x80 && next < 0xA0;
-    if (wide) ++i;
-    text += wide || byte < 0x20 || byte == 0x7F ? '?' : path[i];
-  }
-  return text + "'";
-}
+std::string Quoted(const std::string& path) { return "'" + Printable(path) + "'"; }
 
 std::vector<std::string> ExtractionReport(const std::string& source_path,
                                           const FileMediaSrc& source,

@@ -233,6 +233,15 @@ TEST(Messages, ControlCharactersDoNotReachTheTerminal) {
             "'a?[31m?b? ?31m \303\233 \302\240'");
 }
 
+TEST(Messages, AListOfOtherFilesIsRefusedInWords) {
+  const TempDir dir;
+  const std::string list = "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nx.mp4\n";
+  WriteFile(dir / "x.mp4", Bytes(list.begin(), list.end()));
+  const ProcessResult run = RunTool({dir / "x.mp4", dir.path()});
+  EXPECT_THAT(run.err, HasSubstr("motrace: cannot open '" + (dir / "x.mp4").string() + "': "));
+  EXPECT_THAT(run.err, Not(HasSubstr("Invalid data")));
+}
+
 TEST(Messages, AnIndexAtTheEndComesTooLateThroughAPipe) {
   const TempDir dir;
   WriteMp4(dir / "file", {MotionTrack(90000, 5000)}, {Mp4Order::kMoovLast});
