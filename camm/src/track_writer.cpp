@@ -27,6 +27,8 @@ constexpr std::uint32_t kOwnMovieScale = 1000;
 constexpr std::int64_t kMax32 = std::numeric_limits<std::uint32_t>::max();
 // The format has 32 bits without sign; common readers take the upper half for mistakes.
 constexpr std::int64_t kMaxDelta = std::numeric_limits<std::int32_t>::max();
+// The same is true of composition offsets, where FFmpeg gives up the whole table.
+constexpr std::int64_t kMaxOffset = (std::int64_t{1} << 28) - 1;
 constexpr std::int64_t kMostBridges = 1000;  // packets without a byte
 constexpr std::uint32_t kPacketsInChunk = 1024;
 constexpr std::uint32_t kMediaHeader = 16;  // of mdat, with the long size
@@ -48,7 +50,6 @@ bool IsExact(const std::vector<std::int64_t>& times_ns, std::int64_t scale) {
 
 /// Whether the tables can hold the times; see TrackWriter.
 bool Fits(const std::vector<std::int64_t>& times_ns, std::int64_t scale) {
-  constexpr std::int64_t kMaxOffset = std::numeric_limits<std::int32_t>::max();
   std::int64_t earliest = 0;
   std::int64_t bridges = 0;
   std::int64_t backwards = 0;
@@ -73,7 +74,7 @@ std::uint32_t ChooseTimeScale(const std::vector<std::int64_t>& times_ns, std::ui
         static_cast<std::uint32_t>(kNanosecondsPerSecond / divisor)}) {
     if (scale > 0 && IsExact(times_ns, scale) && Fits(times_ns, scale)) return scale;
   }
-  for (const std::uint32_t scale : {1'000'000U, 1000U, 1U}) {
+  for (auto scale = static_cast<std::uint32_t>(kNanosecondsPerSecond); scale > 0; scale /= 10) {
     if (Fits(times_ns, scale)) return scale;
   }
   throw OutputError("the samples' times lie too far apart");

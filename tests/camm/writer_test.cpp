@@ -123,12 +123,17 @@ TEST_F(WriterTest, TimesThatNoExactScaleHoldsAreRounded) {
   constexpr std::int64_t kSecond = 1'000'000'000;
   const WriteResult result = WriteTimes({-3 * kSecond - 1, 0, 5'000'000 * kSecond + 400});
   EXPECT_EQ(result.status, Status::kWhole) << result.error;
-  EXPECT_EQ(result.time_scale, 1000U);
+  EXPECT_EQ(result.time_scale, 100'000U);
   EXPECT_EQ(result.rounding_ns, 400);
   const auto read = MotionPackets(out_);
   ASSERT_EQ(read.size(), 3U);
   EXPECT_EQ(read[0].first, -3 * kSecond);
   EXPECT_EQ(read[2].first, 5'000'000 * kSecond);
+
+  // Offsets that FFmpeg takes for a broken table are avoided.
+  EXPECT_EQ(WriteTimes({0, -300'000'001, 8}, {"", ExistingTrack::kRefuse, true, 0}).time_scale,
+            100'000'000U);
+  EXPECT_EQ(MotionPackets(out_)[1].first, -300'000'000);
 
   WriteTimes({kNoTime, 5, kNoTime}, {"", ExistingTrack::kRefuse, true, 0});
   const auto missing = MotionPackets(out_);

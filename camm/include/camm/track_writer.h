@@ -51,10 +51,10 @@ struct WriteResult {
 ///
 /// Times are on the container's time line, as `Stream` gives them. The time scale is the first of
 /// these that reads every time back to the nanosecond: `WriterOptions::time_scale`, the usual ones
-/// in ascending order, the divisor of 10^9 that fits, up to 10^9. Where that scale can't hold
-/// the times (more than 2.1 * 10^9 ticks from one packet to the next, a thousand times over, or
-/// more than 2.1 * 10^9 before zero or backwards), the finest of 10^6, 10^3 and 1 that can is
-/// taken, and times are rounded to it. A track starts at time zero: gaps that one duration can't
+/// in ascending order, the divisor of 10^9 that fits, up to 10^9. Where that scale can't hold the
+/// times (more than 2.1 * 10^9 ticks from one packet to the next, a thousand times over, or more
+/// than 2.6 * 10^8 before zero or backwards), the largest power of ten that can is taken, and times
+/// are rounded to it. A track starts at time zero: gaps that one duration can't
 /// hold, and the time up to a first packet that is later than zero, are bridged by packets without
 /// a byte. Times before zero, and those that run backwards, are kept by composition offsets. A
 /// packet without a time gets that of the one before it.
