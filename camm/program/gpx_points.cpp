@@ -129,8 +129,9 @@ std::vector<Point> Parse(const std::string& path) {
     const std::string what = collector.problem.empty()
                                  ? XML_ErrorString(XML_GetErrorCode(parser.get()))
                                  : collector.problem;
-    throw LogError(path + ":" + std::to_string(XML_GetCurrentLineNumber(parser.get())) + ": " +
-                   what);
+    std::string place = path;
+    place.append(":").append(std::to_string(XML_GetCurrentLineNumber(parser.get()))).append(": ");
+    throw LogError(place + what);
   }
   return std::move(collector.points);
 }

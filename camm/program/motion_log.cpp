@@ -334,13 +334,14 @@ Source Gpx(const std::string& path, const LogOptions& options) {
 
 std::vector<Source> Open(const std::string& path, const LogOptions& options,
                          std::vector<std::string>& remarks) {
+  std::vector<Source> sources;
   std::error_code ignored;
   if (fs::is_directory(path, ignored)) {
     for (const char* imu : {"mav0/imu0/data.csv", "imu0/data.csv", "data.csv"}) {
       const fs::path file = fs::path(path) / imu;
-      if (fs::exists(file, ignored)) return {Csv(file.string())};
+      if (sources.empty() && fs::exists(file, ignored)) sources.push_back(Csv(file.string()));
     }
-    std::vector<Source> sources;
+    if (!sources.empty()) return sources;
     for (std::size_t type = 0; type < kTypeCount; ++type) {
       const fs::path file = fs::path(path) / (std::string(TypeName(type)) + ".csv");
       if (fs::exists(file, ignored)) sources.push_back(Csv(file.string()));
@@ -351,10 +352,16 @@ std::vector<Source> Open(const std::string& path, const LogOptions& options,
   std::string extension = fs::path(path).extension().string();
   std::transform(extension.begin(), extension.end(), extension.begin(),
                  [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-  if (extension == ".jsonl" || extension == ".ndjson") return {Jsonl(path)};
-  if (extension == ".gcsv") return {Gcsv(path, remarks)};
-  if (extension == ".gpx") return {Gpx(path, options)};
-  return {Csv(path)};
+  if (extension == ".jsonl" || extension == ".ndjson") {
+    sources.push_back(Jsonl(path));
+  } else if (extension == ".gcsv") {
+    sources.push_back(Gcsv(path, remarks));
+  } else if (extension == ".gpx") {
+    sources.push_back(Gpx(path, options));
+  } else {
+    sources.push_back(Csv(path));
+  }
+  return sources;
 }
 
 }  // namespace

@@ -85,6 +85,8 @@ bool ReadIndex(mp4::Reader& file, FrameTimes& result) {
     result.error = "there is no video";
     return true;
   }
+  // Every frame has at least a byte: a table that names more is broken.
+  if (video->samples > file.Size()) return false;
   std::vector<std::int64_t> times;
   if (!CollectTimes(*video, movie->time_scale, times)) return false;
   for (std::int64_t& time : times) time = MulDiv(time, kNanosecondsPerSecond, video->time_scale);
