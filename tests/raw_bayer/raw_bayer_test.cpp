@@ -291,7 +291,7 @@ TEST(RawBayer, RowsMayBeAsWideAsAnInt) {
   constexpr std::size_t kBytes = std::size_t{INT_MAX} * 2;
   void* const memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  ASSERT_NE(memory, MAP_FAILED);
+  if (memory == MAP_FAILED) GTEST_SKIP() << "no address space for such a row";
   auto* const row = static_cast<std::uint16_t*>(memory);
   for (const auto* set = kernels::Supported(); *set != nullptr; ++set) {
     const kernels::Screen screen(1.0F);
