@@ -93,7 +93,7 @@ struct Shared {
 /// Makes the device OpenCV's current one on this thread for the length of a call.
 class Session {
  public:
-  Session() : lock_(Shared::Get().mutex), scope_(Opened()) { cv::ocl::setUseOpenCL(true); }
+  Session() : lock_(Shared::Get().mutex), scope_(context_) { cv::ocl::setUseOpenCL(true); }
   ~Session() { cv::ocl::setUseOpenCL(was_used_); }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -154,6 +154,7 @@ class Session {
   }
 
   std::lock_guard<std::mutex> lock_;
+  cv::ocl::OpenCLExecutionContext context_ = Opened();  // Before OpenCV looks for devices itself.
   bool was_used_ = cv::ocl::useOpenCL();
   cv::ocl::OpenCLExecutionContextScope scope_;
 };
