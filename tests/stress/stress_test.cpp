@@ -21,7 +21,6 @@
 
 #include "av_toolbox/ffmpeg_util.h"
 #include "camm_processed_filter.h"
-#include "editor/fake_media_src.h"
 #include "editor/file_media_src.h"
 #include "editor/media_pipe.h"
 #include "eventloop/event.h"
@@ -111,86 +110,6 @@ TEST_F(StressTest, PostingWhileALoopStopsLosesNoMemoryAndHangsNobody) {
   }
 }
 
-// A source with a thread of its own, which reports once by itself at a random moment, and every
-// time that it is interrupted.
-class EagerSrc : public FakeMediaSrc {
- public:
-  explicit EagerSrc(uint32_t seed) : chance_(seed) {
-    on_start = [this] {
-      thread_ = std::thread([this] {
-        chance_.Dawdle();
-        const uint32_t what = chance_.Below(4);  // 1: only when interrupted
-        if (what == 0) Fail(7);
-        if (what > 1) End();
-      });
-    };
-    on_interrupt = [this] {
-      // Not on the pipe's thread: sources report from theirs.
-      interrupted_.push_back(std::async(std::launch::async, [this] { BeCanceled(); }));
-    };
-    on_stop = [this] {
-      if (thread_.joinable()) thread_.join();
-      interrupted_.clear();  // waits for each
-    };
-  }
-
- private:
-  Chance chance_;
-  std::thread thread_;
-  std::vector<std::future<void>> interrupted_;  // the pipe's thread only
-};
-
-// Counts a pipe's callbacks.
-struct Outcomes {
-  explicit Outcomes(lum::MediaPipe& pipe) {
-    pipe.SetEndCallback([this] { Report(0); });
-    pipe.SetCancelCallback([this] { Report(1); });
-    pipe.SetErrorCallback([this](int code) {
-      EXPECT_TRUE(code == 7 || code == -1);
-      Report(2);
-    });
-  }
-  void Report(size_t which) {
-    outcome = which;
-    if (++callbacks == 1) reported.set_value();
-  }
-
-  std::atomic<int> callbacks{0};
-  std::atomic<size_t> outcome{3};  // end, cancel, error, none
-  std::promise<void> reported;
-};
-
-// Pipes of one to three sources, cancelled at random moments by several threads, released at
-// another one.
-TEST_F(StressTest, APipeReportsAtMostOnce) {
-  for (int round = 0; round < Rounds(1000); ++round) {
-    const auto pipe = std::make_shared<lum::MediaPipe>();
-    for (uint32_t left = 1 + chance_.Below(3); left > 0; --left) {
-      pipe->AddSrc(std::make_shared<EagerSrc>(chance_.Next()));
-    }
-    Outcomes outcomes(*pipe);
-    ASSERT_TRUE(pipe->Prepare());
-    pipe->Start();
-    const auto cancel = [&pipe](uint32_t seed) {
-      Chance(seed).Dawdle();
-      pipe->Cancel();
-    };
-    std::array<std::thread, 2> cancellers{std::thread(cancel, chance_.Next()),
-                                          std::thread(cancel, chance_.Next())};
-    const bool wait_for_report = chance_.Below(2) == 0;
-    if (wait_for_report) {
-      outcomes.reported.get_future().wait();  // a cancelled pipe always reports
-    } else {
-      chance_.Dawdle();
-    }
-    pipe->Release();
-    for (std::thread& canceller : cancellers) canceller.join();
-    ASSERT_EQ(pipe->state(), lum::MediaPipe::kMediaPipeReleased);
-    ASSERT_LE(outcomes.callbacks, 1);
-    ASSERT_TRUE(outcomes.callbacks == 1 || !wait_for_report);
-  }
-}
-
 // ---- the real file source and motion filter, over a small file, many times in one process
 
 constexpr int kSamples = 24;
@@ -265,8 +184,7 @@ class StrictConsumer : public lum::PacketConsumer {
   bool Filter(lum::MediaInfo* /*info*/, const std::shared_ptr<lum::QVXPacket>& packet) override {
     EXPECT_NE(packet, nullptr);
     EXPECT_EQ(calls_, kOpen) << "a packet after the end or Close";
-    ++packets;
-    return on_packet();
+    return on_packet(++packets);
   }
   bool Close(lum::MediaInfo* /*info*/) override {
     EXPECT_LE(calls_.exchange(kClosed), kEnded);
@@ -274,7 +192,7 @@ class StrictConsumer : public lum::PacketConsumer {
   }
   void Interrupt(lum::MediaInfo* /*info*/) override { EXPECT_NE(calls_, kClosed); }
 
-  std::function<bool()> on_packet;
+  std::function<bool(int packets)> on_packet;
   std::atomic<int> packets{0};
 
  private:
@@ -282,40 +200,58 @@ class StrictConsumer : public lum::PacketConsumer {
   std::atomic<Calls> calls_{kNew};
 };
 
-TEST_F(ExtractionStressTest, CanceledAtRandomMomentsItReportsOnceAndReadsNoMore) {
-  std::array<int, 4> met{};
+// Pipes of one to three sources, cancelled at random moments by several threads, released at
+// another one.
+TEST_F(ExtractionStressTest, CanceledAtRandomMomentsAPipeReportsOnceAndReadsNoMore) {
+  std::array<int, 4> met{};  // end, cancel, error, none
   for (int round = 0; round < Rounds(1000); ++round) {
-    const auto source = std::make_shared<lum::FileMediaSrc>(input_);
-    const auto consumer = std::make_shared<StrictConsumer>();
     const auto pipe = std::make_shared<lum::MediaPipe>();
-    source->SetDataConsumer(consumer);
-    pipe->AddSrc(source);
-    Outcomes outcomes(*pipe);
-    // At most one of: a cancel from the source's own thread, a refused packet.
-    consumer->on_packet = [&, at_packet = static_cast<int>(chance_.Below(2 * kSamples)),
-                           refuse = chance_.Below(3) == 0] {
-      if (consumer->packets != at_packet) return true;
-      if (!refuse) pipe->Cancel();
-      return !refuse;
+    std::vector<std::shared_ptr<StrictConsumer>> consumers(1 + chance_.Below(3));
+    for (auto& consumer : consumers) {
+      consumer = std::make_shared<StrictConsumer>();
+      // At most one of: a cancel from the source's own thread, a refused packet.
+      consumer->on_packet = [&pipe, at_packet = static_cast<int>(chance_.Below(4 * kSamples)),
+                             refuse = chance_.Below(3) == 0](int packets) {
+        if (packets != at_packet) return true;
+        if (!refuse) pipe->Cancel();
+        return !refuse;
+      };
+      const auto source = std::make_shared<lum::FileMediaSrc>(input_);
+      source->SetDataConsumer(consumer);
+      pipe->AddSrc(source);
+    }
+    std::atomic<int> callbacks{0};
+    std::atomic<size_t> outcome{3};
+    std::promise<void> reported;
+    const auto report = [&](size_t which) {
+      outcome = which;
+      if (++callbacks == 1) reported.set_value();
     };
+    pipe->SetEndCallback([&] { report(0); });
+    pipe->SetCancelCallback([&] { report(1); });
+    pipe->SetErrorCallback([&](int /*code*/) { report(2); });
     ASSERT_TRUE(pipe->Prepare());
     pipe->Start();
-    std::thread canceller([&pipe, mine = Chance(chance_.Next())]() mutable {
-      for (uint32_t i = mine.Below(4); i > 0; --i) mine.Dawdle();
-      if (mine.Below(3) > 0) pipe->Cancel();
-    });
+    std::vector<std::thread> cancellers;
+    for (int c = 0; c < 2; ++c) {
+      cancellers.emplace_back([&pipe, mine = Chance(chance_.Next())]() mutable {
+        for (uint32_t i = mine.Below(4); i > 0; --i) mine.Dawdle();
+        if (mine.Below(2) > 0) pipe->Cancel();
+      });
+    }
     const bool wait_for_report = chance_.Below(4) > 0;
     if (wait_for_report) {
-      outcomes.reported.get_future().wait();
+      reported.get_future().wait();
     } else {
       chance_.Dawdle();
     }
     pipe->Release();
-    canceller.join();
-    ASSERT_LE(outcomes.callbacks, 1);
-    ASSERT_TRUE(outcomes.callbacks == 1 || !wait_for_report);
-    ASSERT_LE(consumer->packets, kSamples);
-    ++met.at(outcomes.outcome);
+    for (std::thread& canceller : cancellers) canceller.join();
+    ASSERT_EQ(pipe->state(), lum::MediaPipe::kMediaPipeReleased);
+    ASSERT_LE(callbacks, 1);
+    ASSERT_TRUE(callbacks == 1 || !wait_for_report);
+    for (const auto& consumer : consumers) ASSERT_LE(consumer->packets, kSamples);
+    ++met.at(outcome);
     ASSERT_FALSE(HasFailure());
   }
   for (const int count : met) EXPECT_GT(count, 0) << "every outcome is to be met";
