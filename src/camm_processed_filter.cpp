@@ -107,9 +107,10 @@ bool CammProcessedFilter::Filter(lum::MediaInfo* info,
                                  const std::shared_ptr<lum::QVXPacket>& packet) {
   ++tally_.packets;
   if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) ++tally_.corrupt_packets;
+  // Memory that ran out anywhere: what is left of it is for writing what there is.
+  out_of_memory_ = out_of_memory_ || lum::vela::ProcessGuard::OutOfMemory();
+  if (out_of_memory_) return false;
   try {
-    // Memory that ran out anywhere: what is left of it is for writing what there is.
-    if (lum::vela::ProcessGuard::OutOfMemory()) throw std::bad_alloc();
     Decode(*packet, info->stream->time_base);
   } catch (const std::bad_alloc&) {
     out_of_memory_ = true;

@@ -25,7 +25,8 @@
 /// Threads: as `lum::MediaSource`; it has no lock of its own.
 /// Ownership: shared by the driver and the file source.
 /// Errors: a file that cannot be created or written whole fails no call but `Open`; see `problems`.
-/// Running out of memory leaves `Filter` as an exception; no file counts as whole then.
+/// Running out of memory leaves `Filter` as an exception or makes it refuse packets; no
+/// file counts as whole then.
 class CammProcessedFilter : public lum::PacketConsumer {
  public:
   /// An output file that is missing or not whole.
@@ -61,7 +62,7 @@ class CammProcessedFilter : public lum::PacketConsumer {
   /// Creates `gps.json` and `gyro.dat`, empty. Does not read `info`.
   /// @return true when both are open.
   bool Open(lum::MediaInfo* info) override;
-  /// Decodes one packet. Reads the time base of `info->stream`. Always true.
+  /// Decodes one packet. Reads the time base of `info->stream`. True unless memory ran out.
   bool Filter(lum::MediaInfo* info, const std::shared_ptr<lum::QVXPacket>& packet) override;
   /// Writes and closes every output. Does not read `info`. Always true.
   bool Close(lum::MediaInfo* info) override;
