@@ -206,7 +206,7 @@ TEST(MediaPipe, ReleaseEndsARunThatHasReportedNothing) {
   PipeRig rig(2);
   std::promise<void> started;
   rig.srcs[1]->on_start = [&started] { started.set_value(); };
-  rig.srcs[1]->on_stop = [&rig] {  // dropped, and nobody waits for it
+  rig.srcs[1]->on_stop = [&rig] {  // dropped, and not waited for
     rig.srcs[1]->Fail(3);
     rig.srcs[1]->BeCanceled();
   };

@@ -197,20 +197,6 @@ TEST(EventDispatcher, ManyProducersLoseNothingAndKeepTheirOrders) {
   EXPECT_THAT(next, ::testing::Each(2000));
 }
 
-// Thread support is switched on by the first dispatcher of a process, so it needs one of its own.
-TEST(EventDispatcherDeathTest, TheFirstOfTheProcessRecordsThreadSupport) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        const LogCapture log;
-        { const EventDispatcher first; }
-        { const EventDispatcher second; }
-        for (const std::string& line : log.Lines()) std::fprintf(stderr, "<%s>", line.c_str());
-        std::_Exit(0);
-      },
-      ::testing::ExitedWithCode(0), "^<VERBOSE " + kAt + "100 libevent use phreads:0>$");
-}
-
 // Breaking the loop is part of a VERBOSE record. The loop that goes on cannot be ended any more, so
 // it takes its process with it.
 TEST(EventDispatcherDeathTest, WithoutVerboseRecordsStopDoesNotBreakTheLoop) {

@@ -35,7 +35,7 @@ namespace motrace::testing {
 namespace {
 
 uint32_t FromEnvironment(const char* name, uint32_t otherwise) {
-  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): nobody sets any
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): it is never set here
   return value == nullptr ? otherwise : static_cast<uint32_t>(std::stoul(value));
 }
 
@@ -71,7 +71,7 @@ class StressTest : public ::testing::Test {
 
 // Several threads post, with and without delays, while another one, or a handler, stops the loop
 // and the owner releases it.
-TEST_F(StressTest, PostingWhileALoopStopsLosesNoMemoryAndHangsNobody) {
+TEST_F(StressTest, PostingWhileALoopStopsLosesNoMemoryAndDoesNotHang) {
   constexpr int32_t kStop = 1;
   for (int round = 0; round < Rounds(300); ++round) {
     const auto dispatcher = std::make_shared<lum::EventDispatcher>();

@@ -176,7 +176,7 @@ void FileMediaSrc::Stop() {
     Settle(RunOutcome::kCanceled);
   }
   if (phase_ != Phase::kClosed) phase_ = Phase::kStopped;
-  for (Track& t : tracks_) t.open = false;  // nobody is called any more
+  for (Track& t : tracks_) t.open = false;  // no consumer is called any more
   packet_.reset();
   ForgetInput();
   LUM_LOG_AT(kVerbose, site::kSrcReleased) << "file_media_src:" << url_ << " released.";
@@ -437,8 +437,8 @@ bool FileMediaSrc::AddSilentAudio(int64_t until_ms) {
 }
 
 // The first packet of any stream sets the start position, so that one is read with every stream on;
-// from then on, streams that nobody consumes cost only their entries in the container's index. With
-// ranges every packet counts, as any of them may lie behind a range's end.
+// from then on, streams without a consumer cost only their entries in the container's index. With
+// ranges every packet counts, as any of them may lie after a range's end.
 void FileMediaSrc::SkipUnusedStreams() {
   if (skipped_unused_ || read_all_streams_ || !ranges_.empty() || start_position_ == kUnset) return;
   skipped_unused_ = true;

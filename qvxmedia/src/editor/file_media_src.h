@@ -74,7 +74,7 @@ class FileMediaSrc : public MediaSrc,
   void SetAddSilentAudio(bool add) { add_silent_audio_ = add; }
   /// Reads from `source` instead of the file.
   void SetIOSource(std::shared_ptr<IOSource> source) { io_source_ = std::move(source); }
-  /// Reads every stream to the end, also those that nobody consumes (off by default: where the
+  /// Reads every stream to the end, also those without a consumer (off by default: where the
   /// container can skip them, their bytes are not read).
   void SetReadAllStreams(bool read_all) { read_all_streams_ = read_all; }
 

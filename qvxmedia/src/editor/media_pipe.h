@@ -24,7 +24,7 @@ namespace lum {
 ///
 /// Threads: `Cancel` and `state` may be called from any thread, everything else from the owner's.
 /// After `Start` all work runs on the pipe's own loop thread, the callbacks included; they must not
-/// block it for long and must not call `Release`.
+/// block it for long, call `Release` or throw.
 /// Ownership: created with `std::make_shared`; shares the sources. `Release` must come before the
 /// last reference goes if `Start` was called: anything else is a fatal check.
 class MediaPipe : public EventHandler, public std::enable_shared_from_this<MediaPipe> {

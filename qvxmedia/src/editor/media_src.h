@@ -19,7 +19,7 @@ struct MediaInfo {
   int32_t source_id = -1;                     ///< The source's `index`.
   AVStream* stream = nullptr;                 ///< In the open file, or the synthetic audio stream.
   std::shared_ptr<AVCodecParameters> params;  ///< Private copy of the stream's parameters.
-  int32_t reserved_code = -1;                 ///< Not written by the source.
+  int32_t reserved_code = -1;                 ///< Not written or read by the source.
   /// The stream has reached its end, or the source is being interrupted. Any thread may read it.
   std::atomic<bool> ended{false};
   int32_t error = -1;  ///< A consumer may leave an error code here before it returns false.
@@ -71,7 +71,7 @@ enum class RunOutcome : uint8_t {
 /// Threads: `Open` runs on the thread that prepares the source, and so does `Close` when a later
 /// consumer refuses to open; `Notify`, `Filter` and `Close` otherwise on the source's event thread;
 /// `Interrupt` on the thread that interrupts the source, so it is not serialised with `Filter`.
-/// Ownership: shared by whoever attached it and the source. A packet is never modified after it was
+/// Ownership: shared by the source and its owner. A packet is never modified after it was
 /// passed on; a consumer may keep the shared pointer. `MediaInfo` lives as long as the source.
 /// Errors: an exception that leaves a call counts as a refusal and is recorded.
 template <typename T>
@@ -129,7 +129,7 @@ class MediaSrc {
   /// Ends the event thread and frees the input. Not from the event thread.
   virtual void Stop() = 0;
 
-  StateCallback state_callback;  ///< Set by the owner before `Start`; empty: nobody is told.
+  StateCallback state_callback;  ///< Set by the owner before `Start`; empty: no reports.
   uint32_t index = 0;            ///< Position in the owner; set by it before `Prepare`.
   /// Code of the last failure: 1 for a read error, else the `error` of the record whose consumer
   /// failed. Read after a `kError` report.

@@ -33,7 +33,7 @@ void Event::Post() { PostWithDelay(0); }
 
 void Event::PostWithDelay(int32_t delay_ms) {
   delay_ms_ = delay_ms;
-  if (delay_ms > 0) {  // nobody looks at the due time otherwise
+  if (delay_ms > 0) {  // without a delay the due time is not read
     due_ns_ =
         std::chrono::steady_clock::now().time_since_epoch().count() + int64_t{delay_ms} * 1'000'000;
   }

@@ -118,8 +118,8 @@ void EventDispatcher::Stop() {
   static_cast<void>(record.release());  // OnQuitEvent's now
 }
 
-// Lets the notify event, which exists already, break the loop: whoever waits in Release must not
-// wait for ever.
+// Lets the notify event, which exists already, break the loop, so that Release
+// does not wait for ever.
 void EventDispatcher::QuitWithoutMemory() {
   break_when_notified_ = true;
   const std::lock_guard<std::mutex> lock(mutex_);

@@ -22,13 +22,16 @@ namespace lum {
 /// Events without a delay are delivered in the order in which they were posted. Each delayed event
 /// waits on a one-shot timer of its own, independent of the queue.
 ///
+/// Posted events come before timers: a handler that posts to itself without end keeps delayed
+/// events waiting.
+///
 /// Threads: construction, `Run` and `Release` belong to the owner's thread; `Register` and `Stop`
 /// may be called from any thread. Handlers run on the loop thread, never under the dispatcher's
-/// mutex, so a handler may post to its own dispatcher. Ownership: created with `std::make_shared`;
-/// events refer to it weakly. The end is, in this order: `Stop`, `Release`, the last reference.
-/// Destroying a dispatcher that runs ends the process. Errors: what cannot be delivered is dropped
-/// with a log record. libevent failing to make a base is a fatal check. A handler must not throw:
-/// there is nobody to catch it, so it ends the process.
+/// mutex, so a handler may post to its own dispatcher.
+/// Ownership: created with `std::make_shared`; events refer to it weakly. The end is, in this
+/// order: `Stop`, `Release`, the last reference. Destroying a dispatcher that runs ends the
+/// process. Errors: what cannot be delivered is dropped with a log record. libevent failing to make
+/// a base is a fatal check. A handler must not throw: its exception would end the process.
 ///
 /// Enabling libevent's thread support and breaking the loop happen inside VERBOSE log statements:
 /// with a minimum level above VERBOSE they do not take place, and `Release` waits for ever.
@@ -77,8 +80,8 @@ class EventDispatcher {
   bool draining_ = false;  // guarded by mutex_: a pass over the queue is under way
   std::unordered_map<TimerRecord*, event*> timer_events_;  // guarded by mutex_
   event_base* event_base_ = nullptr;
-  event* notify_event_ =
-      nullptr;  // set by Run before the loop starts; afterwards guarded by mutex_
+  // Set by Run before the loop starts; afterwards guarded by mutex_.
+  event* notify_event_ = nullptr;
   std::atomic<std::thread::id> loop_id_{};  // loop_ itself may still be being assigned
   std::thread loop_;
   std::atomic<bool> running_{false};
