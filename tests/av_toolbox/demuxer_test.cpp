@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -160,6 +162,124 @@ TEST_F(DemuxerTest, ReadsFromAByteSourceThatCanSeekOrNot) {
   EXPECT_EQ(source->seeks, 0);
 }
 
+// The bytes of an input, told of in words.
+Bytes BytesOf(const std::string& text) { return {text.begin(), text.end()}; }
+
+TEST_F(DemuxerTest, OpensAFileByItsNameWhateverThatLooksLike) {
+  const Bytes content = ReadFile(Write({MotionTrack(3)}));
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(PathOf("."));
+  std::filesystem::create_directories("http:/127.0.0.1");
+  const char* const names[] = {"2024-05-01T10:00:00.mp4", "http:127.0.0.1:80?x.mp4",
+                               "concat:other.mp4",        "subfile,,start,0,end,0,,:other.mp4",
+                               "cache:other.mp4",         "rtsp:x.mp4",
+                               "http://127.0.0.1/x.mp4"};
+  for (const char* name : names) {
+    WriteFile(name, content);
+    Demuxer demuxer(name);
+    EXPECT_EQ(demuxer.Open(nullptr, nullptr), 0) << name;
+    EXPECT_THAT(Reading(demuxer).packets, SizeIs(3)) << name;
+  }
+  // Without the file only "scheme://" is an address.
+  for (const char* name : {"file:input.mp4", "pipe:0", "rtsp:none", "concat:input.mp4", "none"}) {
+    EXPECT_EQ(Demuxer(name).Open(nullptr, nullptr), AVERROR(ENOENT)) << name;
+  }
+  EXPECT_EQ(Demuxer("file://" + PathOf("input.mp4")).Open(nullptr, nullptr), 0);
+  std::filesystem::current_path(before);
+}
+
+TEST_F(DemuxerTest, RefusesAListOfOtherFiles) {
+  Write({MotionTrack(3)});
+  const struct {
+    const char* format;
+    std::string text;
+  } cases[] = {
+      {"hls", "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\nlist\n"},
+      {"hls", "#EXTM3U\n#EXT-X-TARGETDURATION:99999\n#EXTINF:99999,\ninput.mp4\n"},
+      {"hls", "#EXTM3U\n#EXT-X-TARGETDURATION:9\n#EXTINF:9,\nfile://" + PathOf("input.mp4") +
+                  "\n#EXT-X-ENDLIST\n"},
+      {"concat", "ffconcat version 1.0\nfile input.mp4\n"},
+      {"concat", "ffconcat version 1.0\nfile list\n"},
+      {"sdp", "v=0\nc=IN IP4 127.0.0.1\nm=video 5004 RTP/AVP 96\na=rtpmap:96 H264/90000\n"},
+      {"dash",
+       "<?xml version='1.0'?><MPD xmlns='urn:mpeg:dash:schema:mpd:2011' type='static' "
+       "profiles='urn:mpeg:dash:profile:isoff-live:2011' mediaPresentationDuration='PT99999999S'>"
+       "<Period><AdaptationSet mimeType='video/mp4'><SegmentTemplate media='s$Number$' "
+       "initialization='input.mp4' duration='1'/><Representation id='1' bandwidth='1'/>"
+       "</AdaptationSet></Period></MPD>"},
+  };
+  for (const auto& c : cases) {
+    WriteFile(PathOf("list"), BytesOf(c.text));
+    for (const bool file : {true, false}) {
+      Demuxer demuxer(PathOf("list"));
+      const auto source = file ? nullptr : std::make_shared<MemorySource>(BytesOf(c.text));
+      EXPECT_LT(demuxer.Open(nullptr, source), 0) << c.text;
+      EXPECT_THAT(demuxer.InputProblem(), HasSubstr(std::string("(") + c.format)) << c.text;
+    }
+  }
+}
+
+TEST_F(DemuxerTest, RefusesFragmentsOfATrackWithoutNumber) {
+  // A reading that FFmpeg does not survive for seconds would not end before the test's time limit.
+  const auto hide = [](Bytes& content, const std::string& box, size_t at, uint8_t byte) {
+    const auto found = std::search(content.begin(), content.end(), box.begin(), box.end());
+    found[static_cast<std::ptrdiff_t>(at)] = byte;
+  };
+  const std::vector<Mp4Track> tracks{MotionTrack(300), MotionTrack(300)};
+  const Bytes whole = ReadFile(Write(tracks, Mp4Order::kFragmented));
+  Bytes no_header = whole;
+  hide(no_header, "tkhd", 0, 'x');
+  Bytes high_number = whole;
+  hide(high_number, "tkhd", 24, 0x80);
+  const Bytes gap = Concat({{0, 2, 0, 0}, BytesOf("free"), Bytes(0x20000 - 8)});
+  const Bytes far = Concat({gap, no_header});
+  const Bytes compressed = Concat({{0, 0, 0, 24},
+                                   BytesOf("moov"),
+                                   {0, 0, 0, 16},
+                                   BytesOf("cmov"),
+                                   {0, 0, 0, 12},
+                                   BytesOf("dcomzlib"),
+                                   whole});
+  for (const Bytes& content : {no_header, high_number, far, compressed}) {
+    for (const bool seekable : {true, false}) {
+      Demuxer demuxer("");
+      EXPECT_LT(demuxer.Open(nullptr, std::make_shared<MemorySource>(content, seekable)), 0);
+      EXPECT_THAT(demuxer.InputProblem(),
+                  AnyOf(HasSubstr("a track without a number"), HasSubstr("compressed")));
+    }
+  }
+  EXPECT_THAT(Reading(*Open("", std::make_shared<MemorySource>(whole))).packets, SizeIs(600));
+}
+
+// A byte source that throws from one of its functions, and gives a byte at a time before that.
+class ThrowingSource : public MemorySource {
+ public:
+  ThrowingSource(Bytes content, int calls) : MemorySource(std::move(content)), calls_(calls) {}
+  int Read(uint8_t* buffer, int /*size*/) override {
+    if (--calls_ < 0) throw std::runtime_error("no more");
+    return MemorySource::Read(buffer, 1);
+  }
+  int64_t Seek(int64_t offset, int whence) override {
+    if (calls_ < 0) throw 42;  // NOLINT(hicpp-exception-baseclass)
+    return MemorySource::Seek(offset, whence);
+  }
+
+ private:
+  int calls_;
+};
+
+TEST_F(DemuxerTest, AByteSourceMayThrow) {
+  const Bytes content = ReadFile(Write({MotionTrack(9)}, Mp4Order::kMoovFirst));
+  for (const int calls : {0, 40, static_cast<int>(content.size()) - 30}) {
+    const LogCapture log;
+    Demuxer demuxer("");
+    int end = demuxer.Open(nullptr, std::make_shared<ThrowingSource>(content, calls));
+    if (end == 0) end = Reading(demuxer).end;
+    EXPECT_LT(end, 0) << calls;
+    EXPECT_THAT(log.Lines("av_toolbox/byte_input.cpp"), Contains(HasSubstr("no more"))) << calls;
+  }
+}
+
 TEST_F(DemuxerTest, AFailingReadIsReportedAsItIs) {
   const Bytes content = ReadFile(Write({LongTrack()}, Mp4Order::kMoovFirst));
   const auto source = std::make_shared<MemorySource>(content);
@@ -171,6 +291,17 @@ TEST_F(DemuxerTest, AFailingReadIsReportedAsItIs) {
   std::shared_ptr<QVXPacket> packet = NewPacket();
   EXPECT_LT(demuxer->ReadPacket(packet), 0);
   EXPECT_EQ(packet, nullptr);
+  // FFmpeg takes it for the end of the file when it comes within the index.
+  int refused = 0;
+  for (int64_t offset = 0; offset < 1000; offset += 20) {
+    const auto early = std::make_shared<MemorySource>(content);
+    early->FailFrom(offset, AVERROR(EIO));
+    Demuxer unopened("");
+    if (unopened.Open(nullptr, early) == 0) continue;
+    ++refused;
+    EXPECT_EQ(unopened.InputProblem(), "Input/output error") << offset;
+  }
+  EXPECT_GT(refused, 5);
 }
 
 void ExpectNoInput(Demuxer& demuxer) {

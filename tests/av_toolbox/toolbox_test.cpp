@@ -19,6 +19,7 @@ using ::motrace::testing::Bytes;
 using ::motrace::testing::EncodedStream;
 using ::motrace::testing::EncodeH264;
 using ::motrace::testing::LogCapture;
+using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -57,7 +58,8 @@ TEST(AacPacketTest, CarriesACopyOfTheFrameOrNoPayload) {
   const auto full = NewAACPacket(frame.data(), 5, -4096, 7);
   frame.assign(5, 0);
   EXPECT_THAT(Bytes(full->data, full->data + full->size), ElementsAre(1, 2, 3, 4, 5));
-  EXPECT_EQ(full->buf->size, 5U) << "no padding";
+  EXPECT_EQ(full->buf->size, 5U) << "the padding is not counted";
+  EXPECT_THAT(Bytes(full->data + 5, full->data + 5 + AV_INPUT_BUFFER_PADDING_SIZE), Each(0));
   const auto null = NewAACPacket(nullptr, 9, -4096, 7);
   const auto none = NewAACPacket(frame.data(), 0, -4096, 7);
   for (const auto& empty : {null, none}) {
@@ -83,12 +85,17 @@ TEST(AacStreamTest, DescribesTheTrackWithPaddedExtradata) {
     EXPECT_EQ(par.format, AV_SAMPLE_FMT_FLTP);
     EXPECT_EQ(par.ch_layout.u.mask, uint64_t{AV_CH_LAYOUT_STEREO});
     EXPECT_EQ(par.ch_layout.nb_channels, 2);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    EXPECT_EQ(par.channel_layout, uint64_t{AV_CH_LAYOUT_STEREO});
+    EXPECT_EQ(par.channels, 2);
+#pragma GCC diagnostic pop
     EXPECT_EQ(par.sample_rate, 48000);
     EXPECT_EQ(par.frame_size, 1024);
     EXPECT_EQ(stream->time_base.den, 44100);
     ASSERT_EQ(par.extradata_size, static_cast<int>(extradata.size()));
     Bytes padded = extradata;
-    padded.resize(extradata.size() + 32, 0);
+    padded.resize(extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE, 0);
     EXPECT_EQ(Bytes(par.extradata, par.extradata + padded.size()), padded);
   }
 }
