@@ -12,8 +12,13 @@ if(TARGET camm)
 endif()
 file(GLOB man_pages CONFIGURE_DEPENDS docs/*.1)
 install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES README.md docs/camm.md docs/formats.md docs/logging.md
+# Below each other as here: their links lead from one to the other.
+file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace COMPONENT tool)
+file(GLOB pictures CONFIGURE_DEPENDS docs/*.png)
+install(FILES ${documents} ${pictures}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace/docs COMPONENT tool)
 install(PROGRAMS scripts/extract_array.sbatch scripts/extract_one.sh
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/motrace/examples COMPONENT tool)
 

@@ -2,7 +2,7 @@
 # Extracts a video's camera motion metadata and lists what came out:
 #   scripts/extract.sh             makes a small sample video and extracts it into out/
 #   scripts/extract.sh VIDEO DIR   extracts VIDEO into DIR, which is made if need be
-# First installs the Debian packages that are missing and builds the tool (build/tool). Fails when the
+# First installs the Debian packages that are missing and builds the two programs (build/tool). Fails when the
 # extraction was not complete.
 set -euo pipefail
 usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
@@ -19,7 +19,7 @@ bin=$root/build/tool/bin
 (
   cd "$root"
   [ -f build/tool/build.ninja ] || cmake --preset tool >/dev/null
-  cmake --build --preset tool --target motrace make_sample
+  cmake --build --preset tool --target motrace camm make_sample
 ) >&2
 
 if [ $# -eq 0 ]; then

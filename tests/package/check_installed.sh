@@ -11,12 +11,16 @@ mkdir -p "$work"
 cd "$work"
 quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }; }
 
-# The tool in the tree PREFIX, through the batch script that comes with it.
+# The tool in the tree PREFIX, through the batch scripts that come with it.
 check_tool() {
-  PATH=$1/bin:$PATH "$1/share/doc/motrace/examples/extract_one.sh" "$sample" out
+  echo "$sample" >list
+  PATH=$1/bin:$PATH SLURM_ARRAY_TASK_ID=1 SLURM_ARRAY_TASK_COUNT=1 \
+    "$1/share/doc/motrace/examples/extract_array.sbatch" list below
+  mv "$(dirname "$(find below -name gyro.dat)")" out
   [ "$(find out -name gyro.dat -size 44800c -o -name 'exposure_?.dat' -size 320c | wc -l)" -eq 7 ]
   grep -q '^{"extended_gps_info":\[{' out/gps.json
   rm -r out
+  (cd "$1/share/doc/motrace" && grep -oP '\]\(\K[^)#:]+' README.md | xargs ls >/dev/null)
 }
 check_consumer() { "$1" "$sample" | tee /dev/stderr | grep -q '^1776 packets'; }
 
