@@ -146,7 +146,7 @@ class Session {
  private:
   static cv::ocl::OpenCLExecutionContext Opened() {
     std::string problem;
-    const cv::ocl::OpenCLExecutionContext context = Shared::Get().Find(problem);
+    cv::ocl::OpenCLExecutionContext context = Shared::Get().Find(problem);
     if (context.empty()) {
       Fail(problem);
     }

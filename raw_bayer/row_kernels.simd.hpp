@@ -247,7 +247,7 @@ void Split(const SplitSpan& span) {
     v_uint32 red[2];
     v_uint32 blue[2];
     for (int i = 0; i < 2; ++i) {
-      const Column rx = 2 * x + i * kLanes;
+      const Column rx = 2 * x + Column{i} * kLanes;
       Prefetch(span.ahead[0] + rx);
       Prefetch(span.ahead[1] + rx);
       const v_uint32 top = Pairs(span.raw[1] + rx);     // red, green
@@ -274,7 +274,7 @@ void Merge(const MergeSpan& span) {
     cv::v_expand(Load(span.r + x), red[0], red[1]);
     cv::v_expand(Load(span.b + x), blue[0], blue[1]);
     for (int i = 0; i < 2; ++i) {
-      const Column rx = 2 * x + i * kLanes;
+      const Column rx = 2 * x + Column{i} * kLanes;
       cv::v_store(span.raw[0] + rx, WithFirst(Pairs(span.g[0] + rx), red[i]));
       cv::v_store(span.raw[1] + rx, WithSecond(Pairs(span.g[1] + rx), blue[i]));
     }

@@ -8,8 +8,10 @@
 #include <tuple>
 #include <utility>
 
+// NOLINTBEGIN(bugprone-reserved-identifier): names of the language
 #define __global__
 #define __device__
+// NOLINTEND(bugprone-reserved-identifier)
 
 struct CUstream_st;
 using cudaStream_t = CUstream_st*;
