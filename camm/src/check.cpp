@@ -50,11 +50,8 @@ std::string Milliseconds(std::int64_t ns) {
 
 class Checker {
  public:
-  Checker(const std::string& path, const CheckOptions& options) : path_(path), options_(options) {
-    ReadOptions reading;
-    reading.stream_index = options.stream_index;
-    recording_ = Read({path, nullptr}, reading);
-  }
+  Checker(const std::string& path, const Recording& recording, const CheckOptions& options)
+      : path_(path), options_(options), recording_(recording) {}
 
   CheckResult Run() {
     CheckResult result;
@@ -114,7 +111,8 @@ class Checker {
     std::int64_t backwards_at = kNoTime;
     std::int64_t standing = 0;
     std::int64_t standing_at = kNoTime;
-    const bool sensor = type == Gyro::kType || type == Accel::kType || type == Magnetic::kType;
+    // Positions have rules of their own.
+    const bool regular = type != GpsMin::kType && type != Gps::kType;
     const std::int64_t longest =
         std::max(MulDiv(timing.median_interval_ns, kGapIntervals, 1), kGapNs);
     std::int64_t gaps = 0;
@@ -134,10 +132,10 @@ class Checker {
       Add("time-standing", Severity::kWarning, standing_at,
           name + ": " + std::to_string(standing) + " samples have the time of the one before");
     }
-    if (!sensor) return;
+    if (!regular) return;
     if (gaps > 0) {
       Add("gap", Severity::kWarning, timing.gap_start_ns,
-          name + ": " + std::to_string(gaps) + " gaps, the longest " +
+          name + ": " + std::to_string(gaps) + (gaps == 1 ? " gap, " : " gaps, the longest ") +
               Milliseconds(timing.largest_gap_ns) + " at intervals of " +
               Milliseconds(timing.median_interval_ns));
     }
@@ -358,7 +356,8 @@ class Checker {
         if (finding.code == code) finding.code = name;
       }
       // The magnetometer is not asked for.
-      if (finding.code == "gap" && finding.detail.rfind("magnetic", 0) != 0) {
+      if (finding.code == "gap" &&
+          (finding.detail.rfind("gyro", 0) == 0 || finding.detail.rfind("accel", 0) == 0)) {
         finding.code = "IMU_DATA_GAP";
       }
     }
@@ -366,7 +365,7 @@ class Checker {
 
   const std::string& path_;
   const CheckOptions& options_;
-  Recording recording_;
+  const Recording& recording_;
   Summary summary_;
   std::int64_t points_ = 0;  // of GPS, usable
   std::vector<Finding> findings_;
@@ -380,7 +379,14 @@ bool CheckResult::Wrong() const {
 }
 
 CheckResult Check(const std::string& path, const CheckOptions& options) {
-  return Checker(path, options).Run();
+  ReadOptions reading;
+  reading.stream_index = options.stream_index;
+  return Check(path, Read({path, nullptr}, reading), options);
+}
+
+CheckResult Check(const std::string& path, const Recording& recording,
+                  const CheckOptions& options) {
+  return Checker(path, recording, options).Run();
 }
 
 }  // namespace camm

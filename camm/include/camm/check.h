@@ -48,6 +48,9 @@ struct CheckResult {
 
 /// Reads the file's track into memory and looks at it. Threads: as `Stream`.
 CheckResult Check(const std::string& path, const CheckOptions& options = {});
+/// The same of a recording that was read before.
+CheckResult Check(const std::string& path, const Recording& recording,
+                  const CheckOptions& options = {});
 
 }  // namespace camm
 

@@ -23,7 +23,7 @@ namespace camm {
 // Each sample is a plain struct of its fields in stored order. `kType` is its number in the format,
 // `kName` the name that files, columns and series carry. `Fields(sample, visit)` calls
 // `visit(name, field)` for every field in stored order; the name ends in the unit.
-#define CAMM_DETAIL_FIELD(name) visit(std::string_view(#name), self.name);
+#define CAMM_DETAIL_FIELD(name) visit(std::string_view(#name), self.name)
 
 /// Orientation of the camera: a rotation vector (axis times angle).
 struct AngleAxis {
@@ -33,7 +33,9 @@ struct AngleAxis {
 
   template <typename Self, typename Visit>
   static void Fields(Self& self, Visit&& visit) {
-    CAMM_DETAIL_FIELD(x_rad) CAMM_DETAIL_FIELD(y_rad) CAMM_DETAIL_FIELD(z_rad)
+    CAMM_DETAIL_FIELD(x_rad);
+    CAMM_DETAIL_FIELD(y_rad);
+    CAMM_DETAIL_FIELD(z_rad);
   }
 };
 
@@ -45,7 +47,8 @@ struct Exposure {
 
   template <typename Self, typename Visit>
   static void Fields(Self& self, Visit&& visit) {
-    CAMM_DETAIL_FIELD(pixel_exposure_ns) CAMM_DETAIL_FIELD(rolling_shutter_skew_ns)
+    CAMM_DETAIL_FIELD(pixel_exposure_ns);
+    CAMM_DETAIL_FIELD(rolling_shutter_skew_ns);
   }
 };
 
@@ -57,7 +60,9 @@ struct Gyro {
 
   template <typename Self, typename Visit>
   static void Fields(Self& self, Visit&& visit) {
-    CAMM_DETAIL_FIELD(x_rad_s) CAMM_DETAIL_FIELD(y_rad_s) CAMM_DETAIL_FIELD(z_rad_s)
+    CAMM_DETAIL_FIELD(x_rad_s);
+    CAMM_DETAIL_FIELD(y_rad_s);
+    CAMM_DETAIL_FIELD(z_rad_s);
   }
 };
 
@@ -69,7 +74,9 @@ struct Accel {
 
   template <typename Self, typename Visit>
   static void Fields(Self& self, Visit&& visit) {
-    CAMM_DETAIL_FIELD(x_m_s2) CAMM_DETAIL_FIELD(y_m_s2) CAMM_DETAIL_FIELD(z_m_s2)
+    CAMM_DETAIL_FIELD(x_m_s2);
+    CAMM_DETAIL_FIELD(y_m_s2);
+    CAMM_DETAIL_FIELD(z_m_s2);
   }
 };
 
@@ -81,7 +88,9 @@ struct Position {
 
   template <typename Self, typename Visit>
   static void Fields(Self& self, Visit&& visit) {
-    CAMM_DETAIL_FIELD(x_m) CAMM_DETAIL_FIELD(y_m) CAMM_DETAIL_FIELD(z_m)
+    CAMM_DETAIL_FIELD(x_m);
+    CAMM_DETAIL_FIELD(y_m);
+    CAMM_DETAIL_FIELD(z_m);
   }
 };
 
@@ -93,7 +102,9 @@ struct GpsMin {
 
   template <typename Self, typename Visit>
   static void Fields(Self& self, Visit&& visit) {
-    CAMM_DETAIL_FIELD(latitude_deg) CAMM_DETAIL_FIELD(longitude_deg) CAMM_DETAIL_FIELD(altitude_m)
+    CAMM_DETAIL_FIELD(latitude_deg);
+    CAMM_DETAIL_FIELD(longitude_deg);
+    CAMM_DETAIL_FIELD(altitude_m);
   }
 };
 
@@ -110,14 +121,17 @@ struct Gps {
 
   template <typename Self, typename Visit>
   static void Fields(Self& self, Visit&& visit) {
-    CAMM_DETAIL_FIELD(time_gps_s)
-    CAMM_DETAIL_FIELD(fix_type)
-    CAMM_DETAIL_FIELD(latitude_deg)
-    CAMM_DETAIL_FIELD(longitude_deg)
-    CAMM_DETAIL_FIELD(altitude_m)
-    CAMM_DETAIL_FIELD(horizontal_accuracy_m) CAMM_DETAIL_FIELD(vertical_accuracy_m)
-        CAMM_DETAIL_FIELD(velocity_east_m_s) CAMM_DETAIL_FIELD(velocity_north_m_s)
-            CAMM_DETAIL_FIELD(velocity_up_m_s) CAMM_DETAIL_FIELD(speed_accuracy_m_s)
+    CAMM_DETAIL_FIELD(time_gps_s);
+    CAMM_DETAIL_FIELD(fix_type);
+    CAMM_DETAIL_FIELD(latitude_deg);
+    CAMM_DETAIL_FIELD(longitude_deg);
+    CAMM_DETAIL_FIELD(altitude_m);
+    CAMM_DETAIL_FIELD(horizontal_accuracy_m);
+    CAMM_DETAIL_FIELD(vertical_accuracy_m);
+    CAMM_DETAIL_FIELD(velocity_east_m_s);
+    CAMM_DETAIL_FIELD(velocity_north_m_s);
+    CAMM_DETAIL_FIELD(velocity_up_m_s);
+    CAMM_DETAIL_FIELD(speed_accuracy_m_s);
   }
 };
 
@@ -129,7 +143,9 @@ struct Magnetic {
 
   template <typename Self, typename Visit>
   static void Fields(Self& self, Visit&& visit) {
-    CAMM_DETAIL_FIELD(x_ut) CAMM_DETAIL_FIELD(y_ut) CAMM_DETAIL_FIELD(z_ut)
+    CAMM_DETAIL_FIELD(x_ut);
+    CAMM_DETAIL_FIELD(y_ut);
+    CAMM_DETAIL_FIELD(z_ut);
   }
 };
 

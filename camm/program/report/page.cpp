@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "camm/check.h"
 #include "camm/ground_track.h"
 #include "camm/program/program.h"
 #include "camm/program/report/assets.h"
@@ -228,11 +229,13 @@ json Track(const Recording& recording) {
   return way;
 }
 
-json Findings(const Recording& recording) {
+json Findings(const std::string& path, const Recording& recording) {
   json findings = json::array();
-  for (const Problem& problem : recording.result.problems) {
-    json finding{{"severity", "error"}, {"time", nullptr}, {"text", problem.text}};
-    if (problem.first_time_ns != kNoTime) finding["time"] = Seconds(problem.first_time_ns);
+  for (const Finding& found : Check(path, recording).findings) {
+    json finding{{"severity", found.severity == Severity::kNote ? "note" : "error"},
+                 {"time", nullptr},
+                 {"text", found.detail}};
+    if (found.time_ns != kNoTime) finding["time"] = Seconds(found.time_ns);
     findings.push_back(std::move(finding));
   }
   return findings;
@@ -312,7 +315,7 @@ std::string Page(const std::string& name, const Recording& recording) {
   }
   data["span"] = {first, std::max(last, first + 1e-3)};
   data["track"] = Track(recording);
-  data["findings"] = Findings(recording);
+  data["findings"] = Findings(name, recording);
 
   const std::string title = Escaped(Printable(name));
   std::string page = Head(title);

@@ -22,7 +22,7 @@ std::string Index(const std::string& items);
 /// The page: figures, charts of every type over time, findings, the way over ground. Nothing is
 /// fetched; its size does not grow with the recording: of many samples it holds the least and the
 /// greatest of equal spans of time, at several resolutions.
-/// @param name of the file, as a heading.
+/// @param name of the file, which is opened again for its edit lists.
 std::string Page(const std::string& name, const Recording& recording);
 
 }  // namespace camm::program::report
