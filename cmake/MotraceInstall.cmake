@@ -1,5 +1,5 @@
 # What `cmake --install` puts where, and the Debian packages that `cpack` makes of it.
-# Components: tool (package motrace), dev (libqvxmedia-dev), image_dev (libqvxmedia-image-dev).
+# Components: tool (package motrace), python (python3-camm), dev (libqvxmedia-dev), image_dev (libqvxmedia-image-dev).
 include(CMakePackageConfigHelpers)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qvxmedia)
@@ -73,6 +73,16 @@ if(image_exports)
           COMPONENT image_dev)
 endif()
 
+# --- Python module: packaged only, since elsewhere `pip install .` knows the right folder
+if(TARGET camm_python)
+  set(python_dir lib/python3/dist-packages/camm)
+  install(TARGETS camm_python LIBRARY DESTINATION ${python_dir} COMPONENT python EXCLUDE_FROM_ALL)
+  install(FILES camm/python/camm/__init__.py camm/python/camm/__init__.pyi camm/python/camm/py.typed
+          DESTINATION ${python_dir} COMPONENT python EXCLUDE_FROM_ALL)
+  install(FILES docs/python.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/python3-camm
+          COMPONENT python EXCLUDE_FROM_ALL)
+endif()
+
 # --- packages
 find_program(MOTRACE_DPKG_QUERY dpkg-query)
 if(NOT MOTRACE_DPKG_QUERY)
@@ -120,6 +130,9 @@ set(CPACK_PACKAGE_CONTACT ${MOTRACE_MAINTAINER})
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_COMPONENTS_ALL tool dev)
+if(TARGET camm_python)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 if(image_exports)
   list(APPEND CPACK_COMPONENTS_ALL image_dev)
 endif()
@@ -159,9 +172,26 @@ Image libraries on OpenCV's core that stand beside the media pipeline: dense
 inverse search optical flow, and repair, splitting and merging of raw Bayer
 mosaics.")
 
+if(TARGET camm_python)
+  execute_process(
+    COMMAND ${CAMM_PYTHON} -c "import sys; v = sys.version_info; print(f'python3 (>= 3.{v[1]}~), python3 (<< 3.{v[1] + 1}~)', end='')"
+    OUTPUT_VARIABLE python_versions)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-camm)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${python_versions}, python3-numpy")
+  set(CPACK_DEBIAN_PYTHON_DESCRIPTION
+      "camera motion metadata (CAMM) of video files as NumPy arrays
+The module camm reads every kind of sample of a video's motion track, merges
+gyroscope and accelerometer, and writes tracks into copies of videos.")
+endif()
+
 # Documents that Debian expects in every package.
 string(TIMESTAMP MOTRACE_PACKAGE_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 set(packages tool:motrace dev:libqvxmedia-dev)
+if(TARGET camm_python)
+  list(APPEND packages python:python3-camm)
+endif()
 if(image_exports)
   list(APPEND packages image_dev:libqvxmedia-image-dev)
 endif()

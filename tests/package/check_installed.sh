@@ -54,6 +54,10 @@ touch root/var/lib/dpkg/{status,available}
 in_root=(dpkg --root="$work/root" --force-depends --force-not-root --force-bad-path --log=/dev/null)
 quietly "${in_root[@]}" --install packages/*.deb
 check_tool "$work/root/usr"
+if [ -d root/usr/lib/python3 ]; then
+  depends python3-camm 'python3 \(>= 3\..*python3-numpy'
+  PYTHONPATH=root/usr/lib/python3/dist-packages /usr/bin/python3 -B -c 'import camm; camm.Recording'
+fi
 mapfile -t names < <(for package in packages/*.deb; do dpkg-deb --field "$package" Package; done)
 quietly "${in_root[@]}" --purge "${names[@]}"
 left=$(find root -path root/var/lib/dpkg -prune -o -type f -print)
