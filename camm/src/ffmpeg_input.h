@@ -11,13 +11,10 @@
 
 namespace camm {
 
-/// A path that FFmpeg can't take for a URL, nor for one of its protocols' names.
+/// A path that can't be taken for an address.
 inline std::string PlainPath(const std::string& path) {
   return path.empty() || path.front() == '/' ? path : "./" + path;
 }
-
-/// A playlist must not make us open what it names.
-inline const lum::Demuxer::Options kOnlyFiles{{"protocol_whitelist", "file"}};
 
 /// Nanoseconds of a time stamp; `kNoTime` for none.
 inline std::int64_t ToNanoseconds(std::int64_t value, AVRational time_base) {

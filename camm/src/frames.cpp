@@ -97,7 +97,7 @@ bool ReadIndex(mp4::Reader& file, FrameTimes& result) {
 
 void ReadVideoPackets(const Input& input, FrameTimes& result) {
   lum::Demuxer demuxer(PlainPath(input.path));
-  const int opened = demuxer.Open(&kOnlyFiles, input.io);
+  const int opened = demuxer.Open(nullptr, input.io);
   if (opened != 0) {
     result.error = lum::FFmpegErrorString(opened);
     return;

@@ -83,11 +83,12 @@ class Reader {
  public:
   Reader(const Input& input, const ReadOptions& options)
       : options_(options), demuxer_(PlainPath(input.path)) {
-    const int opened = demuxer_.Open(&kOnlyFiles, input.io);
+    const int opened = demuxer_.Open(nullptr, input.io);
     // A video whose decoder settings are broken fails too; the motion track can be read all the
     // same.
     if (opened != 0 && demuxer_.StreamCount() == 0) {
-      result_.error = lum::FFmpegErrorString(opened);
+      result_.error = demuxer_.InputProblem().empty() ? lum::FFmpegErrorString(opened)
+                                                      : demuxer_.InputProblem();
       return;
     }
     DescribeFile();
@@ -101,7 +102,7 @@ class Reader {
     if (result_.status != Status::kWhole) return false;
     int error = 0;
     while ((error = demuxer_.ReadPacket(packet_)) == 0) {
-      if (!origin_known_) FindOrigin();
+      if (!others_skipped_) AfterFirstPacket();
       if (packet_->stream_index != picked_->stream_index) continue;
       ++result_.packets;
       std::int64_t time_ns = ToNanoseconds(packet_->pts, time_base_);
@@ -211,19 +212,24 @@ class Reader {
       problems_.Add(ProblemKind::kTruncatedFile, kNoTime, 0, missing);
     }
     time_base_ = demuxer_.GetStream(static_cast<unsigned>(picked_->stream_index))->time_base;
-    // The origin may be a packet of any stream: only after it can the others be skipped.
-    origin_known_ = options_.origin == Origin::kContainer;
-    if (origin_known_) SkipOtherStreams();
   }
 
-  void FindOrigin() {
+  /// The origin may be a packet of any stream: only after it can the others be skipped. Where it is
+  /// none, after the first packet all the same: the demuxer then knows how FFmpeg reads this file,
+  /// and can read the rest by its index.
+  void AfterFirstPacket() {
+    if (options_.origin == Origin::kFirstPacket && !FindOrigin()) return;
+    others_skipped_ = true;
+    SkipOtherStreams();
+  }
+
+  bool FindOrigin() {
     const std::int64_t placed = packet_->dts != AV_NOPTS_VALUE ? packet_->dts : packet_->pts;
     const AVStream* stream = demuxer_.GetStream(static_cast<unsigned>(packet_->stream_index));
     const std::int64_t time = ToNanoseconds(placed, stream->time_base);
-    if (time == kNoTime) return;
-    origin_known_ = true;
+    if (time == kNoTime) return false;
     origin_ns_ = time;
-    SkipOtherStreams();
+    return true;
   }
 
   const ReadOptions options_;
@@ -232,7 +238,7 @@ class Reader {
   ReadResult result_;
   Problems problems_;
   AVRational time_base_{0, 1};
-  bool origin_known_ = false;
+  bool others_skipped_ = false;
   std::int64_t origin_ns_ = 0;
   std::shared_ptr<lum::QVXPacket> packet_;
 };
