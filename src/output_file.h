@@ -43,6 +43,7 @@ class OutputFile {
 
   void Write(const void* data, size_t size) {
     if (size > kBufferSize - used_) return WritePastBuffer(data, size);
+    if (size == 0) return;  // of nothing there may be no address
     std::memcpy(buffer_.get() + used_, data, size);
     used_ += size;
   }
