@@ -31,11 +31,10 @@ bool OutputFile::Open(const std::string& path, const std::optional<FileId>& keep
   // only once it is known which file it is.
   fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, kMode);
   struct stat file {};
-  if (fd_ < 0 || fstat(fd_, &file) != 0) {
-    error_ = errno;
-  } else if (Same(file, keep)) {
+  const bool known = fd_ >= 0 && fstat(fd_, &file) == 0;
+  if (known && Same(file, keep)) {
     error_ = kIsKept;
-  } else if (S_ISREG(file.st_mode) && ftruncate(fd_, 0) != 0) {
+  } else if (!known || (S_ISREG(file.st_mode) && ftruncate(fd_, 0) != 0)) {
     error_ = errno;
   }
   if (error_ == 0) {
