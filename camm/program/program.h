@@ -60,6 +60,7 @@ void AddReport(CLI::App& app, Run& run);
 CLI::App* AddVerb(CLI::App& app, const std::string& name, const std::string& description,
                   const std::string& example, CommonOptions& common);
 
+using formats::Escaped;
 using formats::Printable;
 
 /// "camm: TEXT" on standard error, as one line, made printable. Any thread.

@@ -40,7 +40,7 @@ int RunReport(const ReportOptions& options) {
     const fs::path page = fs::path(index.stem()) / (names[i] + ".html");
     const int code = WritePage(options, options.files[i], index.parent_path() / page);
     if (code != kExitWhole) worst = kExitPartial;
-    const std::string title = report::Escaped(Printable(options.files[i]));
+    const std::string title = Escaped(Printable(options.files[i]));
     list += code == kExitCannot || code == kExitNoTrack
                 ? fmt::format("<li>{}: no report\n", title)
                 : fmt::format("<li><a href=\"{}\">{}</a>{}\n", report::UrlPath(page.string()),

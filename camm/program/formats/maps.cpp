@@ -38,29 +38,6 @@ std::vector<Way> Ways(const Source& source, Report& report) {
   return ways;
 }
 
-std::string Xml(std::string_view text) {
-  std::string escaped;
-  for (const char character : Printable(text)) {
-    switch (character) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      default:
-        escaped += character;
-    }
-  }
-  return escaped;
-}
-
 std::string JsonText(std::string_view text) {
   std::string escaped;
   for (const char character : Printable(text)) {
@@ -175,8 +152,8 @@ Report WriteGpx(const Source& source, Files& files) {
 <gpx version="1.1" creator="camm" xmlns="http://www.topografix.com/GPX/1/1" xmlns:gpxtpx="http://www.garmin.com/xmlschemas/TrackPointExtension/v2">
 )";
   for (const Way& way : ways) {
-    out << "<trk><name>" << Xml(source.options.name) << "</name><src>camm " << way.name
-        << "</src>\n";
+    out << "<trk><name>" << Escaped(Printable(source.options.name)) << "</name><src>camm "
+        << way.name << "</src>\n";
     for (const auto& segment : way.track.segments) {
       out << "<trkseg>\n";
       for (const TrackPoint& point : segment) {
@@ -234,7 +211,7 @@ Report WriteKml(const Source& source, Files& files) {
   out << R"(<?xml version="1.0" encoding="UTF-8"?>
 <kml xmlns="http://www.opengis.net/kml/2.2" xmlns:gx="http://www.google.com/kml/ext/2.2">
 <Document><name>)"
-      << Xml(source.options.name) << "</name>\n";
+      << Escaped(Printable(source.options.name)) << "</name>\n";
   for (const Way& way : ways) {
     for (const auto& segment : way.track.segments) {
       out << "<Placemark><name>" << way.name << "</name>";

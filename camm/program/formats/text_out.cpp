@@ -47,4 +47,30 @@ std::string Printable(std::string_view text) {
   return printable;
 }
 
+std::string Escaped(std::string_view text) {
+  std::string escaped;
+  for (const char character : text) {
+    switch (character) {
+      case '&':
+        escaped += "&amp;";
+        break;
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '>':
+        escaped += "&gt;";
+        break;
+      case '"':
+        escaped += "&quot;";
+        break;
+      case '\'':
+        escaped += "&#39;";
+        break;
+      default:
+        escaped += character;
+    }
+  }
+  return escaped;
+}
+
 }  // namespace camm::formats

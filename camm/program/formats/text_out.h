@@ -92,6 +92,9 @@ class TextOut {
 /// to steer a terminal, nor break a format.
 std::string Printable(std::string_view text);
 
+/// Text for XML and HTML, elements and attributes alike.
+std::string Escaped(std::string_view text);
+
 /// Where a format's files go. One thread.
 class Files {
  public:

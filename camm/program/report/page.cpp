@@ -261,32 +261,6 @@ std::string Head(const std::string& escaped_title) {
 
 }  // namespace
 
-std::string Escaped(std::string_view text) {
-  std::string escaped;
-  for (const char character : text) {
-    switch (character) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      case '\'':
-        escaped += "&#39;";
-        break;
-      default:
-        escaped += character;
-    }
-  }
-  return escaped;
-}
-
 std::string UrlPath(std::string_view path) {
   std::string url;
   for (const char character : path) {

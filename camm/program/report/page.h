@@ -9,9 +9,6 @@
 
 namespace camm::program::report {
 
-/// Text for HTML, elements and attributes alike.
-std::string Escaped(std::string_view text);
-
 /// A path as a relative address.
 std::string UrlPath(std::string_view path);
 
