@@ -70,14 +70,11 @@ def mutants_of(path, lines, number):
                 yield {"file": path, "line": number + 1, "original": line, "mutant": mutant}
 
 
-def tracked():
-    names = subprocess.run(["git", "ls-files", "-coz", "--exclude-standard"], cwd=ROOT, check=True, capture_output=True)
-    return [n for n in names.stdout.decode().split("\0") if n and (ROOT / n).is_file()]
-
-
 def refresh(copy):
-    """Brings the copy to the checkout's state; what is equal keeps its time, so that little is rebuilt."""
-    names = set(tracked())
+    """Brings the copy to the checkout's state and returns its files' names; what is equal keeps its time, so that
+    little is rebuilt."""
+    names = subprocess.run(["git", "ls-files", "-coz", "--exclude-standard"], cwd=ROOT, check=True, capture_output=True)
+    names = {n for n in names.stdout.decode().split("\0") if n and (ROOT / n).is_file()}
     for old in (p for p in copy.rglob("*") if p.is_file() and "build" not in p.relative_to(copy).parts[:1]):
         if str(old.relative_to(copy)) not in names:
             old.unlink()
@@ -86,7 +83,7 @@ def refresh(copy):
         if not target.exists() or target.read_bytes() != (ROOT / name).read_bytes():
             target.parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(ROOT / name, target)
-    return copy
+    return sorted(names)
 
 
 def run(command, cwd, timeout):
@@ -116,7 +113,8 @@ def main():
     args = parser.parse_args()
 
     os.nice(19)
-    copy = refresh(ROOT / "build/mutants/tree")
+    copy = ROOT / "build/mutants/tree"
+    names = refresh(copy)
     build = ["cmake", "--build", "--preset", args.preset, "-j2", "--target", *args.targets.split()]
     test = ["ctest", "--preset", args.preset, "-j2", "-R", args.tests, "--stop-on-failure"]
     test += ["-L", args.label] if args.label != ".*" else []
@@ -129,7 +127,7 @@ def main():
             sys.exit(f"{output[-3000:]}\nthe unchanged tree fails: {' '.join(command)}")
     limit = 60 + 5 * (time.monotonic() - start)
 
-    sources = {n: (copy / n).read_text().split("\n") for n in tracked()
+    sources = {n: (copy / n).read_text().split("\n") for n in names
                if PRODUCT.match(n) and pathlib.Path(n).suffix in SUFFIXES and re.search(args.paths, n)}
     if args.again:
         mutants = [json.loads(line) for line in pathlib.Path(args.again).read_text().splitlines()]
