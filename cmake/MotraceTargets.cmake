@@ -22,7 +22,7 @@ if(MOTRACE_SANITIZE)
   endif()
 endif()
 
-# Log records print the part of __FILE__ behind its last backslash. Mapping the
+# Log records print the part of __FILE__ after its last backslash. Mapping the
 # source roots to end in one makes that part the path below the root.
 add_compile_options(
   "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/qvxmedia/src/=qvxmedia\\src\\"
@@ -85,24 +85,20 @@ function(motrace_add_library target)
   endforeach()
 endfunction()
 
-# motrace_test_label(<variable>): the ctest label of the tests of the current folder. What runs whole
-# programs has its folder's name; all else is `unit`: cases in the test's own process.
-function(motrace_test_label variable)
-  cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME label)
-  if(NOT label MATCHES "^(docs|examples|fuzz|package|stress|tool)$")
-    set(label unit)
-  endif()
-  set(${variable} ${label} PARENT_SCOPE)
-endfunction()
+# Tests get their ctest label here and nowhere else.
 
 # motrace_add_test(<target> SOURCES ... LIBS ... [TIMEOUT <s>])
-# One GoogleTest binary; each of its cases becomes a ctest entry.
+# One GoogleTest binary; each of its cases becomes a ctest entry. Label: `unit` for cases in the test's
+# own process; the folder's name where they run whole programs or for long.
 function(motrace_add_test target)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LIBS;LABELS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LIBS")
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
-  motrace_test_label(label)
+  cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME label)
+  if(NOT label MATCHES "^(stress|tool)$")
+    set(label unit)
+  endif()
   add_executable(${target} ${arg_SOURCES})
   target_link_libraries(${target} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main
                                           motrace_build_flags)
@@ -110,16 +106,21 @@ function(motrace_add_test target)
                        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS ${label})
 endfunction()
 
-# motrace_add_run(<name> COMMAND ... [TIMEOUT <s>] [PROPERTIES ...])
-# A program that runs with the sample video; it passes by its exit code.
+# motrace_add_run(<name> COMMAND ... [TIMEOUT <s>] [MAKES <fixture>] [PROPERTIES ...])
+# A program that passes by its exit code. It runs with the sample video, unless it makes a fixture.
+# Label, and the beginning of its name: the folder's name.
 function(motrace_add_run name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "COMMAND;PROPERTIES")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT;MAKES" "COMMAND;PROPERTIES")
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
-  motrace_test_label(label)
+  set(fixture FIXTURES_REQUIRED sample)
+  if(arg_MAKES)
+    set(fixture FIXTURES_SETUP ${arg_MAKES})
+  endif()
+  cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME label)
   add_test(NAME ${label}.${name} COMMAND ${arg_COMMAND})
-  set_tests_properties(${label}.${name} PROPERTIES FIXTURES_REQUIRED sample LABELS ${label}
+  set_tests_properties(${label}.${name} PROPERTIES ${fixture} LABELS ${label}
                                                    TIMEOUT ${arg_TIMEOUT} ${arg_PROPERTIES})
 endfunction()
 
