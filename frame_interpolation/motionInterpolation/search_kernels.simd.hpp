@@ -387,7 +387,7 @@ class PatchMatcher {
   const std::int16_t* iy_ = nullptr;
   std::ptrdiff_t i0_stride_ = 0;
   std::ptrdiff_t gradient_stride_ = 0;
-  Cell cells_[2];
+  Cell cells_[2] = {};
   Cell* kept_ = cells_;
   Cell* probed_ = cells_;
   // Copies of patches that are not read in place.
