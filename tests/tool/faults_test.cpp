@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "tool/tool_run.h"
@@ -93,6 +94,23 @@ TEST_F(FaultTest, OutOfDescriptorsIsNamed) { EXPECT_GT(RunWithMore("-n ", 200, 4
 TEST_F(FaultTest, OutOfMemoryIsNamed) {
   // From where the libraries cannot be loaded up to where the run wants for nothing.
   EXPECT_GT(RunWithMore("-v ", 100'000, 150 * 1024, 3 * 1024), 0);
+}
+
+// 80 million samples in a few hundred bytes, and the limit that the documents recommend.
+TEST_F(FaultTest, AnIndexThatPromisesMoreThanALimitHoldsIsNamed) {
+  WriteMp4(input(), {PacketTrack({GyroSample({})})});
+  Bytes file = ReadFile(input());
+  const Bytes count{0x04, 0xC4, 0xB4, 0x00};
+  const std::pair<std::string, int> fields[] = {{"stts", 12}, {"stsz", 12}, {"stsc", 16}};
+  for (const auto& [box, offset] : fields) {
+    const auto type = std::search(file.begin(), file.end(), box.begin(), box.end());
+    std::copy(count.begin(), count.end(), type + offset);
+    if (box == "stsz") type[11] = 16;  // bytes, each of them
+  }
+  WriteFile(input(), file);
+  const ProcessResult run = RunTool({input(), out()}, "ulimit -v 2000000;");
+  EXPECT_EQ(run.exit_code, 0);
+  EXPECT_THAT(run.err, HasSubstr("none of the 80000000 motion packets of '" + input().string()));
 }
 #endif
 
