@@ -71,6 +71,20 @@ TEST(EventDispatcher, HandlesEventsInOrderOnAThreadOfItsOwn) {
   EXPECT_NE(handled_on, std::this_thread::get_id());
 }
 
+TEST(EventDispatcher, WhatAHandlerPostsKeepsItsPlaceAmongOtherThreads) {
+  std::vector<int> seen;
+  std::promise<void> posted;
+  TestLoop loop([&](const Event& event) { seen.push_back(event.what()); });
+  loop.Run([&] {
+    loop.Post(1);
+    std::thread([&] { loop.Post(2); }).join();
+    loop.Post(3);
+    posted.set_value();
+  });
+  ASSERT_TRUE(Arrives(posted.get_future()) && loop.Flush());
+  EXPECT_THAT(seen, ElementsAre(1, 2, 3));
+}
+
 TEST(EventDispatcher, DelayedEventsComeInTheOrderTheyAreDueCountedFromThePost) {
   std::vector<int> seen;
   std::promise<void> last;

@@ -187,7 +187,7 @@ void FileMediaSrc::PostToSelf(SrcEvent what) {
 }
 
 // Reading is one event a packet; the event itself serves again and again.
-void FileMediaSrc::PostRead() { read_event_->Post(); }
+void FileMediaSrc::PostRead() { dispatcher_->Register(read_event_); }
 
 void FileMediaSrc::Report(MediaSrcState state, const any& value) {
   if (state_callback) state_callback(state, value);
@@ -322,8 +322,10 @@ void FileMediaSrc::PerformRead() {
       const int64_t shift = WrappingSub(0, track->start_offset);
       packet->pts = Shifted(packet->pts, shift);
       packet->dts = Shifted(packet->dts, shift);
-      const int64_t due_ms = Rescale(PlacingTimestamp(*packet), time_base, kMilliseconds);
-      if (paced_ && !pacer_->WaitUntil(due_ms)) return;
+      if (paced_ &&
+          !pacer_->WaitUntil(Rescale(PlacingTimestamp(*packet), time_base, kMilliseconds))) {
+        return;
+      }
     }
     if (UpdateProgress(position_ms) == RangeStep::kStop) return;
   }

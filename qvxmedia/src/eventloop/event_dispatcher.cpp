@@ -81,9 +81,14 @@ void EventDispatcher::Register(const std::shared_ptr<Event>& event) { Enqueue(ev
 
 void EventDispatcher::Enqueue(std::shared_ptr<Event> event) {
   if (running_) {
+    if (loop_id_ == std::this_thread::get_id() && draining_ && !queue_waits_) {
+      own_queue_.push_back(std::move(event));
+      return;
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     if (notify_event_ != nullptr) {  // null when Stop and Release came in between
       queue_.push_back(std::move(event));
+      queue_waits_ = true;
       // A pass that drains the queue takes this one too: only an idle loop needs to be woken.
       if (!draining_) event_active(notify_event_, EV_READ, 0);
       return;
@@ -132,7 +137,9 @@ void EventDispatcher::Release() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     dropped.swap(queue_);
-    draining_ = false;
+    dropped.insert(dropped.end(), own_queue_.begin(), own_queue_.end());
+    own_queue_.clear();
+    queue_waits_ = draining_ = false;
     for (const auto& [record, timer] : timer_events_) {
       record->event->timer_record_ = nullptr;
       event_free(timer);
@@ -154,18 +161,24 @@ void EventDispatcher::OnNotify(int /*descriptor*/, short /*flags*/, void* dispat
 
 void EventDispatcher::Drain() {
   while (running_) {
-    std::shared_ptr<Event> event;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
+    std::shared_ptr<Event> event;  // outlives the lock: it owns foreign values
+    std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
+    const bool own = !own_queue_.empty();
+    if (!own) {
+      lock.lock();
       draining_ = !queue_.empty();
       if (!draining_) return;
-      event = std::move(queue_.front());
-      queue_.pop_front();
-      if (event->delay_ms_ > 0) {
-        AddTimer(event);
-        continue;
-      }
     }
+    auto& queue = own ? own_queue_ : queue_;
+    event = std::move(queue.front());
+    queue.pop_front();
+    if (!own) queue_waits_ = !queue_.empty();
+    if (event->delay_ms_ > 0) {
+      if (own) lock.lock();
+      AddTimer(event);
+      continue;
+    }
+    if (!own) lock.unlock();
     DispatchEvent(event);
   }
 }
