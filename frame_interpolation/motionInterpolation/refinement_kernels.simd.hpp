@@ -375,7 +375,7 @@ enum SolverPlane { kHaloU, kHaloV, kRobust, kSystem };
 /// A pixel's linear system M (b + sum of weight * neighbour): M b, and M, which is omega times the
 /// inverse of the 2 x 2 matrix; and the weights of its edges, 0 where there is none.
 enum SystemValue { kC1, kC2, kM11, kM12, kM22, kLeft, kRight, kUp, kDown, kSystemValues };
-static_assert(kSolverHalves == 2 * (kSystem + kSystemValues), "");
+static_assert(kSolverHalves == 2 * kSystem + 2 * kSystemValues, "");
 
 /// Unknowns of `kLanes` pixels.
 struct Pixels {
