@@ -37,7 +37,7 @@ cv::ocl::OpenCLExecutionContext FirstListed() {
         continue;
       }
       // By name, as OpenCV 4.6 rejects the contexts that its Context::fromDevice makes.
-      const int type = device.type();
+      const auto type = static_cast<unsigned>(device.type());
       const char* const type_name = (type & cv::ocl::Device::TYPE_GPU) != 0   ? "GPU"
                                     : (type & cv::ocl::Device::TYPE_CPU) != 0 ? "CPU"
                                                                               : "ACCELERATOR";

@@ -1,6 +1,8 @@
 // The row kernels' one source, compiled once per instruction set after OpenCV's universal
 // intrinsics. It defines the table LUM_KERNELS. No include guard: it is no header.
 
+#include <cstring>
+
 #include "raw_bayer/row_kernels.h"
 
 // Pairs of samples below are taken as the low and high half of 32-bit lanes.
@@ -25,6 +27,14 @@ inline v_uint16 Samples(const v_uint32& pairs) { return cv::v_reinterpret_as_u16
 
 inline v_uint32 First(const v_uint32& pairs) { return pairs & cv::vx_setall_u32(0x0000ffffU); }
 inline v_uint32 Second(const v_uint32& pairs) { return cv::v_shr<16>(pairs); }
+/// The second ones of two vectors of pairs, by way of signed numbers: unsigned ones take SSE2 many
+/// steps to pack.
+inline v_uint16 PackSecond(const v_uint32& a, const v_uint32& b) {
+  const auto second = [](const v_uint32& pairs) {
+    return cv::v_shr<16>(cv::v_reinterpret_as_s32(pairs));
+  };
+  return cv::v_reinterpret_as_u16(cv::v_pack(second(a), second(b)));
+}
 inline v_uint16 WithFirst(const v_uint32& pairs, const v_uint32& first) {
   return Samples((pairs & cv::vx_setall_u32(0xffff0000U)) | first);
 }
@@ -244,8 +254,8 @@ inline void ForVectors(int cells, const Work& work) {
 
 void Split(const SplitSpan& span) {
   ForVectors(span.cells, [&](Column x) {
-    v_uint32 red[2];
-    v_uint32 blue[2];
+    v_uint32 tops[2];
+    v_uint32 bottoms[2];
     for (int i = 0; i < 2; ++i) {
       const Column rx = 2 * x + Column{i} * kLanes;
       Prefetch(span.ahead[0] + rx);
@@ -260,11 +270,11 @@ void Split(const SplitSpan& span) {
           greens + Second(Pairs(span.raw[2] + rx + 1)) + Second(Pairs(span.raw[3] + rx));
       cv::v_store(span.g[0] + rx, WithFirst(top, cv::v_shr<2>(at_red)));
       cv::v_store(span.g[1] + rx, WithSecond(bottom, cv::v_shr<2>(at_blue)));
-      red[i] = First(top);
-      blue[i] = Second(bottom);
+      tops[i] = top;
+      bottoms[i] = bottom;
     }
-    cv::v_store(span.r + x, cv::v_pack(red[0], red[1]));
-    cv::v_store(span.b + x, cv::v_pack(blue[0], blue[1]));
+    cv::v_store(span.r + x, PackSecond(cv::v_shl<16>(tops[0]), cv::v_shl<16>(tops[1])));
+    cv::v_store(span.b + x, PackSecond(bottoms[0], bottoms[1]));
   });
 }
 
@@ -285,18 +295,15 @@ void Stream(Sample* to, const Sample* from, std::size_t samples) {
   // Whole lines of the cache, so that none is written in two ways.
   constexpr std::size_t kLine = 64;
   static_assert(kLine % (kLanes * sizeof(Sample)) == 0, "a line holds whole vectors");
-  std::size_t i = 0;
-  for (; i < samples && reinterpret_cast<std::uintptr_t>(to + i) % kLine != 0; ++i) {
-    to[i] = from[i];
-  }
+  const std::size_t skipped = (0 - reinterpret_cast<std::uintptr_t>(to)) % kLine / sizeof(Sample);
+  std::size_t i = skipped < samples ? skipped : samples;
+  std::memcpy(to, from, i * sizeof(Sample));
   for (; i + kLine / sizeof(Sample) <= samples; i += kLine / sizeof(Sample)) {
     for (std::size_t j = 0; j < kLine / sizeof(Sample); j += kLanes) {
       cv::v_store_aligned_nocache(to + i + j, Load(from + i + j));
     }
   }
-  for (; i < samples; ++i) {
-    to[i] = from[i];
-  }
+  std::memcpy(to + i, from + i, (samples - i) * sizeof(Sample));
 }
 
 void FinishStreaming() {
