@@ -113,7 +113,7 @@ void forEachVectorSet(const Body& body) {
 
 /// Restores what a test forces upon the whole process.
 struct DisFlow : ::testing::Test {
-  ~DisFlow() override {
+  void TearDown() override {
     kernels::forceKernels(nullptr);
     cv::setNumThreads(threads_before);
   }
