@@ -118,6 +118,7 @@ foreach(module libavformat libavcodec libavutil)
   motrace_debian_dev_dependency(dev_dependencies ${module} SAME_MAJOR)
 endforeach()
 motrace_debian_dev_dependency(dev_dependencies libevent_core)
+motrace_debian_dev_dependency(dev_dependencies libcurl)
 list(JOIN dev_dependencies ", " dev_dependencies)
 
 set(MOTRACE_MAINTAINER "motrace maintainers <maintainers@motrace.invalid>"

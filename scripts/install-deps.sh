@@ -8,7 +8,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config
   libavformat-dev libavcodec-dev libavutil-dev
-  libevent-dev libboost-filesystem-dev
+  libevent-dev libcurl4-openssl-dev libboost-filesystem-dev
   libcli11-dev libexpat1-dev libfmt-dev nlohmann-json3-dev libjs-dygraphs
 )
 case "${1:-all}" in

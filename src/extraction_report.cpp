@@ -5,6 +5,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "av_toolbox/address.h"
 #include "av_toolbox/ffmpeg_util.h"
 
 namespace lum::vela {
@@ -54,7 +55,10 @@ class Report {
  public:
   Report(const std::string& source_path, const FileMediaSrc& source,
          const CammProcessedFilter& filter)
-      : input_(Quoted(source_path)), source_(source), filter_(filter), tally_(filter.tally()) {}
+      : input_(Quoted(ShownName(source_path))),
+        source_(source),
+        filter_(filter),
+        tally_(filter.tally()) {}
 
   std::vector<std::string> Lines() {
     if (source_.open_result() != 0) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "av_toolbox/address.h"
 #include "av_toolbox/ffmpeg_util.h"
 #include "base/log_sites.h"
 #include "camm_processed_filter.h"
@@ -62,13 +63,13 @@ int main(int argc, char** argv) {
     return -1;
   }
   try {
-    const ProcessGuard guard("motrace: the extraction of " + Quoted(argv[1]) +
+    const ProcessGuard guard("motrace: the extraction of " + Quoted(lum::ShownName(argv[1])) +
                              " was cut short: the files in " + Quoted(argv[2]) +
                              " are not whole\n");
     ParseMotion(argv[1], argv[2]);
   } catch (const std::exception& e) {  // out of memory or of threads
-    std::cerr << "motrace: the extraction of " << Quoted(argv[1]) << " failed: " << e.what()
-              << '\n';
+    std::cerr << "motrace: the extraction of " << Quoted(lum::ShownName(argv[1]))
+              << " failed: " << e.what() << '\n';
   }
   return 0;
 }

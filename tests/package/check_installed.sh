@@ -44,7 +44,7 @@ depends() {
   [[ $list =~ $2 ]] || { echo "dependencies of $1: $list"; exit 1; }
 }
 depends motrace 'libavformat59.*libc6 \(>= .*libevent-core-2\.1-7'
-depends libqvxmedia-dev 'libavcodec-dev \(>= .*libevent-dev \(>= .*pkg-config|pkgconf'
+depends libqvxmedia-dev 'libavcodec-dev \(>= .*libevent-dev \(>= .*libcurl4-openssl-dev \(>= .*pkg-config|pkgconf'
 if command -v lintian >/dev/null; then
   lintian --fail-on error --suppress-tags bad-distribution-in-changes-file packages/*.deb
 fi

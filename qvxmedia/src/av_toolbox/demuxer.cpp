@@ -1,15 +1,16 @@
 #include "av_toolbox/demuxer.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <optional>
 #include <utility>
 
+#include "av_toolbox/address.h"
 #include "av_toolbox/byte_input.h"
 #include "av_toolbox/ffmpeg_util.h"
+#include "av_toolbox/mp4_boxes.h"
 #include "av_toolbox/reading_plan.h"
+#include "av_toolbox/remote_file.h"
 #include "base/log_sites.h"
 
 namespace lum {
@@ -17,15 +18,6 @@ namespace {
 
 constexpr uint8_t kAvcConfigurationVersion = 1;  // first byte of an avcC record, ISO/IEC 14496-15
 constexpr AVRational kMilliseconds{1, 1000};
-
-// Whether `name` is an address (RFC 3986, with an authority) that no file has for its name.
-bool IsAddress(const std::string& name) {
-  constexpr char kSchemeCharacters[] =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+-.";
-  const size_t end = name.find_first_not_of(kSchemeCharacters);
-  return end != std::string::npos && end > 0 && name.compare(end, 3, "://") == 0 &&
-         access(name.c_str(), F_OK) != 0;
-}
 
 // Whether a format claims inputs by their name alone ("rtsp:", numbered pictures), so that FFmpeg
 // would not ask for a file of that name.
@@ -124,8 +116,10 @@ int Demuxer::OpenInput(AVDictionary** options, const std::shared_ptr<IOSource>& 
   }
   // Replaces FFmpeg's default flags; nothing else is to be set.
   format_ctx_->flags = compat::kFormatFlagKeepSideData;
-  if (!io_source && IsClaimedByName(url_) && !IsAddress(url_)) {
-    if (const int ret = OpenFile(); ret != 0) return ret;
+  if (!io_source && IsWebAddress(url_)) {
+    if (const int ret = OpenRemoteFile(); ret != 0) return ret;
+  } else if (!io_source && IsClaimedByName(url_) && !IsAddress(url_)) {
+    if (const int ret = OpenLocalFile(); ret != 0) return ret;
   }
 
   int ret = avformat_open_input(&format_ctx_, url_.c_str(), nullptr, options);
@@ -133,9 +127,7 @@ int Demuxer::OpenInput(AVDictionary** options, const std::shared_ptr<IOSource>& 
   problem_ = Refusal();
   // What is refused may have been opened, without what it wanted.
   if (ret == 0 && !problem_.empty()) ret = AVERROR_INVALIDDATA;
-  if (ret != 0 && problem_.empty() && input_ && input_->read_error() != 0) {
-    problem_ = FFmpegErrorString(input_->read_error());  // FFmpeg calls it the end of the file
-  }
+  if (ret != 0 && problem_.empty() && input_) problem_ = input_->Problem();
   if (ret == 0 && input_ && (format_ctx_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0) {
     input_->guard().HeaderIsRead();
   }
@@ -143,11 +135,23 @@ int Demuxer::OpenInput(AVDictionary** options, const std::shared_ptr<IOSource>& 
 }
 
 // The file that the input is named after, whatever protocol FFmpeg would take the name for.
-int Demuxer::OpenFile() {
+int Demuxer::OpenLocalFile() {
   int error = 0;
-  auto file = ByteInput::OpenFile(url_, error);
-  if (file != nullptr) Attach(std::move(file));
+  auto file = OpenFile(url_, error);
+  if (file != nullptr) Attach(std::make_unique<ByteInput>(std::move(file)));
   return error;
+}
+
+// What a web server has, in parts; FFmpeg would read one after the other, and what lies between.
+int Demuxer::OpenRemoteFile() {
+  auto file = std::make_shared<RemoteFile>(url_);
+  if (const int error = file->Open(); error != 0) {
+    problem_ = file->Problem();
+    return error;
+  }
+  Attach(std::make_unique<ByteInput>(file));
+  PrefetchMovie(*input_, file->Size());
+  return 0;
 }
 
 void Demuxer::Attach(std::unique_ptr<ByteInput> input) {
@@ -171,7 +175,7 @@ int Demuxer::OpenForFFmpeg(AVFormatContext* format, AVIOContext** io, const char
     ret = self->ffmpegs_open_(format, io, url, flags, options);
     if (ret >= 0) AllowNoProtocol(format);
   } else {
-    ret = self->OpenFile();
+    ret = self->OpenLocalFile();
     *io = format->pb;
   }
   return ret;
@@ -212,6 +216,7 @@ int Demuxer::ReadFrame(QVXPacket& packet) {
   const int ret = av_read_frame(format_ctx_, &packet);
   if (ret != 0) {
     if (problem_.empty()) problem_ = Refusal();
+    if (problem_.empty() && ret != AVERROR_EOF && input_) problem_ = input_->Problem();
     return ret;
   }
   const auto stream = static_cast<size_t>(packet.stream_index);

@@ -32,8 +32,9 @@ class Demuxer {
  public:
   using Options = std::map<std::string, std::string>;
 
-  /// @param url name of a file, whatever it looks like; where there is none, "scheme://…" is an
-  ///   address that FFmpeg opens.
+  /// @param url name of a file, whatever it looks like. Where there is none, "http://…" and
+  ///   "https://…" are read in parts (the server must have ranges), and any other "scheme://…" is
+  ///   an address that FFmpeg opens.
   explicit Demuxer(std::string url);
   ~Demuxer();
   Demuxer(const Demuxer&) = delete;
@@ -99,7 +100,8 @@ class Demuxer {
   [[nodiscard]] AVStream* StreamAt(int index) const;
   [[nodiscard]] int64_t DurationMs(int index) const;
   int OpenInput(AVDictionary** options, const std::shared_ptr<IOSource>& io_source);
-  int OpenFile();
+  int OpenLocalFile();
+  int OpenRemoteFile();
   void Attach(std::unique_ptr<ByteInput> input);
   static int OpenForFFmpeg(AVFormatContext* format, AVIOContext** io, const char* url, int flags,
                            AVDictionary** options);
@@ -119,7 +121,7 @@ class Demuxer {
   AVFormatContext* format_ctx_ = nullptr;
   decltype(AVFormatContext::io_open) ffmpegs_open_ = nullptr;
   bool input_given_ = false;          // FFmpeg has what it is to read
-  std::unique_ptr<ByteInput> input_;  // null for an address
+  std::unique_ptr<ByteInput> input_;  // null where FFmpeg opens an address
   std::string problem_;
   std::shared_ptr<BSFFilter> bsf_;
 

@@ -163,4 +163,12 @@ bool IsPlainTrack(const ByteInput& input, int64_t size, uint32_t track_id) {
          movies == 1 && tracks == 1;
 }
 
+void PrefetchMovie(const ByteInput& input, int64_t size) {
+  Boxes(input).All(0, size, [&](const Box& box) {
+    if (box.type != "moov") return Contains(kTopLevel, box.type);
+    input.Prefetch(box.begin, static_cast<size_t>(box.end - box.begin));
+    return false;
+  });
+}
+
 }  // namespace lum

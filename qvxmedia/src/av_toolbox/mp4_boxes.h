@@ -14,10 +14,14 @@ namespace lum {
 /// unknown or too large to look at makes it false.
 ///
 /// The boxes are those of ISO/IEC 14496-12 and the QuickTime File Format.
-/// @param input a file.
-/// @param size of the file, bytes.
+/// @param input one that can be read by place.
+/// @param size of the input, bytes.
 /// @param track_id as the track's header gives it.
 bool IsPlainTrack(const ByteInput& input, int64_t size, uint32_t track_id);
+
+/// Has the `moov` box of an MP4 fetched, wherever it stands, since that is what will be read first.
+/// Nothing happens where the input's beginning is no row of an MP4's usual boxes.
+void PrefetchMovie(const ByteInput& input, int64_t size);
 
 }  // namespace lum
 

@@ -11,7 +11,7 @@ namespace lum {
 namespace {
 
 constexpr int kLargestRange = 64 * 1024;  // bytes
-constexpr size_t kRangesAhead = 8;
+constexpr size_t kRangesAhead = 64;
 
 // Beyond it lie FFmpeg's marks for times that are unknown or relative.
 constexpr int64_t kLatestTime = int64_t{1} << 55;
@@ -110,11 +110,13 @@ ReadingPlan::Range ReadingPlan::RangeFrom(int sample) const {
 
 bool ReadingPlan::ReadRange() {
   if (!ranges_.empty()) ranges_.pop_front();
-  while (ranges_.size() <= kRangesAhead) {
+  const bool refilling = ranges_.size() < kRangesAhead / 2;
+  // Many at a time: whoever fetches them may then join what lies close together.
+  while (refilling && ranges_.size() < kRangesAhead) {
     const int begin = ranges_.empty() ? next_ : ranges_.back().end;
     if (begin == count_) break;
     ranges_.push_back(RangeFrom(begin));
-    if (ranges_.size() > 1) input_.Prefetch(ranges_.back().position, ranges_.back().size);
+    input_.Prefetch(ranges_.back().position, ranges_.back().size);
   }
   bytes_.resize(std::max(bytes_.size(), ranges_.front().size));
   used_ = 0;

@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "av_toolbox/address.h"
 #include "av_toolbox/codec_util.h"
 #include "av_toolbox/time_util.h"
 #include "base/log_sites.h"
@@ -46,7 +47,7 @@ int64_t StreamDurationMs(const AVStream& stream) {
 }  // namespace
 
 FileMediaSrc::FileMediaSrc(std::string url)
-    : url_(std::move(url)), pacer_(std::make_unique<Pacer>()) {}
+    : url_(std::move(url)), shown_url_(ShownName(url_)), pacer_(std::make_unique<Pacer>()) {}
 
 FileMediaSrc::~FileMediaSrc() {
   LUM_CHECK(dispatcher_ == nullptr)
@@ -126,7 +127,7 @@ void FileMediaSrc::Start() {
   if (dispatcher_ != nullptr) return;
   if (Released()) phase_ = Phase::kNew;  // reported as not prepared
   const auto dispatcher = std::make_shared<EventDispatcher>();
-  dispatcher->SetName(url_);
+  dispatcher->SetName(shown_url_);
   dispatcher->Run();
   dispatcher_ = dispatcher;
   read_event_ = MakeEvent(kSrcEventRead, shared_from_this(), dispatcher_);
@@ -163,7 +164,7 @@ void FileMediaSrc::Close() {
   if (dispatcher_ == nullptr) return;  // never started, or stopped: no thread to close on
   pacer_->End();
   PostAndWait(MakeEvent(kSrcEventClose, shared_from_this(), dispatcher_));
-  LUM_LOG_AT(kVerbose, site::kSrcClosed) << "file_media_src:" << url_ << " closed.";
+  LUM_LOG_AT(kVerbose, site::kSrcClosed) << "file_media_src:" << shown_url_ << " closed.";
 }
 
 void FileMediaSrc::Stop() {
@@ -179,7 +180,7 @@ void FileMediaSrc::Stop() {
   for (Track& t : tracks_) t.open = false;  // no consumer is called any more
   packet_.reset();
   ForgetInput();
-  LUM_LOG_AT(kVerbose, site::kSrcReleased) << "file_media_src:" << url_ << " released.";
+  LUM_LOG_AT(kVerbose, site::kSrcReleased) << "file_media_src:" << shown_url_ << " released.";
 }
 
 void FileMediaSrc::PostToSelf(SrcEvent what) {
@@ -464,7 +465,7 @@ void FileMediaSrc::PerformFailed() {
 
 void FileMediaSrc::PerformOnEnd() {
   if (phase_ == Phase::kClosed) return;
-  LUM_LOG_AT(kVerbose, site::kSrcOnEnd) << url_ << " on end.";
+  LUM_LOG_AT(kVerbose, site::kSrcOnEnd) << shown_url_ << " on end.";
   for (Track& t : tracks_) {
     if (!t.active()) continue;
     t.info.ended = true;

@@ -177,6 +177,7 @@ class FileMediaSrc : public MediaSrc,
   int64_t EstimateEndMs();
 
   std::string url_;
+  std::string shown_url_;  // without what is secret in an address
   std::vector<Range> ranges_;
   bool paced_ = false;
   bool add_silent_audio_ = false;
