@@ -5,7 +5,12 @@
   const data = JSON.parse(document.getElementById("data").textContent);
   const body = document.getElementById("body");
   const css = (name) => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
-  const bytes = (text) => Uint8Array.from(atob(text), (c) => c.charCodeAt(0)).buffer;
+  function bytes(text) {
+    const characters = atob(text);
+    const values = new Uint8Array(characters.length);
+    for (let i = 0; i < values.length; ++i) values[i] = characters.charCodeAt(i);
+    return values.buffer;
+  }
   const seconds = (t) => `${t.toFixed(3)} s`;
   const number = (v) => (v === null || !Number.isFinite(v) ? "–" : Number(v.toPrecision(6)).toString());
 
@@ -57,7 +62,7 @@
     return low;
   }
 
-  const mostRows = 4000;
+  const mostRows = 2048;
   function rowsFor(levels, window) {
     const rows = [];
     const take = (level, from, to) => {
@@ -74,32 +79,42 @@
     return rows;
   }
 
-  // --- One window for all charts.
+  // --- One window for all charts. Those in sight are drawn once a frame, others when they come into sight.
 
   const whole = data.span;
   let window_ = [...whole];
-  let following = false;
-  let refining = 0;
-  const graphs = [];
+  let due = 0;
+  let drawing = false;
+  const charts = [];
   const shown = make("output", { "aria-live": "polite" });
+  const showWindow = () => { shown.textContent = `${seconds(window_[0])} to ${seconds(window_[1])}`; };
 
   function setWindow(from, to) {
     const length = Math.min(Math.max(to - from, (whole[1] - whole[0]) * 1e-6), whole[1] - whole[0]);
     const start = Math.min(Math.max(from, whole[0]), whole[1] - length);
     window_ = [start, start + length];
-    shown.textContent = `${seconds(window_[0])} to ${seconds(window_[1])}`;
-    following = true;
-    for (const { graph } of graphs) graph.updateOptions({ dateWindow: window_ });
-    following = false;
-    clearTimeout(refining);
-    refining = setTimeout(refine, 80);
+    showWindow();
+    for (const chart of charts) chart.stale = true;
+    due ||= requestAnimationFrame(() => {
+      due = 0;
+      charts.filter((chart) => chart.inSight).forEach(redraw);
+    });
   }
 
-  function refine() {
-    following = true;
-    for (const { graph, levels } of graphs) graph.updateOptions({ file: rowsFor(levels, window_), dateWindow: window_ });
-    following = false;
+  function redraw(chart) {
+    if (!chart.stale) return;
+    chart.stale = false;
+    drawing = true;
+    chart.graph.updateOptions({ file: rowsFor(chart.levels, window_), dateWindow: window_ });
+    drawing = false;
   }
+
+  const sight = new IntersectionObserver((entries) => {
+    for (const { target, isIntersecting } of entries) {
+      target.chart.inSight = isIntersecting;
+      if (isIntersecting) redraw(target.chart);
+    }
+  });
 
   function zoom(factor, centre = (window_[0] + window_[1]) / 2) {
     setWindow(centre - (centre - window_[0]) * factor, centre + (window_[1] - centre) * factor);
@@ -108,7 +123,7 @@
   const keys = { ArrowLeft: () => pan(-0.2), ArrowRight: () => pan(0.2), "+": () => zoom(0.5), "-": () => zoom(2), Home: () => setWindow(...whole) };
 
   function showTime(t, except) {
-    for (const { graph } of graphs) {
+    for (const { graph } of charts) {
       if (graph === except) continue;
       let [low, high] = [0, graph.numRows()];
       while (low < high) {
@@ -118,6 +133,37 @@
       }
       if (low < graph.numRows()) graph.setSelection(low);
     }
+  }
+
+  // A column from the least to the greatest value of each span, and a line between their middles. Plain
+  // rectangles where spans are narrow: a path of as many takes seconds.
+  function drawSpans(plot) {
+    const { points, plotArea, drawingContext: context } = plot;
+    if (points.length < 2) return Dygraph.Plotters.linePlotter(plot);
+    const spacing = (points[points.length - 1].canvasx - points[0].canvasx) / (points.length - 1);
+    let [left, top, bottom, middle, before] = [-Infinity, Infinity, -Infinity, NaN, NaN];
+    const drawUpTo = (right) => {
+      if (right <= left) return;
+      const fill = (from, to, more) => context.fillRect(left, plotArea.y + plotArea.h * from - more, right - left, plotArea.h * (to - from) + 2 * more);
+      if (bottom >= top) {
+        context.globalAlpha = 0.35;
+        fill(top, bottom, 0);
+        context.globalAlpha = 1;
+        if (Number.isNaN(before)) before = middle;
+        if (spacing < 2) fill(Math.min(before, middle), Math.max(before, middle), 0.5);
+      }
+      [left, top, bottom, before] = [right, Infinity, -Infinity, middle];
+    };
+    context.fillStyle = plot.color;
+    for (const point of points) {
+      drawUpTo(Math.round(point.canvasx - spacing / 2));
+      middle = point.y;
+      if (Number.isNaN(middle)) continue;
+      top = Math.min(top, point.y_top, point.y_bottom);
+      bottom = Math.max(bottom, point.y_top, point.y_bottom);
+    }
+    drawUpTo(Math.round(points[points.length - 1].canvasx + spacing / 2));
+    if (spacing >= 2) Dygraph.Plotters.linePlotter(plot);
   }
 
   const colours = (count) => ["--x", "--y", "--z"].slice(0, count).map(css);
@@ -136,24 +182,25 @@
     const place = make("div", { class: "chart", id: `chart-${chart.id}`, tabindex: "0", role: "img", "aria-label": `${chart.title} over time, ${chart.summary}. Arrow keys move, plus and minus zoom, Home shows all.` });
     section(`${chart.title} (${chart.unit})`, legend, place);
     const graph = new Dygraph(place, rowsFor(levels, window_), {
-      labels: ["time", ...chart.labels], customBars: true, labelsDiv: legend, legend: "always", colors: colours(chart.labels.length), fillAlpha: 0.35, strokeWidth: 1, digitsAfterDecimal: 4,
+      labels: ["time", ...chart.labels], customBars: true, labelsDiv: legend, legend: "always", colors: colours(chart.labels.length), plotter: drawSpans, strokeWidth: 1, digitsAfterDecimal: 4,
       showRangeSelector: true, rangeSelectorHeight: 24, dateWindow: window_, gridLineColor: css("--line"), axisLineColor: css("--line"), labelsKMB: false,
       axes: { x: { valueFormatter: seconds, axisLabelFormatter: (t) => number(t) }, y: { valueFormatter: number, axisLabelWidth: 60 } },
       underlayCallback: drawMarks,
       drawCallback: (drawn) => {
         const [from, to] = drawn.xAxisRange();
-        if (!following && (from !== window_[0] || to !== window_[1])) setWindow(from, to);
+        if (!drawing && !place.chart?.stale && (from !== window_[0] || to !== window_[1])) setWindow(from, to);
       },
       highlightCallback: (event, t) => { showTime(t, graph); moveCursor(t); },
-      unhighlightCallback: () => { for (const other of graphs) if (other.graph !== graph) other.graph.clearSelection(); },
+      unhighlightCallback: () => { for (const other of charts) if (other.graph !== graph) other.graph.clearSelection(); },
     });
     place.addEventListener("keydown", (event) => {
       if (!keys[event.key]) return;
       event.preventDefault();
       keys[event.key]();
     });
-    place.dygraph = graph;
-    graphs.push({ graph, levels });
+    place.chart = { graph, levels, stale: false, inSight: false };
+    charts.push(place.chart);
+    sight.observe(place);
   }
 
   // --- The way, to scale: metres around its middle.
@@ -250,11 +297,11 @@
       tool("−", "Zoom out", () => zoom(2)), tool("+", "Zoom in", () => zoom(0.5)), tool("◀", "Earlier", () => pan(-0.2)), tool("▶", "Later", () => pan(0.2)),
       tool("All", "Whole recording", () => setWindow(...whole)), shown));
     data.charts.forEach(drawChart);
-    setWindow(...whole);
+    showWindow();
   }
   drawTrack(data.track);
   matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => {
-    for (const { graph } of graphs) graph.updateOptions({ colors: colours(graph.numColumns() - 1), gridLineColor: css("--line"), axisLineColor: css("--line") });
+    for (const { graph } of charts) graph.updateOptions({ colors: colours(graph.numColumns() - 1), gridLineColor: css("--line"), axisLineColor: css("--line") });
   });
-  addEventListener("beforeprint", () => graphs.forEach(({ graph }) => graph.resize()));
+  addEventListener("beforeprint", () => charts.forEach((chart) => { redraw(chart); chart.graph.resize(); }));
 })();
