@@ -9,6 +9,17 @@
 #include "base/log_sites.h"
 
 namespace lum {
+namespace {
+
+// Apart from the callback, which FFmpeg calls for every message of every level: its buffer would be
+// guarded each time.
+[[gnu::noinline]] void RecordMessage(const char* format, va_list arguments) {
+  std::array<char, 1024> text{};
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  LUM_LOG_AT(kError, site::kFFmpegMessage) << "FFmpeg:" << text.data();
+}
+
+}  // namespace
 
 void InitFFmpeg() {
   static std::once_flag once;
@@ -21,10 +32,7 @@ void InitFFmpeg() {
 }
 
 void FFmpegLogCallback(void* /*context*/, int level, const char* format, va_list arguments) {
-  if (level > AV_LOG_ERROR) return;
-  std::array<char, 1024> text{};
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  LUM_LOG_AT(kError, site::kFFmpegMessage) << "FFmpeg:" << text.data();
+  if (level <= AV_LOG_ERROR) RecordMessage(format, arguments);
 }
 
 std::string FFmpegErrorString(int code) {
