@@ -1,4 +1,5 @@
-#pragma once
+#ifndef MOTRACE_BENCH_FLOW_IO_H_
+#define MOTRACE_BENCH_FLOW_IO_H_
 
 /// Reads the small formats of the flow benchmarks. Every function throws `std::runtime_error` with
 /// the path for a file that is missing or of another kind.
@@ -31,3 +32,5 @@ struct FlowPair {
 std::vector<FlowPair> readPairs(const std::string& folder);
 
 }  // namespace lum_bench
+
+#endif  // MOTRACE_BENCH_FLOW_IO_H_

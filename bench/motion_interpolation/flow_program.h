@@ -1,4 +1,5 @@
-#pragma once
+#ifndef MOTRACE_BENCH_FLOW_PROGRAM_H_
+#define MOTRACE_BENCH_FLOW_PROGRAM_H_
 
 /// What the programs here share: their `main`.
 
@@ -31,3 +32,5 @@ int runProgram(int argc, char** argv, const char* help, const Body& body) {
 }
 
 }  // namespace lum_bench
+
+#endif  // MOTRACE_BENCH_FLOW_PROGRAM_H_

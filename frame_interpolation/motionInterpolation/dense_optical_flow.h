@@ -1,4 +1,5 @@
-#pragma once
+#ifndef MOTION_INTERPOLATION_DENSE_OPTICAL_FLOW_H_
+#define MOTION_INTERPOLATION_DENSE_OPTICAL_FLOW_H_
 
 /// `cv::DenseOpticalFlow`, from OpenCV's tracking header where that is installed. That header
 /// belongs to OpenCV's video package; where only core and imgproc are present, the same interface
@@ -32,3 +33,5 @@ class DenseOpticalFlow : public Algorithm {
 }  // namespace cv
 
 #endif
+
+#endif  // MOTION_INTERPOLATION_DENSE_OPTICAL_FLOW_H_

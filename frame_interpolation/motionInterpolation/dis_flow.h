@@ -1,4 +1,5 @@
-#pragma once
+#ifndef MOTION_INTERPOLATION_DIS_FLOW_H_
+#define MOTION_INTERPOLATION_DIS_FLOW_H_
 
 #include <opencv2/core.hpp>
 #include <vector>
@@ -175,3 +176,5 @@ class DISOpticalFlowImpl : public DISOpticalFlow {
 };
 
 }  // namespace cv::optflow::lum
+
+#endif  // MOTION_INTERPOLATION_DIS_FLOW_H_

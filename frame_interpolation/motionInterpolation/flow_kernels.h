@@ -1,4 +1,5 @@
-#pragma once
+#ifndef MOTION_INTERPOLATION_FLOW_KERNELS_H_
+#define MOTION_INTERPOLATION_FLOW_KERNELS_H_
 
 /// Internal: the inner loops of flow search and refinement, compiled once per instruction set.
 ///
@@ -154,3 +155,5 @@ void forceKernels(const Kernels* kernels);
 const Kernels* const* supportedKernels();
 
 }  // namespace cv::optflow::lum::kernels
+
+#endif  // MOTION_INTERPOLATION_FLOW_KERNELS_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef MOTION_INTERPOLATION_HUGE_PAGES_H_
+#define MOTION_INTERPOLATION_HUGE_PAGES_H_
 
 /// Internal: memory of large frames.
 
@@ -28,3 +29,5 @@ inline void adviseHugePages(const Mat& mat) {
 }
 
 }  // namespace cv::optflow::lum
+
+#endif  // MOTION_INTERPOLATION_HUGE_PAGES_H_

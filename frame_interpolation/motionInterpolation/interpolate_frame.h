@@ -1,4 +1,5 @@
-#pragma once
+#ifndef MOTION_INTERPOLATION_INTERPOLATE_FRAME_H_
+#define MOTION_INTERPOLATION_INTERPOLATE_FRAME_H_
 
 #include <opencv2/core.hpp>
 
@@ -32,3 +33,5 @@ void InterpolateFrame(cv::InputArray first, cv::InputArray second, double time,
                       cv::InputArray backward = cv::noArray());
 
 }  // namespace lum
+
+#endif  // MOTION_INTERPOLATION_INTERPOLATE_FRAME_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef MOTION_INTERPOLATION_VARIATIONAL_REFINEMENT_H_
+#define MOTION_INTERPOLATION_VARIATIONAL_REFINEMENT_H_
 
 #include <atomic>
 #include <opencv2/core.hpp>
@@ -105,3 +106,5 @@ class VariationalRefinement {
 };
 
 }  // namespace cv::optflow::lum
+
+#endif  // MOTION_INTERPOLATION_VARIATIONAL_REFINEMENT_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef RAW_BAYER_TESTS_FAKE_CUDA_RUNTIME_H_
+#define RAW_BAYER_TESTS_FAKE_CUDA_RUNTIME_H_
 
 // As much of the CUDA runtime as the kernels' source needs, on this processor: device memory is
 // host memory with wide rows, a kernel runs thread after thread.
@@ -84,3 +85,5 @@ cudaError_t cudaLaunchKernel(void (*kernel)(P...), dim3 grid, dim3 block, void**
   }
   return Attempt();
 }
+
+#endif  // RAW_BAYER_TESTS_FAKE_CUDA_RUNTIME_H_
