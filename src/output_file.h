@@ -35,7 +35,7 @@ class OutputFile {
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
 
-  /// Creates or truncates the file. A pipe that nobody reads is an error instead of a wait.
+  /// Creates or truncates the file. A pipe without a reader is an error instead of a wait.
   /// @param keep a file that is left as it is: when `path` leads to it, that is an error.
   /// @return false on failure.
   bool Open(const std::string& path, const std::optional<FileId>& keep = std::nullopt);

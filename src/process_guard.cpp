@@ -85,7 +85,7 @@ void SayLastWords() {
   } catch (const std::system_error&) {
     SayLastWords();
     _exit(EXIT_FAILURE);
-  } catch (...) {  // a fault of the program: whoever looks for it wants the core
+  } catch (...) {  // a fault of the program: looking for it needs the core
   }
   SayLastWords();
   if (previous_terminate != nullptr) previous_terminate();

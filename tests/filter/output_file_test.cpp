@@ -53,7 +53,7 @@ TEST(OutputFileTest, TheFirstFailureStays) {
     int error;
   } cases[] = {{dir / "folder", EISDIR},
                {dir / "missing" / "file", ENOENT},
-               {dir / "pipe", ENXIO},  // that nobody reads
+               {dir / "pipe", ENXIO},  // without a reader
                {dir / "link", OutputFile::kIsKept},
                {dir / "same", OutputFile::kIsKept}};
   for (const auto& c : cases) {

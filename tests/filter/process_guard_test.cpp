@@ -1,8 +1,12 @@
 #include "process_guard.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <system_error>
@@ -15,7 +19,7 @@ namespace {
 
 constexpr const char* kWords = "the files are not whole";
 
-// An exception that leaves a thread is one that nobody can catch.
+// An exception that leaves a thread cannot be caught.
 template <typename Exception>
 void LeaveAThreadWith(const Exception& e) {
   const ProcessGuard guard(kWords);
@@ -45,6 +49,25 @@ TEST(ProcessGuardDeathTest, AProcessThatEndsEarlySaysSo) {
       },
       testing::ExitedWithCode(0), "^$");
 }
+
+// Sanitizers map more addresses than such a limit leaves, and have a heap of their own.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST(ProcessGuardDeathTest, UnderALimitOnAddressesAllThreadsShareOneHeap) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (const rlim_t limit : {rlim_t{1} << 40, RLIM_INFINITY}) {
+    const rlimit addresses{limit, RLIM_INFINITY};
+    EXPECT_EXIT(
+        {
+          setrlimit(RLIMIT_AS, &addresses);
+          const ProcessGuard guard(kWords);
+          bool shared = false;
+          std::thread([&] { shared = std::make_unique<char>().get() < sbrk(0); }).join();
+          std::_Exit(shared ? 1 : 2);
+        },
+        testing::ExitedWithCode(limit == RLIM_INFINITY ? 2 : 1), "");
+  }
+}
+#endif
 
 // The new-handler stands in for an allocation that fails.
 TEST(ProcessGuardTest, TheReserveIsGivenUpOnceAndKnown) {
