@@ -498,7 +498,7 @@ TEST_F(FileMediaSrcTest, AConsumerThatFailsEndsTheRunWithItsError) {
     int nth;
     Strings reports;
     const char* not_told = "nothing";
-  } cases[] = {{"start", "notify 1", 1, {"error"}, "data notify 1"},
+  } cases[] = {{"start", "notify 1", 1, {"error"}, "packet"},
                {"packet", "packet", 5, {"error"}, "notify 0"},
                {"silent frame", "packet", 3, {"error"}, "notify 0"},
                {"new range", "notify 2", 1, {"error"}, "data notify 2"},

@@ -189,6 +189,7 @@ TEST(MediaPipe, PreparesInOrderUpToTheFirstFailureAndStartsAllTheSame) {
 }
 
 TEST(MediaPipe, WithoutASourceItFailsToPrepareAndItsReleaseLeavesNoRecord) {
+  { const MediaPipe never_started; }  // needs no release
   auto pipe = std::make_shared<MediaPipe>();
   const LogCapture log;
   EXPECT_FALSE(pipe->Prepare());
@@ -241,11 +242,13 @@ TEST(MediaPipe, NoCancelComesBeforeTheStart) {
 
 // As when there is no thread to be had: it could not report a cancellation.
 TEST(MediaPipe, ASourceThatCannotBeStartedIsAnError) {
+  const LogCapture log;
   PipeRig rig(2);
   rig.srcs[1]->on_start = [] { throw 42; };
   rig.Start();
   ASSERT_TRUE(rig.outcomes.WaitFor(1));
   EXPECT_THAT(rig.outcomes.Entries(), ElementsAre("error -1"));
+  EXPECT_THAT(log.Text(), ::testing::HasSubstr("]a source could not be started: "));
   EXPECT_EQ(rig.pipe->state(), kError);
   EXPECT_EQ(rig.srcs[0]->closes, 1);
 }
