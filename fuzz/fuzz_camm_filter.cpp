@@ -84,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     at += 4;
     const size_t length = std::min(wanted, size - at);
     auto packet = lum::NewPacket();
-    // Of exactly the payload's length, so that a read behind it is seen.
+    // Of exactly the payload's length, so that a read past it is seen.
     packet->buf = av_buffer_alloc(std::max<size_t>(length, 1));
     packet->data = packet->buf->data;
     packet->size = static_cast<int>(length);

@@ -39,7 +39,7 @@ enum Option : uint8_t {
   kEveryStream = 8,  // consumers for video and audio too
   kCancel = 16,      // while reading
   kRefuse = 32,      // a consumer refuses a packet
-  kReadAll = 64,     // also the streams that nobody consumes
+  kReadAll = 64,     // also the streams without a consumer
 };
 
 /// Counts packets, and ends the run early where it is told to.
@@ -85,7 +85,7 @@ Bytes ReadOutput(const std::string& name) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Compares with a plain reading of the same bytes. Where streams are skipped that nobody consumes,
+// Compares with a plain reading of the same bytes. Where streams without a consumer are skipped,
 // their damage stops nothing: then more may have been written, but it must begin in the same way.
 void CompareWithPlainReading(const uint8_t* data, size_t size, bool skipped_streams) {
   const std::filesystem::path path = Directory().parent_path() / "input";

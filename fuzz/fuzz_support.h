@@ -42,7 +42,7 @@ class ScratchDir {
   std::filesystem::path path_;
 };
 
-/// The log goes on being written, since some of its statements do work, but nobody needs to see it.
+/// The log goes on being written, since some of its statements do work, but need not be seen.
 inline void SilenceStandardOutput() {
   Require(std::freopen("/dev/null", "w", stdout) != nullptr, "standard output can be silenced");
 }

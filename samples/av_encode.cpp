@@ -75,7 +75,7 @@ void SetExtradata(AVCodecParameters* parameters, const Bytes& extradata) {
 }
 
 /// AVCDecoderConfigurationRecord (ISO/IEC 14496-15, 5.3.3.1) of a Main profile stream, from its SPS
-/// and PPS, each behind a size of four bytes. The record's own sizes have two.
+/// and PPS, each after a size of four bytes. The record's own sizes have two.
 Bytes ToAvcc(const Bytes& parameter_sets) {
   const auto sps = parameter_sets.begin() + 4;
   const auto pps = sps + parameter_sets.at(3) + 4;

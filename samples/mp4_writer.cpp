@@ -72,7 +72,7 @@ class Runs {
   std::vector<std::pair<std::uint32_t, std::uint32_t>> runs_;
 };
 
-/// A table of 32-bit numbers behind their count.
+/// A table of 32-bit numbers after their count.
 Bytes Table(const std::string& type, const Bytes& before, const std::vector<std::uint32_t>& all) {
   Bytes entries = U32(all.size());
   for (const std::uint32_t entry : all) Append(entries, entry, 4);

@@ -32,7 +32,7 @@ class Mp4Track {
   static Mp4Track Audio(const Bytes& audio_specific_config, int channels, std::uint32_t sample_rate,
                         std::uint32_t timescale);
   /// Any other track: `handler` and `sample_entry` are four-character codes. A "tmcd" (timecode)
-  /// entry is written whole, anything else gets an entry of 8 bytes behind its header.
+  /// entry is written whole, anything else gets an entry of 8 bytes after its header.
   static Mp4Track Data(const std::string& handler, const std::string& sample_entry,
                        std::uint32_t timescale);
   /// A Camera Motion Metadata track: handler "camm", sample entry "camm".
@@ -96,7 +96,7 @@ struct Mp4Layout {
   /// the tracks; 0 = one track after another, each as a single chunk.
   std::uint32_t interleave_ms = 500;
   /// Bytes of mdat before the first chunk that belong to no sample. They are a hole of the file, so
-  /// that offsets behind 4 GiB can be tested at no cost. Not used by kFragmented.
+  /// that offsets beyond 4 GiB can be tested at no cost. Not used by kFragmented.
   std::uint64_t leading_gap = 0;
 };
 

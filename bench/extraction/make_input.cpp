@@ -4,7 +4,7 @@
 // 60 Mbit/s H.264 at 60 frames a second and one motion track: 1 kHz gyroscope and accelerometer,
 // 60 Hz exposure, 10 Hz GPS, every sample a packet of its own (with --paired the two motion samples
 // of an instant share one), a chunk a second, or with --fragmented a fragment. The first second
-// holds real frames, so that probing finds what it looks for; behind it the pictures are holes of a
+// holds real frames, so that probing finds what it looks for; after it the pictures are holes of a
 // sparse file, which cost no disk and read back as zeros. With --mpegts it is a transport stream:
 // every byte is stored.
 
@@ -32,7 +32,7 @@ constexpr int kWidth = 640;
 constexpr int kHeight = 320;
 constexpr int kMotionRate = 1000;
 
-// The frame with a filler NAL unit behind it (type 12, ISO/IEC 14496-10), up to the frame size.
+// The frame with a filler NAL unit after it (type 12, ISO/IEC 14496-10), up to the frame size.
 Bytes Padded(const Bytes& frame) {
   constexpr size_t kLengthSize = 4;
   if (frame.size() + kLengthSize + 2 > kFrameBytes) return frame;

@@ -5,7 +5,7 @@ Fenced blocks, by their language:
   console  lines that begin with "$ " are run in a directory that holds out/, the sample's
            extraction; what stands below each must be its output. "..." on a line of its own stands
            for any lines.
-  python   is run there; a text block directly behind it must be its output.
+  python   is run there; a text block directly after it must be its output.
   hex      pairs of hexadecimal digits at the start of each line: bytes of the sample video.
   cpp      preceded by <!-- FILE: MARK -->: what FILE has between two lines "// [MARK]".
 """
@@ -23,7 +23,7 @@ root = Path(__file__).resolve().parents[2]
 
 
 def blocks():
-    """(line, language, text, comment before it, text block behind a python block or None)"""
+    """(line, language, text, comment before it, text block after a python block or None)"""
     text = document.read_text(encoding="utf-8")
     found = list(re.finditer(r"(?:<!-- (.*?) -->\n+)?^```(\w*)\n(.*?)^```$", text, re.M | re.S))
     for block, after in zip(found, found[1:] + [None]):

@@ -18,7 +18,7 @@ class MemorySource : public lum::IOSource {
   explicit MemorySource(Bytes content, bool seekable = true)
       : content_(std::move(content)), seekable_(seekable) {}
 
-  /// Reads that begin at or behind `offset` fail with FFmpeg's error `code`.
+  /// Reads that begin at or after `offset` fail with FFmpeg's error `code`.
   void FailFrom(int64_t offset, int code) {
     fail_from_ = offset;
     fail_code_ = code;

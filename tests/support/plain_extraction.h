@@ -31,7 +31,7 @@ struct PlainExtraction {
 /// What the packets of one data stream become.
 PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets);
 
-/// A double as gps.json shows it: 15 significant digits, ".0" behind what would look like an
+/// A double as gps.json shows it: 15 significant digits, ".0" after what would look like an
 /// integer, null for what JSON has no number for.
 std::string JsonNumber(double value);
 
