@@ -9,17 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "samples/av_encode.h"
-#include "samples/camera.h"
-#include "samples/camm_samples.h"
-#include "samples/mp4_writer.h"
+#include "support/samples.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-using namespace motrace::samples;  // NOLINT(google-build-using-namespace): one short program
-using motrace::testing::ReadFile;
-using motrace::testing::WriteFile;
+using namespace motrace::testing;  // NOLINT(google-build-using-namespace): one short program
 namespace fs = std::filesystem;
 
 const Vec3 kVector{0.5F, -1.25F, 9.75F};
@@ -103,14 +98,15 @@ void WriteContainerSeeds(const fs::path& directory) {
                                  std::move(motion)};
   };
 
-  WriteMp4(directory / "camera", camera(Motion(1000)));
+  const fs::path plain_video = directory / "no_motion";
+  MuxWithLibavformat(plain_video, "mp4", &video, &audio, nullptr);
+  WriteCamera(directory / "camera", Camera(1000, 3), plain_video);
   WriteMp4(directory / "camera_moov_first", camera(Motion(90000)), first);
   WriteMp4(directory / "camera_fragmented", camera(Motion(1000)), fragmented);
-  WriteMp4(directory / "motion", {Motion(1000)});
+  WriteCamera(directory / "motion", Camera(1000, 3));
   WriteMp4(directory / "motion_first", {Motion(48000), ToMp4Track(video, 90000)}, first);
   WriteMp4(directory / "nanoseconds", camera(std::move(strange)));
   WriteMp4(directory / "edit_list", {edited}, first);
-  WriteMp4(directory / "no_motion", {ToMp4Track(video, 90000)});
   WriteMp4(directory / "timecode_too", {Mp4Track::Data("tmcd", "tmcd", 30000), Motion(1000)});
   MuxWithLibavformat(directory / "matroska", "matroska", &video, nullptr, nullptr);
   H264Options annex_b = video_options;

@@ -179,37 +179,6 @@ EncodedStream EncodeAac(const AacOptions& options) {
   return stream;
 }
 
-Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale, bool with_edit_list) {
-  const AVCodecParameters& parameters = *stream.parameters;
-  Mp4Track track =
-      parameters.codec_type == AVMEDIA_TYPE_VIDEO
-          ? Mp4Track::Video(stream.extradata(), parameters.width, parameters.height, timescale)
-          : Mp4Track::Audio(stream.extradata(), parameters.ch_layout.nb_channels,
-                            static_cast<std::uint32_t>(parameters.sample_rate), timescale);
-  const AVRational track_base{1, static_cast<int>(timescale)};
-  const auto ticks = [&](std::int64_t time) {
-    return av_rescale_q(time, stream.time_base, track_base);
-  };
-  const std::vector<EncodedPacket>& packets = stream.packets;
-  std::int64_t end = 0;
-  for (std::size_t i = 0; i < packets.size(); ++i) {
-    const EncodedPacket& packet = packets[i];
-    const std::int64_t next =
-        i + 1 < packets.size() ? packets[i + 1].dts : packet.dts + packet.duration;
-    track.Add(packet.data, static_cast<std::uint32_t>(ticks(next) - ticks(packet.dts)),
-              static_cast<std::int32_t>(ticks(packet.pts) - ticks(packet.dts)), packet.key);
-    end = std::max(end, packet.pts + packet.duration);
-  }
-  // Decode times count from 0 in the file, so time zero stands at -(first dts).
-  const std::int64_t zero = packets.empty() ? 0 : -ticks(packets.front().dts);
-  if (with_edit_list && zero != 0) {
-    constexpr AVRational kMovieBase{1, 1000};
-    track.edits.push_back(
-        {static_cast<std::uint64_t>(av_rescale_q(end, stream.time_base, kMovieBase)), zero, 1});
-  }
-  return track;
-}
-
 void MuxWithLibavformat(const std::filesystem::path& path, const std::string& format,
                         const EncodedStream* video, const EncodedStream* audio,
                         const DataStream* data, const std::string& movflags) {

@@ -13,9 +13,8 @@ extern "C" {
 #include <vector>
 
 #include "samples/bytes.h"
-#include "samples/mp4_writer.h"
 
-/// Real H.264 and AAC for the tests' files, encoded with libavcodec from a synthetic picture and
+/// Real H.264 and AAC, encoded with libavcodec from a synthetic picture and
 /// tone. One thread, fixed settings: the same options give the same bytes on one machine.
 namespace motrace::samples {
 
@@ -64,12 +63,6 @@ struct AacOptions {
 };
 /// 48 kHz, time base 1 / 48000; the first packet is the encoder's priming, with a pts below zero.
 EncodedStream EncodeAac(const AacOptions& options = {});
-
-/// The stream as a track of the MP4 writer, rescaled to `timescale`. Decode times begin at 0; what
-/// lies before time zero (B-frame delay, AAC priming) is cut by an edit list, as common muxers do,
-/// unless `with_edit_list` is false.
-Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale,
-                    bool with_edit_list = true);
 
 /// A data stream for MuxWithLibavformat.
 struct DataStream {

@@ -1,65 +1,78 @@
 #include "samples/camera.h"
 
-#include <array>
+extern "C" {
+#include <libavutil/mathematics.h>
+}
+
 #include <cmath>
 #include <cstddef>
+#include <initializer_list>
+#include <stdexcept>
+#include <utility>
+#include <vector>
 
-#include "samples/camm_samples.h"
+#include "camm/track_writer.h"
 
 namespace motrace::samples {
 namespace {
 
 /// The operator's sway: each axis swings at a rate of its own.
-Vec3 AngularVelocity(double t) {
+camm::Gyro AngularVelocity(double t) {
   return {static_cast<float>(0.30 * std::sin(2 * M_PI * 0.7 * t)),
           static_cast<float>(0.20 * std::cos(2 * M_PI * 0.5 * t)),
           static_cast<float>(0.10 * std::sin(2 * M_PI * 1.1 * t))};
 }
 
 /// Gravity along z, plus the steps of a walk.
-Vec3 Acceleration(double t) {
+camm::Accel Acceleration(double t) {
   return {static_cast<float>(0.5 * std::sin(2 * M_PI * 1.8 * t)),
           static_cast<float>(0.3 * std::cos(2 * M_PI * 1.8 * t)),
           static_cast<float>(9.81 + 1.2 * std::sin(2 * M_PI * 3.6 * t))};
 }
 
 /// A walk to the north-east at 1.4 m/s.
-GpsFix Position(double t) {
+camm::Gps Whereabouts(double t) {
   constexpr double kMetresPerDegree = 111320;
   constexpr double kNorth = 1.2;
   constexpr double kEast = 0.7;
   constexpr double kLatitude = 48.137;
-  GpsFix fix;
-  fix.time_gps_epoch = 1400000000 + t;
-  fix.gps_fix_type = 3;
-  fix.latitude = kLatitude + kNorth * t / kMetresPerDegree;
-  fix.longitude = 11.575 + kEast * t / (kMetresPerDegree * std::cos(kLatitude * M_PI / 180));
-  fix.altitude = static_cast<float>(519.5 + 0.2 * t);
-  fix.horizontal_accuracy = 2.5F;
-  fix.vertical_accuracy = 4.0F;
-  fix.velocity_east = static_cast<float>(kEast);
-  fix.velocity_north = static_cast<float>(kNorth);
-  fix.velocity_up = 0.2F;
-  fix.speed_accuracy = 0.3F;
+  camm::Gps fix;
+  fix.time_gps_s = 1400000000 + t;
+  fix.fix_type = 3;
+  fix.latitude_deg = kLatitude + kNorth * t / kMetresPerDegree;
+  fix.longitude_deg = 11.575 + kEast * t / (kMetresPerDegree * std::cos(kLatitude * M_PI / 180));
+  fix.altitude_m = static_cast<float>(519.5 + 0.2 * t);
+  fix.horizontal_accuracy_m = 2.5F;
+  fix.vertical_accuracy_m = 4.0F;
+  fix.velocity_east_m_s = static_cast<float>(kEast);
+  fix.velocity_north_m_s = static_cast<float>(kNorth);
+  fix.velocity_up_m_s = 0.2F;
+  fix.speed_accuracy_m_s = 0.3F;
   return fix;
 }
 
+Bytes Packet(std::initializer_list<camm::Sample> samples) {
+  Bytes packet;
+  for (const camm::Sample& sample : samples) camm::Encode(sample, packet);
+  return packet;
+}
+
 std::vector<Bytes> MotionAt(double t, bool paired) {
-  const Bytes gyro = GyroSample(AngularVelocity(t));
-  const Bytes acceleration = AccelSample(Acceleration(t));
-  if (paired) return {Concat({gyro, acceleration})};
-  return {gyro, acceleration};
+  if (paired) return {Packet({AngularVelocity(t), Acceleration(t)})};
+  return {Packet({AngularVelocity(t)}), Packet({Acceleration(t)})};
 }
 
 Bytes ExposureAt(double t) {
-  return ExposureSample(static_cast<std::int32_t>(8e6 + 2e6 * std::sin(t)), 16000000);
+  return Packet(
+      {camm::Exposure{static_cast<std::int32_t>(8e6 + 2e6 * std::sin(t)), /*skew=*/16000000}});
 }
 
 std::vector<Bytes> OthersAt(double t) {
-  const GpsFix fix = Position(t);
-  return {AngleAxisSample({0.1F, 0.2F, 0.3F}), PositionSample({1.5F, 2.5F, 3.5F}),
-          MinimalGpsSample(fix.latitude, fix.longitude, fix.altitude),
-          MagneticFieldSample({21.5F, 1.25F, -43.0F})};
+  const camm::Gps fix = Whereabouts(t);
+  return {Packet({camm::AngleAxis{0.1F, 0.2F, 0.3F}}), Packet({camm::Position{1.5F, 2.5F, 3.5F}}),
+          Packet({camm::GpsMin{fix.latitude_deg, fix.longitude_deg,
+                               static_cast<double>(fix.altitude_m)}}),
+          Packet({camm::Magnetic{21.5F, 1.25F, -43.0F}})};
 }
 
 }  // namespace
@@ -75,7 +88,7 @@ void RecordCamera(const CameraOptions& options,
   std::vector<Sensor> sensors{
       {options.motion_hertz, [&](double t) { return MotionAt(t, options.paired); }},
       {options.exposure_hertz, [](double t) { return std::vector<Bytes>{ExposureAt(t)}; }},
-      {options.gps_hertz, [](double t) { return std::vector<Bytes>{GpsSample(Position(t))}; }}};
+      {options.gps_hertz, [](double t) { return std::vector<Bytes>{Packet({Whereabouts(t)})}; }}};
   if (options.other_hertz > 0) sensors.push_back({options.other_hertz, OthersAt});
 
   const double end = static_cast<double>(options.instants) / options.motion_hertz;
@@ -104,12 +117,20 @@ void RecordCamera(const CameraOptions& options,
   }
 }
 
-Mp4Track CameraTrack(const CameraOptions& options) {
-  Mp4Track track = Mp4Track::Camm(options.timescale);
-  RecordCamera(options, [&track](const Bytes& payload, std::uint32_t duration) {
-    track.Add(payload, duration);
+void WriteCamera(const std::string& path, const CameraOptions& options, const std::string& video) {
+  camm::WriterOptions writing;
+  writing.video = video;
+  writing.overwrite = true;
+  writing.time_scale = options.timescale;
+  camm::TrackWriter writer(path, writing);
+  std::int64_t ticks = 0;
+  RecordCamera(options, [&](const Bytes& payload, std::uint32_t duration) {
+    writer.AddPacket(av_rescale(ticks, 1'000'000'000, options.timescale), payload.data(),
+                     payload.size());
+    ticks += duration;
   });
-  return track;
+  const camm::WriteResult result = writer.Finish();
+  if (result.status != camm::Status::kWhole) throw std::runtime_error(result.error);
 }
 
 }  // namespace motrace::samples

@@ -3,9 +3,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 
 #include "samples/bytes.h"
-#include "samples/mp4_writer.h"
 
 /// The motion samples that a walker's 360 degree camera records.
 namespace motrace::samples {
@@ -26,8 +26,10 @@ struct CameraOptions {
 void RecordCamera(const CameraOptions& options,
                   const std::function<void(const Bytes& payload, std::uint32_t duration)>& add);
 
-/// The packets as a track.
-Mp4Track CameraTrack(const CameraOptions& options = {});
+/// Writes the packets as the motion track of a copy of `video`, or alone where that is empty.
+/// Throws std::runtime_error with the reason when that fails.
+void WriteCamera(const std::string& path, const CameraOptions& options = {},
+                 const std::string& video = "");
 
 }  // namespace motrace::samples
 

@@ -4,22 +4,20 @@
 // and once a second the types that the tool leaves out (angle-axis, position, minimal GPS, magnetic
 // field).
 
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <vector>
+#include <filesystem>
+#include <string>
 
 #include "samples/av_encode.h"
 #include "samples/camera.h"
-#include "samples/mp4_writer.h"
 
 namespace {
 
 using namespace motrace::samples;  // NOLINT(google-build-using-namespace): one short program
 
 constexpr int kSeconds = 4;
-constexpr std::uint32_t kTicksPerSecond = 90000;
 
 }  // namespace
 
@@ -36,13 +34,14 @@ int main(int argc, char** argv) {
     video.frames = kSeconds * video.frames_per_second;
     AacOptions audio;
     audio.milliseconds = kSeconds * 1000;
-    std::vector<Mp4Track> tracks{ToMp4Track(EncodeH264(video), kTicksPerSecond)};
-    if (with_audio) tracks.push_back(ToMp4Track(EncodeAac(audio), 48000));
+    const EncodedStream pictures = EncodeH264(video);
+    const EncodedStream sound = EncodeAac(audio);
+    const std::filesystem::path without_motion = std::string(argv[1]) + ".part";
+    MuxWithLibavformat(without_motion, "mp4", &pictures, with_audio ? &sound : nullptr, nullptr);
     CameraOptions motion;
-    motion.timescale = kTicksPerSecond;
     motion.instants = kSeconds * motion.motion_hertz;
-    tracks.push_back(CameraTrack(motion));
-    WriteMp4(argv[1], tracks);
+    WriteCamera(argv[1], motion, without_motion);
+    std::filesystem::remove(without_motion);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_sample: %s\n", error.what());
     return 1;

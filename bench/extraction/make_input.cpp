@@ -1,12 +1,13 @@
-// make_input OUT.mp4 SECONDS [--paired] [--fragmented|--mpegts]: a camera file
-// for the extraction benchmark.
+// make_input OUT.mp4 SECONDS [--paired] [--interleaved|--fragmented|--mpegts]: a camera file for
+// the benchmarks.
 //
 // 60 Mbit/s H.264 at 60 frames a second and one motion track: 1 kHz gyroscope and accelerometer,
 // 60 Hz exposure, 10 Hz GPS, every sample a packet of its own (with --paired the two motion samples
-// of an instant share one), a chunk a second, or with --fragmented a fragment. The first second
-// holds real frames, so that probing finds what it looks for; after it the pictures are holes of a
-// sparse file, which cost no disk and read back as zeros. With --mpegts it is a transport stream:
-// every byte is stored.
+// of an instant share one). The track follows the video; with --interleaved the two alternate by
+// the second, as recorders write them, with --fragmented in fragments. The first second holds real
+// frames, so that probing finds what it looks for; behind it the pictures are holes of a sparse
+// file, which cost no disk and read back as zeros. With --mpegts it is a transport stream: every
+// byte is stored.
 
 #include <algorithm>
 #include <cstdint>
@@ -14,16 +15,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <filesystem>
+#include <string>
 #include <utility>
 #include <vector>
 
-#include "samples/av_encode.h"
-#include "samples/camera.h"
-#include "samples/mp4_writer.h"
+#include "support/samples.h"
 
 namespace {
 
-using namespace motrace::samples;  // NOLINT(google-build-using-namespace): one short program
+using namespace motrace::testing;  // NOLINT(google-build-using-namespace): one short program
 
 constexpr uint32_t kTicksPerSecond = 60000;  // divides by every rate below
 constexpr uint32_t kFramesPerSecond = 60;
@@ -114,23 +115,32 @@ int main(int argc, char** argv) {
     return std::any_of(argv + 1, argv + argc, [&](const char* a) { return !std::strcmp(a, flag); });
   };
   const bool paired = has_flag("--paired");
+  const bool interleaved = has_flag("--interleaved");
   const bool fragmented = has_flag("--fragmented");
   const bool transport = has_flag("--mpegts");
   const long seconds = argc >= 3 ? std::strtol(argv[2], nullptr, 10) : 0;
-  if (argc != 3 + paired + fragmented + transport || seconds < 1) {
-    std::fprintf(stderr, "usage: make_input OUT.mp4 SECONDS [--paired] [--fragmented|--mpegts]\n");
+  if (argc != 3 + paired + interleaved + fragmented + transport || seconds < 1) {
+    std::fprintf(stderr,
+                 "usage: make_input OUT.mp4 SECONDS [--paired] "
+                 "[--interleaved|--fragmented|--mpegts]\n");
     return 2;
   }
   try {
-    Mp4Layout layout;
-    layout.interleave_ms = 1000;
-    if (fragmented) layout.order = Mp4Order::kFragmented;
     const auto length = static_cast<uint32_t>(seconds);
+    const CameraOptions motion = Motion(length, paired);
     if (transport) {
       WriteTransportStream(argv[1], length, paired);
-      return 0;
+    } else if (interleaved || fragmented) {
+      Mp4Layout layout;
+      layout.interleave_ms = 1000;
+      if (fragmented) layout.order = Mp4Order::kFragmented;
+      WriteMp4(argv[1], {VideoTrack(length), CameraTrack(motion)}, layout);
+    } else {
+      const std::string video = std::string(argv[1]) + ".part";
+      WriteMp4(video, {VideoTrack(length)});
+      WriteCamera(argv[1], motion, video);
+      std::filesystem::remove(video);
     }
-    WriteMp4(argv[1], {VideoTrack(length), CameraTrack(Motion(length, paired))}, layout);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "make_input: %s\n", e.what());
     return 1;

@@ -119,8 +119,8 @@ class Bench:
         path.unlink()
 
     def run(self):
-        main = self.make("600", 600)
-        paired = self.make("600p", 600, "--paired")
+        main = self.make("600", 600, "--interleaved")
+        paired = self.make("600p", 600, "--paired", "--interleaved")
         rate = self.main_file("10 min, a sample a packet", main, 1_200_000)
         self.main_file("10 min, two samples a packet", paired, 1_200_000)
 
@@ -137,7 +137,7 @@ class Bench:
         self.row("10 min: wall time with every stream read, ratio to ours",
                  show_ratio([a.seconds / b.seconds for a, b in pairs]))
 
-        short = self.make("1", 1)
+        short = self.make("1", 1, "--interleaved")
 
         def hundred(run):
             def repeat():
@@ -157,7 +157,9 @@ class Bench:
 
         times = []
         for seconds in (10, 60, 600, 3600):
-            path = main if seconds == 600 else self.make(str(seconds), seconds)
+            path = main
+            if seconds != 600:
+                path = self.make(str(seconds), seconds, "--interleaved")
             took = statistics.median(self.motrace(path)().seconds for _ in range(self.runs))
             times.append((seconds, took))
             if seconds != 600:

@@ -128,8 +128,10 @@ class Tables {
       entries_.push_back(
           {0, static_cast<std::int32_t>(ticks[i] - decode_time + earliest), sizes[i]});
     }
-    // The last packet lasts as long as the one before it.
-    if (entries_.size() > 1) entries_.back().delta = entries_[entries_.size() - 2].delta;
+    // The last packet lasts as long as the last before it that isn't followed by one of its time.
+    const auto lasting = std::find_if(entries_.rbegin(), entries_.rend(),
+                                      [](const Entry& entry) { return entry.delta > 0; });
+    if (lasting != entries_.rend()) entries_.back().delta = lasting->delta;
     for (const Entry& entry : entries_) duration_ += entry.delta;
     ends_ = SaturatingAdd(earliest, duration_);
     negative_ = earliest < 0;

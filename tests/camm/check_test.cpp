@@ -39,7 +39,8 @@ TEST(Check, EveryFaultHasItsFinding) {
   const TempDir dir;
   const std::string video = dir / "video.mp4";
   const std::string path = dir / "out.mp4";
-  motrace::testing::WriteMp4(video, {ToMp4Track(EncodeH264(), 90000)});
+  const motrace::samples::EncodedStream pictures = EncodeH264();
+  motrace::samples::MuxWithLibavformat(video, "mp4", &pictures, nullptr, nullptr);
   const auto codes = [&](const std::vector<TimedSample>& samples, Profile profile) {
     WriterOptions options;
     options.video = video;

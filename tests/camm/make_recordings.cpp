@@ -81,7 +81,7 @@ int main(int argc, char** argv) {
     Write(folder + "two.mp4", {CameraTrack(), Everything(1000)});
     CameraOptions options;
     options.instants = 2000;
-    Write(folder + "camera.mp4", {CameraTrack(options)});
+    WriteCamera(folder + "camera.mp4", options);
     Mp4Track damaged = Everything(1000);
     damaged.Add(Concat({GyroSample({1, 2, 3}, /*reserved=*/7), CammHeader(9)}), 1);
     Bytes cut = AccelSample({1, 2, 3});

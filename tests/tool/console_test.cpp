@@ -35,7 +35,7 @@ TEST(ConsoleTest, RecordsOfFFmpegErrorsKeepTheirLineFeed) {
 TEST(ConsoleTest, TheStandardStreamsDoNotReachTheFiles) {
   const TempDir dir;
   const std::string path = dir / "video.mp4";
-  WriteMp4(path, {MotionTrack()});
+  WriteMotion(path);
   for (const std::string streams :
        {">&-", "<&- >&-", ">&- 2>&-", "<&- >&- 2>&-", ">/dev/full 2>&1", "| true"}) {
     const TempDir out;
@@ -49,7 +49,7 @@ TEST(ConsoleTest, PathsAreTakenAsTheyAre) {
   const TempDir dir;
   for (const std::string name : {"with space.mp4", "100%d.mp4", "ümläut ✓.mp4", "#?&.mp4",
                                  "no extension", "'quoted\".mp4", "-v"}) {
-    WriteMp4(dir / name, {MotionTrack(1000, 10)});
+    WriteMotion(dir / name, 10);
     ExpectPlainExtraction(dir / name);
   }
   // What looks like an option is a path; an empty one is the current directory; what an earlier run

@@ -70,7 +70,7 @@ TEST_F(FaultTest, AFileCutAnywhereIsReadAsFarAsItGoesOrRefused) {
 }
 
 TEST_F(FaultTest, AnOutputThatMayNotBeWrittenIsNamedAndKept) {
-  WriteMp4(input(), {MotionTrack()});
+  WriteMotion(input());
   std::ofstream(out() / "gyro.dat") << "kept";
   fs::permissions(out() / "gyro.dat", fs::perms::owner_read | fs::perms::others_read);
   std::string before;

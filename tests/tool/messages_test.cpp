@@ -221,7 +221,7 @@ INSTANTIATE_TEST_SUITE_P(Runs, MessageTest, ::testing::ValuesIn(Cases()),
 TEST(Messages, FilesCutShortByALimitAreNamed) {
   const TempDir dir;
   const fs::path input = dir / "input.mp4";
-  WriteMp4(input, {MotionTrack(1000, 2000)});
+  WriteMotion(input, 2000);
   const ProcessResult run = RunTool({input, dir.path()}, "ulimit -f 16;");  // 512 bytes each
   EXPECT_THAT(run.err, ::testing::AllOf(HasSubstr("gyro.dat"), HasSubstr("gps.json"),
                                         HasSubstr("File too large"), Not(HasSubstr("exposure"))));
@@ -246,7 +246,7 @@ TEST(Messages, AListOfOtherFilesIsRefusedInWords) {
 
 TEST(Messages, AnIndexAtTheEndComesTooLateThroughAPipe) {
   const TempDir dir;
-  WriteMp4(dir / "file", {MotionTrack(90000, 5000)}, {Mp4Order::kMoovLast});
+  WriteMotion(dir / "file", 5000);
   const ProcessResult run =
       RunTool({"/dev/stdin", dir.path()}, "cat " + (dir / "file").string() + " |");
   EXPECT_THAT(run.err,

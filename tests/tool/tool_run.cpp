@@ -26,6 +26,13 @@ Mp4Track MotionTrack(std::uint32_t timescale, int instants, int hertz) {
   return CameraTrack(options);
 }
 
+void WriteMotion(const fs::path& path, int instants) {
+  CameraOptions options;
+  options.instants = instants;
+  options.other_hertz = 0;
+  WriteCamera(path, options);
+}
+
 Mp4Track PacketTrack(const std::vector<Bytes>& packets) {
   Mp4Track track = Mp4Track::Camm(1000);
   for (const Bytes& packet : packets) track.Add(packet, 10);

@@ -27,6 +27,8 @@ Mp4Track AudioTrack();
 /// A camm track of `instants` at 200 Hz, every sample a packet of its own and of a type that is
 /// read.
 Mp4Track MotionTrack(std::uint32_t timescale = 90000, int instants = 200, int hertz = 200);
+/// A file of such a track alone.
+void WriteMotion(const std::filesystem::path& path, int instants = 200);
 /// A camm track of one packet each, 10 ms apart.
 Mp4Track PacketTrack(const std::vector<Bytes>& packets);
 

@@ -1,4 +1,8 @@
-#include "samples/mp4_writer.h"
+#include "support/mp4_layouts.h"
+
+extern "C" {
+#include <libavutil/mathematics.h>
+}
 
 #include <algorithm>
 #include <fstream>
@@ -6,7 +10,7 @@
 #include <limits>
 #include <utility>
 
-namespace motrace::samples {
+namespace motrace::testing {
 namespace {
 
 constexpr std::uint32_t kMovieTimescale = 1000;
@@ -398,4 +402,43 @@ void WriteMp4(const std::filesystem::path& path, const std::vector<Mp4Track>& tr
   const Mp4FileWriter written(path, tracks, layout);
 }
 
-}  // namespace motrace::samples
+Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale, bool with_edit_list) {
+  const AVCodecParameters& parameters = *stream.parameters;
+  Mp4Track track =
+      parameters.codec_type == AVMEDIA_TYPE_VIDEO
+          ? Mp4Track::Video(stream.extradata(), parameters.width, parameters.height, timescale)
+          : Mp4Track::Audio(stream.extradata(), parameters.ch_layout.nb_channels,
+                            static_cast<std::uint32_t>(parameters.sample_rate), timescale);
+  const AVRational track_base{1, static_cast<int>(timescale)};
+  const auto ticks = [&](std::int64_t time) {
+    return av_rescale_q(time, stream.time_base, track_base);
+  };
+  const auto& packets = stream.packets;
+  std::int64_t end = 0;
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    const auto& packet = packets[i];
+    const std::int64_t next =
+        i + 1 < packets.size() ? packets[i + 1].dts : packet.dts + packet.duration;
+    track.Add(packet.data, static_cast<std::uint32_t>(ticks(next) - ticks(packet.dts)),
+              static_cast<std::int32_t>(ticks(packet.pts) - ticks(packet.dts)), packet.key);
+    end = std::max(end, packet.pts + packet.duration);
+  }
+  // Decode times count from 0 in the file, so time zero stands at -(first dts).
+  const std::int64_t zero = packets.empty() ? 0 : -ticks(packets.front().dts);
+  if (with_edit_list && zero != 0) {
+    constexpr AVRational kMovieBase{1, 1000};
+    track.edits.push_back(
+        {static_cast<std::uint64_t>(av_rescale_q(end, stream.time_base, kMovieBase)), zero, 1});
+  }
+  return track;
+}
+
+Mp4Track CameraTrack(const CameraOptions& options) {
+  Mp4Track track = Mp4Track::Camm(options.timescale);
+  RecordCamera(options, [&track](const Bytes& payload, std::uint32_t duration) {
+    track.Add(payload, duration);
+  });
+  return track;
+}
+
+}  // namespace motrace::testing

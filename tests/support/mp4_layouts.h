@@ -1,5 +1,5 @@
-#ifndef MOTRACE_SAMPLES_MP4_WRITER_H_
-#define MOTRACE_SAMPLES_MP4_WRITER_H_
+#ifndef MOTRACE_TESTS_SUPPORT_MP4_LAYOUTS_H_
+#define MOTRACE_TESTS_SUPPORT_MP4_LAYOUTS_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -8,12 +8,20 @@
 #include <string>
 #include <vector>
 
+#include "samples/av_encode.h"
 #include "samples/bytes.h"
+#include "samples/camera.h"
 
 /// A small writer of ISO base media files (ISO/IEC 14496-12; the sample entries of 14496-14 and
-/// 14496-15) that can also produce the unusual layouts of real cameras, which common muxers refuse
-/// to write. It copies what it is told and checks nothing, so a test can write broken files too.
-namespace motrace::samples {
+/// 14496-15) in the layouts of real cameras, which neither common muxers nor `camm::TrackWriter`
+/// make: motion and video interleaved or in fragments, several data tracks, tables that lie. It
+/// copies what it is told and checks nothing.
+namespace motrace::testing {
+
+using samples::Bytes;
+using samples::CameraOptions;
+using samples::Concat;
+using samples::EncodedStream;
 
 /// One entry of an edit list.
 struct Mp4Edit {
@@ -105,6 +113,15 @@ struct Mp4Layout {
 void WriteMp4(const std::filesystem::path& path, const std::vector<Mp4Track>& tracks,
               const Mp4Layout& layout = {});
 
-}  // namespace motrace::samples
+/// The stream as a track, rescaled to `timescale`. Decode times begin at 0; what lies before time
+/// zero (B-frame delay, AAC priming) is cut by an edit list, as common muxers do, unless
+/// `with_edit_list` is false.
+Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale,
+                    bool with_edit_list = true);
 
-#endif  // MOTRACE_SAMPLES_MP4_WRITER_H_
+/// What a camera records, as a track.
+Mp4Track CameraTrack(const CameraOptions& options = {});
+
+}  // namespace motrace::testing
+
+#endif  // MOTRACE_TESTS_SUPPORT_MP4_LAYOUTS_H_

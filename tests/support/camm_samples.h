@@ -1,5 +1,5 @@
-#ifndef MOTRACE_SAMPLES_CAMM_SAMPLES_H_
-#define MOTRACE_SAMPLES_CAMM_SAMPLES_H_
+#ifndef MOTRACE_TESTS_SUPPORT_CAMM_SAMPLES_H_
+#define MOTRACE_TESTS_SUPPORT_CAMM_SAMPLES_H_
 
 #include <cstdint>
 #include <cstring>
@@ -12,7 +12,10 @@
 ///
 /// Every builder returns one whole sample, header included. `reserved` is what the two reserved
 /// bytes hold: the format says 0, real cameras write other values too.
-namespace motrace::samples {
+namespace motrace::testing {
+
+using samples::Bytes;
+using samples::Concat;
 
 /// The fields' bytes one after another, as a little-endian host holds them.
 template <typename... Fields>
@@ -85,6 +88,6 @@ inline Bytes GpsSample(const GpsFix& fix, std::uint16_t reserved = 0) {
 /// Microtesla.
 inline Bytes MagneticFieldSample(const Vec3& field) { return Vec3Sample(7, field); }
 
-}  // namespace motrace::samples
+}  // namespace motrace::testing
 
-#endif  // MOTRACE_SAMPLES_CAMM_SAMPLES_H_
+#endif  // MOTRACE_TESTS_SUPPORT_CAMM_SAMPLES_H_
