@@ -18,7 +18,7 @@ case "${1:-all}" in
       libopencv-core-dev libopencv-imgproc-dev ocl-icd-opencl-dev pocl-opencl-icd
       libgtest-dev libgmock-dev libbenchmark-dev
       python3 python3-dev python3-numpy python3-pandas pybind11-dev chromium chromium-driver
-      man-db file ffmpeg
+      man-db file ffmpeg gpsbabel libxml2-utils
     )
     if [ "${1:-all}" = lint ]; then packages+=(clang clang-format-14 clang-tidy-14); fi
     ;;

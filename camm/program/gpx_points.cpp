@@ -2,6 +2,7 @@
 
 #include <expat.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -17,6 +18,8 @@
 
 namespace camm::program {
 namespace {
+
+constexpr double kMostPoints = 1e7;  // a day at 100 Hz is less, and all are in memory
 
 struct Point {
   double latitude_deg = 0, longitude_deg = 0, altitude_m = 0;
@@ -208,6 +211,11 @@ std::vector<TimedSample> ReadGpx(const std::string& path, const LogOptions& opti
       throw LogError(path + ": a time is out of range");
     }
   }
+  // From here on differences fit.
+  const auto [earliest, latest] = std::minmax_element(times.begin(), times.end());
+  if (std::int64_t span = 0; __builtin_sub_overflow(*latest, *earliest, &span)) {
+    throw LogError(path + ": a time is out of range");
+  }
   std::vector<TimedSample> samples;
   if (!(options.rate_hz > 0)) {
     for (std::size_t i = 0; i < points.size(); ++i) {
@@ -219,12 +227,14 @@ std::vector<TimedSample> ReadGpx(const std::string& path, const LogOptions& opti
     return samples;
   }
   const double interval_ns = 1e9 / options.rate_hz;
+  const double length_ns = static_cast<double>(times.back()) - static_cast<double>(times.front());
+  if (length_ns / interval_ns > kMostPoints) {
+    throw LogError(path + ": that rate gives too many points");
+  }
   std::size_t next = 1;  // the first point behind the time
   for (std::int64_t i = 0;; ++i) {
     const double behind_first = static_cast<double>(i) * interval_ns;
-    if (behind_first > static_cast<double>(times.back()) - static_cast<double>(times.front()))
-      break;
-    if (samples.size() > 100'000'000) throw LogError(path + ": that rate gives too many points");
+    if (behind_first > length_ns) break;
     const std::int64_t time = times.front() + std::llround(behind_first);
     while (next + 1 < points.size() && times[next] <= time) ++next;
     const std::size_t last = std::min(next, points.size() - 1);

@@ -47,6 +47,13 @@ std::string JsonText(std::string_view text) {
   return escaped;
 }
 
+/// Without an exponent, and with no more digits than common readers of XML take (libxml2: 24).
+template <typename T>
+TextOut& WriteDecimal(TextOut& out, T number) {
+  if (std::abs(number) >= static_cast<T>(1e-6)) return out.Plain(number);
+  return out.Plain(std::round(static_cast<double>(number) * 1e15) / 1e15);
+}
+
 void WriteVelocity(TextOut& out, const Gps& gps) {
   const float speed = std::hypot(gps.velocity_east_m_s, gps.velocity_north_m_s);
   if (!std::isfinite(speed)) return;
@@ -59,7 +66,7 @@ void WriteVelocity(TextOut& out, const Gps& gps) {
     if (course < 0) course += 360;
     if (course >= 360) course = 0;
     out << "<gpxtpx:course>";
-    out.Plain(course) << "</gpxtpx:course>";
+    WriteDecimal(out, course) << "</gpxtpx:course>";
   }
   out << "</gpxtpx:TrackPointExtension></extensions>";
 }
@@ -86,12 +93,16 @@ bool AllHaveUtc(const std::vector<TrackPoint>& points) {
   return true;
 }
 
+bool HasAltitude(const TrackPoint& point) {
+  return std::abs(point.altitude_m) < 1e9;  // what is higher was not measured
+}
+
 /// With the digits that the sample's own type has.
 void WriteAltitude(TextOut& out, const TrackPoint& point) {
   if (point.gps != nullptr) {
-    out.Plain(point.gps->altitude_m);
+    WriteDecimal(out, point.gps->altitude_m);
   } else {
-    out.Plain(point.altitude_m);
+    WriteDecimal(out, point.altitude_m);
   }
 }
 
@@ -124,7 +135,7 @@ void WriteFeature(TextOut& out, const Source& source, const Way& way,
       << (line ? "[" : "");
   each([&](const TrackPoint& point) {
     out << '[' << point.longitude_deg << ',' << point.latitude_deg;
-    if (std::isfinite(point.altitude_m)) {
+    if (HasAltitude(point)) {
       out << ',';
       WriteAltitude(out, point);
     }
@@ -134,9 +145,9 @@ void WriteFeature(TextOut& out, const Source& source, const Way& way,
 }
 
 void WriteCoordinates(TextOut& out, const TrackPoint& point, char between) {
-  out.Plain(point.longitude_deg) << between;
-  out.Plain(point.latitude_deg);
-  if (!std::isfinite(point.altitude_m)) return;
+  WriteDecimal(out, point.longitude_deg) << between;
+  WriteDecimal(out, point.latitude_deg);
+  if (!HasAltitude(point)) return;
   out << between;
   WriteAltitude(out, point);
 }
@@ -158,9 +169,9 @@ Report WriteGpx(const Source& source, Files& files) {
       out << "<trkseg>\n";
       for (const TrackPoint& point : segment) {
         out << "<trkpt lat=\"";
-        out.Plain(point.latitude_deg) << "\" lon=\"";
-        out.Plain(point.longitude_deg) << "\">";
-        if (std::isfinite(point.altitude_m)) {
+        WriteDecimal(out, point.latitude_deg) << "\" lon=\"";
+        WriteDecimal(out, point.longitude_deg) << "\">";
+        if (HasAltitude(point)) {
           out << "<ele>";
           WriteAltitude(out, point);
           out << "</ele>";
