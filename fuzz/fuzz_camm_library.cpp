@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -59,6 +60,9 @@ void AddToFile(const std::uint8_t* data, std::size_t size, bool replace, const s
 }
 
 void WritePackets(const std::uint8_t* data, std::size_t size, const std::string& dir) {
+  // What looks like a compressed header is refused wherever it stands.
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  if (bytes.find("dcomzlib") != std::string_view::npos) return;
   const std::string out = dir + "/out.mp4";
   camm::WriterOptions options;
   options.overwrite = true;

@@ -216,12 +216,12 @@ def table(rows, head=("| Figure | Median (quartiles) |", "|---|---|")):
     return "\n".join(list(head) + ["| " + " | ".join(row) + " |" for row in rows])
 
 
-def replace_table(path, text):
+def replace_table(path, text, name="extraction"):
     """Replaces what stands between the two marks."""
-    start, end = "<!-- extraction table: begin -->\n", "\n<!-- extraction table: end -->"
+    start, end = f"<!-- {name} table: begin -->\n", f"<!-- {name} table: end -->"
     page = path.read_text()
     head, rest = page.split(start)
-    path.write_text(head + start + text + end + rest.split(end)[1])
+    path.write_text(head + start + text + "\n" + end + rest.split(end)[1])
 
 
 if __name__ == "__main__":

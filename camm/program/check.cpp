@@ -95,9 +95,12 @@ void AddCheck(CLI::App& app, Run& run) {
                            "camm check ride.mp4 --profile streetview", options->common);
   verb->add_option("FILE", options->files, "Video files")->required();
   verb->add_option("--profile", options->profile,
-                   "Whose rules: general, or streetview with the names of its failure reasons")
-      ->check(CLI::IsMember({"general", "streetview"}));
-  verb->add_option("--stream", options->checking.stream_index, "Index of the stream to check");
+                   "Whose rules and names: general or streetview (general)")
+      ->type_name("P")
+      ->check(CLI::IsMember({"general", "streetview"}).description(""));
+  verb->add_option("--stream", options->checking.stream_index,
+                   "Stream to read (the first camm track)")
+      ->type_name("N");
   verb->callback([&run, options] {
     if (options->profile == "streetview") options->checking.profile = Profile::kStreetView;
     run = [options] { return RunCheck(*options); };

@@ -15,7 +15,7 @@ struct CopyOptions {
   bool replace = false, force = false;
 };
 
-int RunCopy(const CopyOptions& options) {
+void Copy(const CopyOptions& options, TrackOutcome& outcome) {
   const TimeRange range = ParseRange(options.trim);
   // The cut begins where the range does.
   const std::int64_t shift = Moved(ParseSeconds(options.offset), -range.start_ns.value_or(0));
@@ -35,26 +35,26 @@ int RunCopy(const CopyOptions& options) {
     }
     writer = std::make_unique<TrackWriter>(options.output, writing);
   };
-  std::int64_t outside = 0;
   std::int64_t place = 0;  // where a packet without a time lies
   const ReadResult result =
       StreamPackets({options.from, nullptr}, reading, [&](const Packet& packet) {
         if (packet.time_ns != kNoTime) place = packet.time_ns;
         if (!range.Holds(place)) {
-          ++outside;
+          ++outcome.left_out;
         } else if (writer->ok()) {
           writer->AddPacket(Moved(place, shift), packet.data, packet.size);
         }
       });
   ReportReading(options.common, options.from, result);
-  if (writer == nullptr) return static_cast<int>(result.status);
-  if (outside > 0) {
-    Note(options.common,
-         fmt::format("{}: {} packets outside the range are left out", options.from, outside));
+  outcome.error = result.error;
+  outcome.exit_code = static_cast<int>(result.status);
+  if (outcome.left_out > 0) {
+    Note(options.common, fmt::format("{}: {} packets outside the range are left out", options.from,
+                                     outcome.left_out));
   }
-  if (result.status == Status::kNoSamples) return static_cast<int>(result.status);
-  const int code = FinishTrack(options.common, options.output, *writer);
-  return code != kExitWhole ? code : static_cast<int>(result.status);
+  if (writer == nullptr || result.status == Status::kNoSamples) return;
+  FinishTrack(options.common, options.output, *writer, outcome);
+  if (outcome.exit_code == kExitWhole) outcome.exit_code = static_cast<int>(result.status);
 }
 
 }  // namespace
@@ -64,16 +64,23 @@ void AddCopy(CLI::App& app, Run& run) {
   CLI::App* verb =
       AddVerb(app, "copy", "Carry a motion track over to a cut or re-encoded video.",
               "camm copy --from ride.mp4 --to cut.mp4 -o out.mp4 --trim 12.5:60", options->common);
-  verb->add_option("--from", options->from, "The video that holds the track")->required();
-  verb->add_option("--to", options->to, "The video that is to hold it (none: the track alone)");
-  verb->add_option("-o,--output", options->output, "The file to write")->required();
-  verb->add_option("--trim", options->trim,
-                   "START:END in seconds of the first video: what the second one shows of it");
-  verb->add_option("--offset", options->offset, "Seconds to add to the times");
-  verb->add_option("--stream", options->stream, "Index of the stream to read");
+  const auto add = [verb](const char* name, auto& value, const char* type, const char* text) {
+    return verb->add_option(name, value, text)->type_name(type);
+  };
+  add("--from", options->from, "A", "The video that holds the track")->required();
+  add("--to", options->to, "B", "The video that is to hold it (none: the track alone)");
+  add("-o,--output", options->output, "C", "The file to write")->required();
+  add("--trim", options->trim, "START:END", "Seconds of A that B shows");
+  add("--offset", options->offset, "S", "Added to the times");
+  add("--stream", options->stream, "N", "Stream to read (the first camm track)");
   verb->add_flag("--replace", options->replace, "Take the place of a track that is there");
   verb->add_flag("--force", options->force, "Replace an existing file");
-  verb->callback([&run, options] { run = [options] { return RunCopy(*options); }; });
+  verb->callback([&run, options] {
+    run = [options] {
+      return RunTrackVerb(options->common, options->output,
+                          [&](TrackOutcome& outcome) { Copy(*options, outcome); });
+    };
+  });
 }
 
 }  // namespace camm::program

@@ -326,8 +326,7 @@ void AddExport(CLI::App& app, Run& run) {
       "csv, jsonl, npz, gpx, geojson, kml, gcsv, euroc,\nkalibr, frames, odm, colmap")
       ->required();
   add("-o,--output", options->output, "DIR",
-      "Folder, or - for standard output (here; gcsv beside the\n"
-      "video). Several files get a folder each");
+      "Folder, - for standard output (here, gcsv by its video)");
   verb->add_flag("--force", options->force, "Replace existing files");
   add("-j,--jobs", options->jobs, "N", "Files at once (1)")->check(in(1, 256));
   add("--types", options->type_names, "T,...", "Only these sample types, such as gyro,accel");

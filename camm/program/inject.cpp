@@ -17,11 +17,12 @@ struct InjectOptions {
   bool replace = false, force = false;
 };
 
-int RunInject(InjectOptions& options) {
+void Inject(const InjectOptions& options, TrackOutcome& outcome) {
   const std::int64_t offset = ParseSeconds(options.offset);
+  LogOptions reading = options.reading;
   if (!options.start_time.empty()) {
-    options.reading.start_unix_ns = ParseUtc(options.start_time);
-    if (!options.reading.start_unix_ns) {
+    reading.start_unix_ns = ParseUtc(options.start_time);
+    if (!reading.start_unix_ns) {
       throw UsageError(
           fmt::format("'{}' is no time such as 2026-01-02T10:11:12Z", options.start_time));
     }
@@ -31,49 +32,61 @@ int RunInject(InjectOptions& options) {
   writing.overwrite = options.force;
   if (options.replace) writing.existing = ExistingTrack::kReplace;
   TrackWriter writer(options.output, writing);
-  if (!writer.ok()) return FinishTrack(options.common, options.output, writer);
   std::int64_t without_time = 0;
   try {
-    const auto remarks =
-        ReadMotionLog(options.log, options.reading, [&](const TimedSample& sample) {
-          without_time += sample.time_ns == kNoTime ? 1 : 0;
-          writer.Add(Moved(sample.time_ns, offset), sample.sample);
-        });
+    // What cannot be written need not be read.
+    const auto remarks = !writer.ok()
+                             ? std::vector<std::string>()
+                             : ReadMotionLog(options.log, reading, [&](const TimedSample& sample) {
+                                 without_time += sample.time_ns == kNoTime ? 1 : 0;
+                                 writer.Add(Moved(sample.time_ns, offset), sample.sample);
+                               });
     for (const std::string& remark : remarks) Note(options.common, remark);
   } catch (const LogError& error) {
     Message(error.what());
-    return kExitCannot;
+    outcome.error = error.what();
+    return;
   }
   if (without_time > 0) {
     Note(options.common, fmt::format("{}: {} samples without a time get that of the one before",
                                      options.log, without_time));
   }
-  return FinishTrack(options.common, options.output, writer);
+  FinishTrack(options.common, options.output, writer, outcome);
 }
 
 }  // namespace
 
 void AddInject(CLI::App& app, Run& run) {
   const auto options = std::make_shared<InjectOptions>();
-  CLI::App* verb = AddVerb(app, "inject", "Put motion samples from other files into a video.",
-                           "camm inject ride.mp4 ride.gpx -o out.mp4 --rate 10", options->common);
-  verb->add_option("VIDEO", options->video, "MP4 or QuickTime file")->required();
-  verb->add_option(
-          "INPUT", options->log,
-          "Folder of CSV files as camm export writes them, or one CSV, JSONL, EuRoC, .gcsv "
-          "or GPX file")
+  CLI::App* verb =
+      AddVerb(app, "inject",
+              "Put motion samples into a copy of an MP4 or QuickTime video. INPUT is a\n"
+              "folder of CSV files as camm export writes them, or one CSV, JSONL,\n"
+              "EuRoC, Kalibr, .gcsv or GPX file.",
+              "camm inject ride.mp4 ride.gpx -o out.mp4 --rate 10", options->common);
+  verb->add_option("VIDEO", options->video)->required();
+  verb->add_option("INPUT", options->log)->required();
+  verb->add_option("-o,--output", options->output, "The file to write")
+      ->type_name("OUT")
       ->required();
-  verb->add_option("-o,--output", options->output, "The file to write")->required();
-  verb->add_option("--offset", options->offset, "Seconds to add to the times");
+  verb->add_option("--offset", options->offset, "Added to the times")->type_name("S");
   verb->add_option("--rate", options->reading.rate_hz, "GPX: points a second, interpolated")
-      ->check(CLI::PositiveNumber);
+      ->type_name("HZ")
+      ->check(CLI::PositiveNumber.description(""));
   verb->add_option("--start-time", options->start_time,
-                   "GPX: UTC of the video's time 0 (default: the first point's)");
+                   "GPX: UTC of the video's time 0 (the first point)")
+      ->type_name("UTC");
   verb->add_option("--leap-seconds", options->reading.leap_seconds,
-                   "GPX: between GPS time and UTC (default: a table)");
+                   "GPX: GPS time is ahead of UTC by (a table by date)")
+      ->type_name("N");
   verb->add_flag("--replace", options->replace, "Take the place of a track that is there");
   verb->add_flag("--force", options->force, "Replace an existing file");
-  verb->callback([&run, options] { run = [options] { return RunInject(*options); }; });
+  verb->callback([&run, options] {
+    run = [options] {
+      return RunTrackVerb(options->common, options->output,
+                          [&](TrackOutcome& outcome) { Inject(*options, outcome); });
+    };
+  });
 }
 
 }  // namespace camm::program

@@ -27,15 +27,24 @@ std::mutex& TerminalMutex() {
 
 std::string Reason(int error) { return std::generic_category().message(error); }
 
-/// One screen: what the usage line says already is not said again.
+/// One screen of 24 lines and 80 columns: what the usage line says already is not said again.
 class VerbHelp : public CLI::Formatter {
  public:
   VerbHelp() {
     column_width(25);
     label("REQUIRED", "");
   }
-  std::string make_positionals(const CLI::App* /*app*/) const override { return {}; }
-  std::string make_footer(const CLI::App* app) const override { return app->get_footer() + "\n"; }
+  std::string make_help(const CLI::App* app, std::string name,
+                        CLI::AppFormatMode mode) const override {
+    return make_description(app) + make_usage(app, name) + app->get_footer() + "\n\n" +
+           make_groups(app, mode);
+  }
+  std::string make_group(std::string /*title*/, bool /*is_positional*/,
+                         std::vector<const CLI::Option*> options) const override {
+    std::string lines;
+    for (const CLI::Option* option : options) lines += make_option(option, false);
+    return lines;
+  }
 };
 
 }  // namespace
@@ -43,6 +52,7 @@ class VerbHelp : public CLI::Formatter {
 CLI::App* AddVerb(CLI::App& app, const std::string& name, const std::string& description,
                   const std::string& example, CommonOptions& common) {
   CLI::App* verb = app.add_subcommand(name, description);
+  verb->set_help_flag("-h,--help", "")->group("");  // whoever reads it knows it
   verb->add_flag("-q,--quiet", common.quiet, "Only errors on standard error");
   verb->add_flag("--json", common.json, "Standard output as JSON");
   verb->footer("Example: " + example);

@@ -60,8 +60,8 @@ void AddReport(CLI::App& app, Run& run) {
                            "camm report ride.mp4 -o ride.html", options->common);
   verb->add_option("FILE", options->files, "Video files")->required();
   verb->add_option("-o,--output", options->output,
-                   "The page; of several files the list, with their pages in a folder beside it")
-      ->capture_default_str();
+                   "The page; several files' are listed there (report.html)")
+      ->type_name("PAGE");
   verb->add_flag("--force", options->force, "Replace what exists");
   verb->callback([&run, options] { run = [options] { return RunReport(*options); }; });
 }

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <charconv>
+#include <nlohmann/json.hpp>
 
 namespace camm::program {
 namespace {
@@ -57,18 +58,45 @@ std::int64_t Moved(std::int64_t time_ns, std::int64_t by_ns) {
   return moved;
 }
 
-int FinishTrack(const CommonOptions& common, const std::string& path, TrackWriter& writer) {
-  const WriteResult result = writer.Finish();
-  if (result.status != Status::kWhole) {
-    Message(result.error);
-    return static_cast<int>(result.status);
+void FinishTrack(const CommonOptions& common, const std::string& path, TrackWriter& writer,
+                 TrackOutcome& outcome) {
+  WriteResult& written = outcome.written;
+  written = writer.Finish();
+  outcome.exit_code = static_cast<int>(written.status);
+  if (written.status != Status::kWhole) {
+    Message(written.error);
+    outcome.error = written.error;
+    return;
   }
-  if (result.rounding_ns > 0) {
-    Note(common, fmt::format("{}: times are rounded by up to {} ns", path, result.rounding_ns));
+  if (written.rounding_ns > 0) {
+    Note(common, fmt::format("{}: times are rounded by up to {} ns", path, written.rounding_ns));
   }
   Note(common,
-       fmt::format("{}: {} packets, {} ticks a second", path, result.packets, result.time_scale));
-  return kExitWhole;
+       fmt::format("{}: {} packets, {} ticks a second", path, written.packets, written.time_scale));
+}
+
+int RunTrackVerb(const CommonOptions& common, const std::string& path,
+                 const std::function<void(TrackOutcome&)>& work) {
+  TrackOutcome outcome;
+  {
+    const Progress line(common, [&path] { return "writing " + path; });
+    work(outcome);
+  }
+  if (common.json) {
+    const nlohmann::ordered_json shown{{"file", path},
+                                       {"exit_code", outcome.exit_code},
+                                       {"error", outcome.error},
+                                       {"packets", outcome.written.packets},
+                                       {"left_out", outcome.left_out},
+                                       {"time_scale", outcome.written.time_scale},
+                                       {"rounding_ns", outcome.written.rounding_ns}};
+    OutputFiles output(/*force=*/false);
+    output.StandardOutput() << shown.dump(2, ' ', false,
+                                          nlohmann::ordered_json::error_handler_t::replace)
+                            << '\n';
+    (void)output.Commit();
+  }
+  return outcome.exit_code;
 }
 
 }  // namespace camm::program

@@ -3,6 +3,7 @@
 #define CAMM_PROGRAM_TRACK_OUTPUT_H_
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,9 +32,23 @@ TimeRange ParseRange(std::string_view text);
 /// @throws UsageError where the result is out of range.
 std::int64_t Moved(std::int64_t time_ns, std::int64_t by_ns);
 
+/// What became of a file with a track.
+struct TrackOutcome {
+  int exit_code = kExitCannot;
+  std::string error;
+  WriteResult written;
+  std::int64_t left_out = 0;  ///< packets of the source
+};
+
 /// Finishes the file, and says on standard error what was written or why not.
+void FinishTrack(const CommonOptions& common, const std::string& path, TrackWriter& writer,
+                 TrackOutcome& outcome);
+
+/// Runs `work`, which writes `path`, and shows what became of it: progress on a terminal, JSON
+/// where that is asked for.
 /// @return the exit code.
-int FinishTrack(const CommonOptions& common, const std::string& path, TrackWriter& writer);
+int RunTrackVerb(const CommonOptions& common, const std::string& path,
+                 const std::function<void(TrackOutcome&)>& work);
 
 }  // namespace camm::program
 

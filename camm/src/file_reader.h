@@ -16,6 +16,8 @@ class Descriptor {
   explicit Descriptor(int fd = -1) : fd_(fd) {}
   ~Descriptor();
   Descriptor(Descriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
   Descriptor& operator=(Descriptor&&) = delete;
   [[nodiscard]] int get() const { return fd_; }
   [[nodiscard]] bool ok() const { return fd_ >= 0; }

@@ -56,7 +56,7 @@ class Cursor {
 
 /// A box inside another one.
 struct Child {
-  std::uint32_t type;
+  std::uint32_t type = 0;
   View whole;
   View content;
 };
@@ -117,11 +117,11 @@ class Reader {
 
 /// A box of the file itself.
 struct TopBox {
-  std::uint32_t type;
-  std::uint64_t offset;
-  std::uint32_t header;     ///< bytes before the content
-  std::uint64_t size;       ///< header included
-  bool to_the_end = false;  ///< its size is stored as 0: all the rest of the file
+  std::uint32_t type = 0;
+  std::uint64_t offset = 0;
+  std::uint32_t header = 0;  ///< bytes before the content
+  std::uint64_t size = 0;    ///< header included
+  bool to_the_end = false;   ///< its size is stored as 0: all the rest of the file
 };
 
 struct Layout {

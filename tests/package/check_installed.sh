@@ -20,6 +20,7 @@ check_tool() {
   [ "$(find out -name gyro.dat -size 44800c -o -name 'exposure_?.dat' -size 320c | wc -l)" -eq 7 ]
   grep -q '^{"extended_gps_info":\[{' out/gps.json
   rm -r out
+  [ ! -e "$1/bin/camm" ] || "$1/bin/camm" info "$sample" | grep -q 'gyro  *800'
   (cd "$1/share/doc/motrace" && grep -oP '\]\(\K[^)#:]+' README.md | xargs ls >/dev/null)
 }
 check_consumer() { "$1" "$sample" | tee /dev/stderr | grep -q '^1776 packets'; }
@@ -30,6 +31,7 @@ quietly cmake -S "$here/consumer" -B consumer -G Ninja -DCMAKE_PREFIX_PATH="$sta
   -DCMAKE_CXX_COMPILER="$compiler" -DCOMPONENTS="$components" -DTARGETS="$targets"
 quietly cmake --build consumer -j2
 check_consumer consumer/count_packets
+consumer/motion_samples "$sample" | grep -q ' rad/s at '
 # Unquoted: flags are words.
 # shellcheck disable=SC2046
 "$compiler" -std=c++17 "$here/consumer/main.cpp" -o count_packets_pkg \

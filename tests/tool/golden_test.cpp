@@ -22,10 +22,10 @@ void WriteCamera(const fs::path& path, const fs::path& video) {
   };
   for (int i = 0; i < 8; ++i) {
     const auto t = static_cast<float>(i);
-    add(10 * i, GyroSample({0.25F * t, -0.5F, 0.1F}));
-    add(10 * i, AccelSample({0.5F, -0.25F * t, 9.8125F}));
-    add(10 * i, ExposureSample(8000000 + 1000 * i, 16000000));
-    add(10 * i + 10, MagneticFieldSample({21.5F, 1.25F, -43}));
+    add(10L * i, GyroSample({0.25F * t, -0.5F, 0.1F}));
+    add(10L * i, AccelSample({0.5F, -0.25F * t, 9.8125F}));
+    add(10L * i, ExposureSample(8000000 + 1000 * i, 16000000));
+    add(10L * i + 10, MagneticFieldSample({21.5F, 1.25F, -43}));
   }
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   constexpr float kTiny = std::numeric_limits<float>::denorm_min();

@@ -27,9 +27,10 @@ struct Finding {
 /// Whose rules apply.
 enum class Profile {
   kGeneral,
-  /// The publishing interface of street-level imagery
-  /// (https://developers.google.com/streetview/publish): findings carry the names of its failure
-  /// reasons where it has one, and what it needs and the file lacks is a finding too.
+  /// The publishing interface of street-level imagery: findings carry the names of its failure
+  /// reasons (`ProcessingFailureReason` in
+  /// https://developers.google.com/streetview/publish/reference) where it has one, and what it
+  /// needs and the file lacks is a finding too.
   kStreetView,
 };
 
