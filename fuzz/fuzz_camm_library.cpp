@@ -60,9 +60,11 @@ void AddToFile(const std::uint8_t* data, std::size_t size, bool replace, const s
 }
 
 void WritePackets(const std::uint8_t* data, std::size_t size, const std::string& dir) {
-  // What looks like a compressed header is refused wherever it stands.
+  // What looks like boxes that FFmpeg must not see is refused wherever it stands (InputGuard).
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
-  if (bytes.find("dcomzlib") != std::string_view::npos) return;
+  for (const char* mark : {"trun", "sidx", "dcomzlib"}) {
+    if (bytes.find(mark) != std::string_view::npos) return;
+  }
   const std::string out = dir + "/out.mp4";
   camm::WriterOptions options;
   options.overwrite = true;

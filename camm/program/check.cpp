@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "camm/program/program.h"
 
@@ -56,7 +57,9 @@ int RunCheck(const CheckVerbOptions& options) {
   formats::TextOut& out = output.StandardOutput();
   nlohmann::ordered_json all = nlohmann::ordered_json::array();
   int worst = kExitWhole;
+  std::optional<FilesProgress> progress(std::in_place, options.common, options.files);
   for (const std::string& name : options.files) {
+    progress->Next();
     const CheckResult result = Check(name, options.checking);
     const int code = ExitCodeOf(result);
     if (code != kExitWhole) worst = options.files.size() == 1 ? code : kExitPartial;
@@ -78,6 +81,7 @@ int RunCheck(const CheckVerbOptions& options) {
       out << Printable(name) << ": nothing found\n";
     }
   }
+  progress.reset();
   if (options.common.json) {
     // Names and texts may be anything: what is no UTF-8 is replaced.
     const auto& shown = options.files.size() == 1 ? all[0] : all;

@@ -1,5 +1,7 @@
 // camm info: what a recording holds, on one screen.
 
+#include <optional>
+
 #include "camm/program/program.h"
 #include "camm/program/summary_text.h"
 
@@ -19,7 +21,9 @@ int RunInfo(const InfoOptions& options) {
   int worst = kExitWhole;
   ReadOptions reading;
   reading.stream_index = options.stream;
+  std::optional<FilesProgress> progress(std::in_place, options.common, options.files);
   for (const std::string& name : options.files) {
+    progress->Next();
     const Summary info = Summarize({name, nullptr}, reading);
     ReportReading(options.common, name, info.result);
     if (options.common.json) {
@@ -30,6 +34,7 @@ int RunInfo(const InfoOptions& options) {
     const int code = static_cast<int>(info.result.status);
     if (code != kExitWhole) worst = options.files.size() == 1 ? code : kExitPartial;
   }
+  progress.reset();
   if (options.common.json) {
     out << (options.files.size() == 1 ? all : "[\n" + all + "\n]") << '\n';
   }

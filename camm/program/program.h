@@ -3,6 +3,7 @@
 #define CAMM_PROGRAM_PROGRAM_H_
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
@@ -112,6 +113,22 @@ class Progress {
  private:
   struct Drawing;
   std::unique_ptr<Drawing> drawing_;
+};
+
+/// The progress of a verb that takes its files one after another.
+class FilesProgress {
+ public:
+  FilesProgress(const CommonOptions& common, const std::vector<std::string>& files)
+      : line_(common, [this, &files] {
+          const std::size_t at = std::max<std::size_t>(at_, 1);
+          return std::to_string(at) + " of " + std::to_string(files.size()) + ": " + files[at - 1];
+        }) {}
+  /// Before each file.
+  void Next() { ++at_; }
+
+ private:
+  std::atomic<std::size_t> at_{0};
+  const Progress line_;
 };
 
 /// Calls `work(i)` for 0 to count - 1, up to `jobs` at once.

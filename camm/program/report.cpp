@@ -63,6 +63,7 @@ void AddReport(CLI::App& app, Run& run) {
                    "The page; several files' are listed there (report.html)")
       ->type_name("PAGE");
   verb->add_flag("--force", options->force, "Replace what exists");
+  verb->remove_option(verb->get_option("--json"));  // the page is all there is to tell
   verb->callback([&run, options] { run = [options] { return RunReport(*options); }; });
 }
 
