@@ -7,12 +7,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <utility>
 
 namespace camm {
 
 Descriptor::~Descriptor() {
   if (fd_ >= 0) close(fd_);
 }
+
+int Descriptor::Close() { return close(std::exchange(fd_, -1)); }
 
 FileReader::FileReader(const std::string& path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
 

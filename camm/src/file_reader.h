@@ -19,6 +19,8 @@ class Descriptor {
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
   Descriptor& operator=(Descriptor&&) = delete;
+  /// What `close` returns; some file systems report only here that a disk is full.
+  [[nodiscard]] int Close();
   [[nodiscard]] int get() const { return fd_; }
   [[nodiscard]] bool ok() const { return fd_ >= 0; }
 

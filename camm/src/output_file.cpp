@@ -114,6 +114,7 @@ void OutputFile::Patch(std::uint64_t offset, const std::uint8_t* data, std::size
 
 void OutputFile::Commit() {
   Flush();
+  if (file_.Close() != 0) Fail(errno);
   // A link fails where the name has been taken in the meantime, a rename replaces.
   const bool linked = !overwrite_ && link(temporary_.c_str(), path_.c_str()) == 0;
   if (!overwrite_ && !linked && errno == EEXIST) throw OutputError("the file exists");
