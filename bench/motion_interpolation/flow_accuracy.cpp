@@ -1,6 +1,7 @@
 // Prints the endpoint error of the flow on pairs with ground truth.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <opencv2/core.hpp>
@@ -23,10 +24,11 @@ constexpr char kHelp[] =
     "to\n"
     "leave out, invalid.pgm (not 0: leave out). A margin of 16 pixels is left out, too.\n"
     "--defaults: with mean normalisation and propagation only.\n"
-    "--mirrored: likewise, each row being the mean over the pair and its copies mirrored along x,\n"
-    "along y and along both; the last column is the worst ratio of a copy's mean, refined, to the\n"
-    "one unrefined. Search goes by rows and columns: on large motions one copy alone may come out\n"
-    "a fifth better or worse.\n";
+    "--mirrored: tables in Markdown of the means over the pair and its copies mirrored along x,\n"
+    "along y and along both, unrefined and refined, with the worst ratio of a copy's two; and by\n"
+    "iterations of the refinement. Search goes by rows and columns: on large motions one copy "
+    "alone\n"
+    "may come out a fifth better or worse.\n";
 
 constexpr int kMargin = 16;
 
@@ -63,13 +65,14 @@ Errors endpointErrors(const cv::Mat& flow, const FlowPair& pair) {
 
 struct Settings {
   int finest;
-  bool refine, mean, propagate;
+  int iterations = 5;  // the default
+  bool mean = true, propagate = true;
 };
 
 Errors errorsOf(const FlowPair& pair, const Settings& settings) {
   const auto engine = cv::optflow::lum::DISOpticalFlow::create();
   engine->setFinestScale(settings.finest);
-  if (!settings.refine) engine->setVariationalRefinementIterations(0);
+  engine->setVariationalRefinementIterations(settings.iterations);
   engine->setUseMeanNormalization(settings.mean);
   engine->setUseSpatialPropagation(settings.propagate);
   cv::Mat flow;
@@ -79,7 +82,7 @@ Errors errorsOf(const FlowPair& pair, const Settings& settings) {
 
 void printRow(const FlowPair& pair, const Settings& settings, const Errors& errors) {
   std::printf("%-26s %6d %6s %6s %6s %9.3f %9.3f %9.3f", pair.name.c_str(), settings.finest,
-              settings.refine ? "yes" : "no", settings.mean ? "yes" : "no",
+              settings.iterations > 0 ? "yes" : "no", settings.mean ? "yes" : "no",
               settings.propagate ? "yes" : "no", errors.mean, errors.median, errors.p95);
 }
 
@@ -97,27 +100,59 @@ FlowPair mirrored(const FlowPair& pair, bool along_x, bool along_y) {
   return result;
 }
 
-/// Rows of the means over the mirrored copies of a pair, refined and not.
-void printMirrored(const FlowPair& pair, int finest) {
-  Errors means[2];
-  double worst = 0.0;
-  for (int copy = 0; copy < 4; ++copy) {
-    const FlowPair other = mirrored(pair, (copy & 1) != 0, (copy & 2) != 0);
-    double both[2];
-    for (const bool refine : {false, true}) {
-      const Errors errors = errorsOf(other, {finest, refine, true, true});
-      Errors& mean = means[refine ? 1 : 0];
-      mean.mean += errors.mean / 4;
-      mean.median += errors.median / 4;
-      mean.p95 += errors.p95 / 4;
-      both[refine ? 1 : 0] = errors.mean;
-    }
-    worst = std::max(worst, both[1] / both[0]);
+/// The errors of a pair and its three mirrored copies.
+std::array<Errors, 4> copiesErrors(const FlowPair& pair, const Settings& settings) {
+  std::array<Errors, 4> errors;
+  for (std::size_t copy = 0; copy < 4; ++copy) {
+    errors[copy] = errorsOf(mirrored(pair, (copy & 1) != 0, (copy & 2) != 0), settings);
   }
-  printRow(pair, {finest, true, true, true}, means[1]);
-  std::printf(" %9.3f\n", worst);
-  printRow(pair, {finest, false, true, true}, means[0]);
-  std::printf("\n");
+  return errors;
+}
+
+Errors meanOf(const std::array<Errors, 4>& copies) {
+  Errors mean;
+  for (const Errors& errors : copies) {
+    mean.mean += errors.mean / 4;
+    mean.median += errors.median / 4;
+    mean.p95 += errors.p95 / 4;
+  }
+  return mean;
+}
+
+void printRefinement(const std::vector<FlowPair>& pairs) {
+  std::printf("| Pair | finest scale | no refinement | refined | worst |\n|---|---|---|---|---|\n");
+  for (const FlowPair& pair : pairs) {
+    for (const int finest : {2, 1, 0}) {
+      std::printf("| %s | %d |", pair.name.c_str(), finest);
+      const std::array<Errors, 4> sides[2] = {copiesErrors(pair, {finest, 0}),
+                                              copiesErrors(pair, {finest})};
+      for (const std::array<Errors, 4>& side : sides) {
+        const Errors mean = meanOf(side);
+        std::printf(" %.3f (%.3f, %.3f) |", mean.mean, mean.median, mean.p95);
+      }
+      double worst = 0.0;
+      for (std::size_t copy = 0; copy < 4; ++copy) {
+        worst = std::max(worst, sides[1][copy].mean / sides[0][copy].mean);
+      }
+      std::printf(" %.2f |\n", worst);
+    }
+  }
+}
+
+void printIterations(const std::vector<FlowPair>& pairs) {
+  constexpr int kIterations[] = {0, 1, 2, 3, 4, 5, 6, 8, 20, 60};
+  std::printf("\n| Pair | finest scale |");
+  for (const int iterations : kIterations) std::printf(" %d |", iterations);
+  std::printf("\n|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+  for (const FlowPair& pair : pairs) {
+    for (const int finest : {2, 1, 0}) {
+      std::printf("| %s | %d |", pair.name.c_str(), finest);
+      for (const int iterations : kIterations) {
+        std::printf(" %.3f |", meanOf(copiesErrors(pair, {finest, iterations})).mean);
+      }
+      std::printf("\n");
+    }
+  }
 }
 
 int run(const std::vector<std::string>& args) {
@@ -127,19 +162,20 @@ int run(const std::vector<std::string>& args) {
     return lum_bench::kBadUsage;
   }
   const std::vector<FlowPair> pairs = lum_bench::readPairs(args[0]);
-  std::printf("%-26s %6s %6s %6s %6s %9s %9s %9s%s\n", "pair", "finest", "refine", "mean", "prop",
-              "EPE", "50 %", "95 %", mirror ? "     worst" : "");
+  if (mirror) {
+    printRefinement(pairs);
+    printIterations(pairs);
+    return 0;
+  }
+  std::printf("%-26s %6s %6s %6s %6s %9s %9s %9s\n", "pair", "finest", "refine", "mean", "prop",
+              "EPE", "50 %", "95 %");
   for (const FlowPair& pair : pairs) {
     for (const int finest : {2, 1, 0}) {
-      if (mirror) {
-        printMirrored(pair, finest);
-        continue;
-      }
-      for (const bool refine : {true, false}) {
+      for (const int iterations : {5, 0}) {
         for (const bool mean : {true, false}) {
           for (const bool propagate : {true, false}) {
             if (defaults && !(mean && propagate)) continue;
-            const Settings settings{finest, refine, mean, propagate};
+            const Settings settings{finest, iterations, mean, propagate};
             printRow(pair, settings, errorsOf(pair, settings));
             std::printf("\n");
           }

@@ -4,8 +4,11 @@
 //
 // FOLDER holds img0.pgm and img1.pgm of 1024 x 436 (other sizes are scaled to it); without it a
 // synthetic pair serves. Every figure is the median of several calls that alternate between both
-// sides, whose results are compared. Then whole calls with one
-// thread and two, from 512 x 218 to 8K, and where their time goes.
+// sides, whose results are compared. Then whole calls from 512 x 218 to 8K, with one thread and
+// two, into fresh memory and into memory that is kept, and where their time goes. Tables are in
+// Markdown.
+
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -122,7 +125,6 @@ void compareStages(const Images& images, int rounds) {
     const kernels::Kernels* const sides[2] = {&kernels::kPlainKernels, *set};
     constexpr double StageTimes::*kStages[] = {&StageTimes::search, &StageTimes::densification,
                                                &StageTimes::refinement, &StageTimes::scaling};
-    const char* const names[] = {"search", "densify", "refine", "scale"};
     std::vector<double> times[4][2];
     cv::Mat flows[2];
     const auto engine = cv::optflow::lum::DISOpticalFlow::create();
@@ -137,13 +139,13 @@ void compareStages(const Images& images, int rounds) {
         }
       }
     }
-    std::printf("%4d x %-4d %-9s", images.i0.cols, images.i0.rows, (*set)->name);
-    for (std::size_t i = 0; i < 4; ++i) {
-      const double plain = medianOf(times[i][0]);
-      const double own = medianOf(times[i][1]);
-      std::printf(" %s %.2f -> %.2f ms (%.1fx) ", names[i], plain, own, plain / own);
+    std::printf("| %d x %d | %s |", images.i0.cols, images.i0.rows, (*set)->name);
+    for (const auto& stage : times) {
+      const double plain = medianOf(stage[0]);
+      const double own = medianOf(stage[1]);
+      std::printf(" %.2f, %.2f ms: %.1fx |", plain, own, plain / own);
     }
-    std::printf(" mean difference %.1e px\n", meanDifference(flows[0], flows[1]));
+    std::printf(" %.0e px |\n", meanDifference(flows[0], flows[1]));
   }
   kernels::forceKernels(nullptr);
 }
@@ -175,32 +177,22 @@ void profile(const Images& images, int rounds) {
   const auto engine = cv::optflow::lum::DISOpticalFlow::create();
   g_timed = &kernels::activeKernels();
   kernels::forceKernels(&kTimedKernels);
-  // Fresh memory for the output, as without an initial flow; its pages cost what filling them does.
+  engine->setUseInitialFlow(false);
   cv::Mat flow;
-  cv::Mat pages;
   cv::Mat warm(images.i0.size(), CV_32FC2, cv::Scalar::all(1));
   cv::Mat copy = warm.clone();
   std::vector<cv::Mat> buffers;
-  std::vector<double> pyramids, search, densification, refinement, scaling, total, faults, copies;
+  std::vector<double> pyramids, search, densification, refinement, scaling, total, copies;
   for (int round = 0; round <= rounds; ++round) {
     g_times = StageTimes();
-    double times[4] = {};
+    double times[3] = {};
     addTime(times[0], [&] { preparePyramids(images, buffers); });
-    flow.release();
     addTime(times[1], [&] { engine->calc(images.i0, images.i1, flow); });
-    flow.release();
-    addTime(times[2], [&] {
-      pages.create(images.i0.size(), CV_32FC2);
-      for (std::size_t at = 0; at < pages.total() * pages.elemSize(); at += 4096)
-        pages.data[at] = 1;
-    });
-    pages.release();
-    addTime(times[3], [&] { warm.copyTo(copy); });
+    addTime(times[2], [&] { warm.copyTo(copy); });
     if (round == 0) continue;  // allocates what is kept between calls
     pyramids.push_back(times[0]);
     total.push_back(times[1]);
-    faults.push_back(times[2]);
-    copies.push_back(times[3]);
+    copies.push_back(times[2]);
     search.push_back(g_times.search);
     densification.push_back(g_times.densification);
     refinement.push_back(g_times.refinement);
@@ -229,8 +221,7 @@ void profile(const Images& images, int rounds) {
   line("refinement", medianOf(refinement),
        text("%.0f ns per pixel", 1e6 * medianOf(refinement) / pixels, 0));
   line("upscaling and output", medianOf(scaling),
-       text("first touch of the output's pages alone %.2f ms, copying it warm %.2f ms",
-            medianOf(faults), medianOf(copies)));
+       text("copying the output %.2f ms", medianOf(copies), 0));
 }
 
 /// Whole calls in runs of `rounds` with one thread and with two, in turns. The first calls of a run
@@ -239,13 +230,13 @@ void profile(const Images& images, int rounds) {
 void compareThreads(const Images& images, int rounds) {
   constexpr int kTurns = 5;
   const auto engine = cv::optflow::lum::DISOpticalFlow::create();
+  engine->setUseInitialFlow(false);
   cv::Mat flow;
   std::vector<double> times[2];
   for (int turn = 0; turn < kTurns; ++turn) {
     for (int threads = 1; threads <= 2; ++threads) {
       cv::setNumThreads(threads);
       for (int i = -rounds / 2 - 1; i < rounds; ++i) {
-        flow.release();  // else it would serve as an initial flow
         const double start = wallMilliseconds();
         engine->calc(images.i0, images.i1, flow);
         if (i >= 0) times[threads - 1].push_back(wallMilliseconds() - start);
@@ -255,10 +246,36 @@ void compareThreads(const Images& images, int rounds) {
   const double one = medianOf(times[0]);
   const double two = medianOf(times[1]);
   const double megapixels = double(images.i0.total()) * 1e-6;
-  std::printf(
-      "%4d x %-4d whole call: 1 thread %8.2f ms, %5.2f per megapixel; 2 threads %8.2f ms, %5.2f "
-      "per megapixel, %.2fx\n",
-      images.i0.cols, images.i0.rows, one, one / megapixels, two, two / megapixels, one / two);
+  std::printf("| %d x %d | %.2f ms, %.1f ms | %.2f ms, %.2fx |", images.i0.cols, images.i0.rows,
+              one, one / megapixels, two, one / two);
+}
+
+/// Whole calls on one thread that write to fresh memory, and those that write to a kept matrix, in
+/// turns: processor time and page faults.
+void compareOutputs(const Images& images, int rounds) {
+  cv::setNumThreads(1);
+  const auto engine = cv::optflow::lum::DISOpticalFlow::create();
+  engine->setUseInitialFlow(false);
+  cv::Mat kept;
+  std::vector<double> times[2], faults[2];
+  for (int round = 0; round <= rounds; ++round) {
+    for (const bool keeps : {false, true}) {
+      cv::Mat fresh;
+      rusage before{};
+      rusage after{};
+      double time = 0.0;
+      getrusage(RUSAGE_THREAD, &before);
+      addTime(time, [&] { engine->calc(images.i0, images.i1, keeps ? kept : fresh); });
+      getrusage(RUSAGE_THREAD, &after);
+      if (round == 0) continue;
+      times[keeps ? 1 : 0].push_back(time);
+      faults[keeps ? 1 : 0].push_back(static_cast<double>(after.ru_minflt - before.ru_minflt));
+    }
+  }
+  for (std::size_t i = 0; i < 2; ++i) {
+    std::printf(" %.2f ms, %.0f |", medianOf(times[i]), medianOf(faults[i]));
+  }
+  std::printf("\n");
 }
 
 int run(const std::vector<std::string>& args) {
@@ -269,18 +286,26 @@ int run(const std::vector<std::string>& args) {
     base.i0 = lum_bench::readGrey(args[0] + "/img0.pgm");
     base.i1 = lum_bench::readGrey(args[0] + "/img1.pgm");
   }
-  std::printf("kernels in use: %s\n", kernels::activeKernels().name);
+  std::printf("| Size | kernels | search | densification | refinement | scaling | apart |\n");
+  std::printf("|---|---|---|---|---|---|---|\n");
   compareStages(scaledTo(base, {1024, 436}), 15);
   compareStages(scaledTo(base, {1920, 1080}), 7);
   struct Case {
     int width, height, rounds;
   };
-  const Case cases[] = {
+  constexpr Case kCases[] = {
       {512, 218, 40}, {1024, 436, 40}, {1920, 1080, 10}, {3840, 2160, 3}, {7680, 4320, 1}};
-  for (const Case& c : cases) {
+  std::printf(
+      "\n| Size | 1 thread, a megapixel | 2 threads | fresh output, faults | kept output |\n");
+  std::printf("|---|---|---|---|---|\n");
+  for (const Case& c : kCases) {
     const Images images = scaledTo(base, {c.width, c.height});
     compareThreads(images, c.rounds);
-    profile(images, std::max(c.rounds, 5));
+    compareOutputs(images, std::max(c.rounds, 5));
+  }
+  std::printf("\n");
+  for (const Case& c : kCases) {
+    profile(scaledTo(base, {c.width, c.height}), std::max(c.rounds, 5));
   }
   return 0;
 }
