@@ -197,7 +197,7 @@ void Repair(const MutablePlane& image, float rate) {
 }
 
 /// Cells that are written to buffers in the first cache before they are streamed.
-constexpr int kChunk = 1024;
+constexpr int kChunk = 2048;
 
 /// Planes of this many bytes and more are written past the caches: they would not stay there, and a
 /// normal store first reads the line that it replaces.

@@ -211,7 +211,7 @@ TEST_P(OnBackend, RepairsDoNotDependOnThreads) {
 TEST_P(OnBackend, SplitEqualsPlainLoopsAndMergeBringsTheMosaicBack) {
   // The last is large enough for streaming, in several chunks per row.
   constexpr int kCells[][2] = {{1, 1},  {2, 1},  {1, 3},  {8, 2},   {9, 5},
-                               {16, 3}, {33, 4}, {64, 3}, {350, 9}, {1061, 501}};
+                               {16, 3}, {33, 4}, {64, 3}, {350, 9}, {2085, 255}};
   for (const auto& [width, height] : kCells) {
     const cv::Size cells(width, height);
     for (int border = cells.width > 1000 ? 8 : 1; border <= 8; ++border) {
