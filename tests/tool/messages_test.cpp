@@ -74,9 +74,9 @@ Mp4Track Rates(int gyro_hertz, int accelerate_hertz, int late_ms) {
   return track;
 }
 
-Mp4Track BrokenVideo() {
+Mp4Track BrokenVideo(size_t picture) {
   EncodedStream video = EncodeH264();
-  video.packets[0].data[0] = 0xFF;  // the length of its first unit
+  video.packets[picture].data[0] = 0xFF;  // the length of its first unit
   return ToMp4Track(video, 90000);
 }
 
@@ -142,7 +142,8 @@ std::vector<MessageCase> Cases() {
            "none of the 440 motion packets of 'IN' was read: the track's edit list leaves them all "
            "out, its index is broken, or there was no memory for it\n" +
                nothing),
-      Case("BrokenVideo", {BrokenVideo(), motion},
+      Case("BrokenLaterVideo", {BrokenVideo(29), motion}, ""),
+      Case("BrokenVideo", {BrokenVideo(0), motion},
            "reading 'IN' failed after 0 of 440 motion packets: Invalid data found when processing "
            "input\n" +
                nothing)
