@@ -66,7 +66,8 @@ if(image_exports)
     install(FILES ${PROJECT_BINARY_DIR}/qvxmedia-${image_export}.pc DESTINATION ${pkgconfig_dir}
             COMPONENT image_dev)
   endforeach()
-  install(FILES docs/raw_bayer.md docs/optical_flow.md raw_bayer/raw_bayer.cl
+  install(FILES docs/raw_bayer.md docs/optical_flow.md docs/frames_between.png
+                raw_bayer/raw_bayer.cl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-image-dev COMPONENT image_dev)
   install(FILES raw_bayer/examples/raw_planes.cpp examples/frames_between.cpp
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libqvxmedia-image-dev/examples
