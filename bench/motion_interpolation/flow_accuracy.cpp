@@ -64,7 +64,7 @@ Errors endpointErrors(const cv::Mat& flow, const FlowPair& pair) {
 }
 
 struct Settings {
-  int finest;
+  int finest = 2;
   int iterations = 5;  // the default
   bool mean = true, propagate = true;
 };
