@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "av_toolbox/address.h"
 #include "camm/program/program.h"
 
 namespace camm::program {
@@ -58,9 +59,10 @@ int RunCheck(const CheckVerbOptions& options) {
   nlohmann::ordered_json all = nlohmann::ordered_json::array();
   int worst = kExitWhole;
   std::optional<FilesProgress> progress(std::in_place, options.common, options.files);
-  for (const std::string& name : options.files) {
+  for (const std::string& path : options.files) {
     progress->Next();
-    const CheckResult result = Check(name, options.checking);
+    const std::string name = lum::ShownName(path);
+    const CheckResult result = Check(path, options.checking);
     const int code = ExitCodeOf(result);
     if (code != kExitWhole) worst = options.files.size() == 1 ? code : kExitPartial;
     if (code > kExitPartial) ReportReading(options.common, name, result.reading);

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "av_toolbox/address.h"
 #include "camm/program/track_output.h"
 
 namespace camm::program {
@@ -49,8 +50,8 @@ void Copy(const CopyOptions& options, TrackOutcome& outcome) {
   outcome.error = result.error;
   outcome.exit_code = static_cast<int>(result.status);
   if (outcome.left_out > 0) {
-    Note(options.common, fmt::format("{}: {} packets outside the range are left out", options.from,
-                                     outcome.left_out));
+    Note(options.common, fmt::format("{}: {} packets outside the range are left out",
+                                     lum::ShownName(options.from), outcome.left_out));
   }
   if (writer == nullptr || result.status == Status::kNoSamples) return;
   FinishTrack(options.common, options.output, *writer, outcome);

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
+#include "av_toolbox/address.h"
 #include "camm/gps_time.h"
 #include "camm/program/formats/formats.h"
 #include "camm/program/program.h"
@@ -166,10 +167,13 @@ Outcome ExportOne(const ExportOptions& options, const std::string& input, const 
                   ReadingProgress& progress) {
   Outcome outcome;
   OutputFiles output(options.force);
-  FolderFiles files(output, options, folder, input);
+  const std::string shown = lum::ShownName(input);
+  // Nothing can be written beside an address.
+  FolderFiles files(output, options, folder,
+                    lum::IsWebAddress(input) ? folder / "video" : fs::path(input));
   formats::Options settings = options.settings;
   settings.name = Stem(input);
-  settings.video = fs::path(input).filename().string();
+  settings.video = fs::path(shown).filename().string();
 
   ReadOptions reading = options.reading;
   reading.on_open = [&](const ReadResult& result) {
@@ -229,7 +233,7 @@ Outcome ExportOne(const ExportOptions& options, const std::string& input, const 
       outcome.notes.push_back(fmt::format("{}: not written", format->name));
     }
   }
-  for (const std::string& note : outcome.notes) Note(options.common, input + ": " + note);
+  for (const std::string& note : outcome.notes) Note(options.common, shown + ": " + note);
   if (missing == options.formats.size()) {
     outcome.exit_code = kExitNoSamples;
     return outcome;
@@ -250,7 +254,7 @@ void Summarise(const ExportOptions& options, const std::vector<Outcome>& outcome
   if (options.common.json) {
     ordered_json all = ordered_json::array();
     for (std::size_t i = 0; i < outcomes.size(); ++i) {
-      all.push_back({{"file", options.files[i]},
+      all.push_back({{"file", lum::ShownName(options.files[i])},
                      {"exit_code", outcomes[i].exit_code},
                      {"error", outcomes[i].error},
                      {"samples", outcomes[i].samples},
@@ -264,7 +268,7 @@ void Summarise(const ExportOptions& options, const std::vector<Outcome>& outcome
     for (std::size_t i = 0; i < outcomes.size(); ++i) {
       out << fmt::format("{:<10} {:>9} {:>5}  {}\n", Word(outcomes[i].exit_code),
                          outcomes[i].samples, outcomes[i].written.size(),
-                         Printable(options.files[i]));
+                         Printable(lum::ShownName(options.files[i])));
     }
   }
   (void)output.Commit();
@@ -279,7 +283,7 @@ int RunExport(const ExportOptions& options) {
   std::atomic<std::size_t> finished{0};
   {
     const Progress line(options.common, [&] {
-      return count == 1 ? progress[0].Text(options.files[0])
+      return count == 1 ? progress[0].Text(lum::ShownName(options.files[0]))
                         : fmt::format("{} of {} files", finished, count);
     });
     ForEach(count, options.jobs, [&](std::size_t i) {

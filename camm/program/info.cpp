@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "av_toolbox/address.h"
 #include "camm/program/program.h"
 #include "camm/program/summary_text.h"
 
@@ -22,9 +23,10 @@ int RunInfo(const InfoOptions& options) {
   ReadOptions reading;
   reading.stream_index = options.stream;
   std::optional<FilesProgress> progress(std::in_place, options.common, options.files);
-  for (const std::string& name : options.files) {
+  for (const std::string& path : options.files) {
     progress->Next();
-    const Summary info = Summarize({name, nullptr}, reading);
+    const std::string name = lum::ShownName(path);
+    const Summary info = Summarize({path, nullptr}, reading);
     ReportReading(options.common, name, info.result);
     if (options.common.json) {
       all += (all.empty() ? "" : ",\n") + SummaryJson(name, info);

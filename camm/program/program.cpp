@@ -16,6 +16,8 @@
 #include <thread>
 #include <utility>
 
+#include "av_toolbox/address.h"
+
 namespace camm::program {
 namespace fs = std::filesystem;
 namespace {
@@ -71,7 +73,8 @@ void Note(const CommonOptions& common, std::string_view text) {
   if (!common.quiet) Message(text);
 }
 
-void ReportReading(const CommonOptions& common, const std::string& name, const ReadResult& result) {
+void ReportReading(const CommonOptions& common, const std::string& path, const ReadResult& result) {
+  const std::string name = lum::ShownName(path);
   for (const Problem& problem : result.problems) Note(common, name + ": " + problem.text);
   switch (result.status) {
     case Status::kWhole:
@@ -240,7 +243,7 @@ std::vector<std::string> FolderNames(const std::vector<std::string>& inputs) {
   std::set<std::string> taken;
   std::vector<std::string> names;
   for (const std::string& input : inputs) {
-    const fs::path file = fs::path(input).filename();
+    const fs::path file = fs::path(lum::ShownName(input)).filename();
     std::string stem = file.stem().string();
     if (stem.empty() || stem == "." || stem == "..") stem = file.string();
     if (stem.empty() || stem == "." || stem == "..") stem = "video";

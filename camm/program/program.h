@@ -70,7 +70,7 @@ void Message(std::string_view text);
 void Note(const CommonOptions& common, std::string_view text);
 
 /// What reading said, in words, for people: problems as notes, failure as a message.
-void ReportReading(const CommonOptions& common, const std::string& name, const ReadResult& result);
+void ReportReading(const CommonOptions& common, const std::string& path, const ReadResult& result);
 
 /// Output files that appear whole, together, or not at all: written beside their final names and
 /// renamed at the end. Existing files are kept unless `force`. One thread.

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "av_toolbox/address.h"
 #include "camm/program/program.h"
 #include "camm/program/report/page.h"
 
@@ -24,7 +25,7 @@ int WritePage(const ReportOptions& options, const std::string& name, const fs::p
   const int code = static_cast<int>(recording.result.status);
   if (code == kExitCannot || code == kExitNoTrack) return code;
   OutputFiles output(options.force);
-  output.Create(path) << report::Page(name, recording);
+  output.Create(path) << report::Page(lum::ShownName(name), recording);
   (void)output.Commit();
   return code;
 }
@@ -40,7 +41,7 @@ int RunReport(const ReportOptions& options) {
     const fs::path page = fs::path(index.stem()) / (names[i] + ".html");
     const int code = WritePage(options, options.files[i], index.parent_path() / page);
     if (code != kExitWhole) worst = kExitPartial;
-    const std::string title = Escaped(Printable(options.files[i]));
+    const std::string title = Escaped(Printable(lum::ShownName(options.files[i])));
     list += code == kExitCannot || code == kExitNoTrack
                 ? fmt::format("<li>{}: no report\n", title)
                 : fmt::format("<li><a href=\"{}\">{}</a>{}\n", report::UrlPath(page.string()),

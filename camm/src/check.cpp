@@ -273,12 +273,13 @@ class Checker {
 
   /// Players that ignore edit lists put the two tracks apart by what the video's edit list moves.
   void CheckEditLists() {
-    FileReader file(path_);
-    if (!file.ok()) return;
-    const mp4::Layout layout = ReadLayout(file);
+    std::string ignored;
+    const auto file = OpenReader({path_, nullptr}, ignored);
+    if (file == nullptr) return;
+    const mp4::Layout layout = ReadLayout(*file);
     const mp4::TopBox* moov = layout.Find(mp4::Type("moov"));
     if (moov == nullptr) return;
-    const auto content = ReadContent(file, *moov, mp4::kMovieLimit);
+    const auto content = ReadContent(*file, *moov, mp4::kMovieLimit);
     if (!content) return;
     const auto movie = mp4::ParseMovie({content->data(), content->size()});
     if (!movie) return;

@@ -5,15 +5,16 @@
 #include <cstdint>
 #include <string>
 
+#include "av_toolbox/address.h"
 #include "av_toolbox/demuxer.h"
 #include "camm/recording.h"
 #include "time_conversion.h"
 
 namespace camm {
 
-/// A path that can't be taken for an address.
+/// A path that FFmpeg can't take for an address, unless it is one of a web server.
 inline std::string PlainPath(const std::string& path) {
-  return path.empty() || path.front() == '/' ? path : "./" + path;
+  return path.empty() || path.front() == '/' || lum::IsWebAddress(path) ? path : "./" + path;
 }
 
 /// Nanoseconds of a time stamp; `kNoTime` for none.

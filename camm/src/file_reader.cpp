@@ -7,9 +7,30 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <system_error>
 #include <utility>
 
+#include "av_toolbox/address.h"
+#include "av_toolbox/remote_file.h"
+
 namespace camm {
+namespace {
+
+class RemoteReader : public mp4::Reader {
+ public:
+  explicit RemoteReader(const std::string& address) : file_(address) {}
+  /// @return what went wrong; empty where nothing did.
+  std::string Open() { return file_.Open() == 0 ? std::string() : file_.Problem(); }
+  std::int64_t Size() override { return file_.Size(); }
+  bool ReadAt(std::uint64_t offset, std::uint8_t* to, std::size_t size) override {
+    return file_.ReadAt(static_cast<std::int64_t>(offset), to, size);
+  }
+
+ private:
+  lum::RemoteFile file_;
+};
+
+}  // namespace
 
 Descriptor::~Descriptor() {
   if (fd_ >= 0) close(fd_);
@@ -50,6 +71,19 @@ bool SourceReader::ReadAt(std::uint64_t offset, std::uint8_t* to, std::size_t si
     size -= static_cast<std::size_t>(count);
   }
   return true;
+}
+
+std::unique_ptr<mp4::Reader> OpenReader(const Input& input, std::string& error) {
+  if (input.io) return std::make_unique<SourceReader>(*input.io);
+  if (lum::IsWebAddress(input.path)) {
+    auto reader = std::make_unique<RemoteReader>(input.path);
+    error = reader->Open();
+    return error.empty() ? std::move(reader) : nullptr;
+  }
+  auto file = std::make_unique<FileReader>(input.path);
+  if (file->ok()) return file;
+  error = std::generic_category().message(errno);
+  return nullptr;
 }
 
 }  // namespace camm

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "av_toolbox/demuxer.h"
+#include "camm/recording.h"
 #include "mp4_boxes.h"
 
 namespace camm {
@@ -51,6 +52,11 @@ class SourceReader : public mp4::Reader {
  private:
   lum::IOSource& source_;
 };
+
+/// What an input's boxes are read from: its byte source, which must outlive the reader, or the file
+/// or web address that its path names.
+/// @return null, with the reason in `error`, where it cannot be opened.
+std::unique_ptr<mp4::Reader> OpenReader(const Input& input, std::string& error);
 
 }  // namespace camm
 

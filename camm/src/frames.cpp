@@ -135,20 +135,12 @@ void ReadVideoPackets(const Input& input, FrameTimes& result) {
 
 FrameTimes ReadFrames(const Input& input) {
   FrameTimes result;
-  bool indexed = false;
-  if (input.io) {
-    SourceReader file(*input.io);
-    indexed = ReadIndex(file, result);
-    if (!indexed && input.io->IsSeekable()) input.io->Seek(0, SEEK_SET);
-  } else {
-    FileReader file(input.path);
-    if (!file.ok()) {
-      result.error = std::generic_category().message(errno);
-      return result;
-    }
-    indexed = ReadIndex(file, result);
+  const auto reader = OpenReader(input, result.error);
+  if (reader == nullptr) return result;
+  if (!ReadIndex(*reader, result)) {
+    if (input.io && input.io->IsSeekable()) input.io->Seek(0, SEEK_SET);
+    ReadVideoPackets(input, result);
   }
-  if (!indexed) ReadVideoPackets(input, result);
   std::sort(result.pts_ns.begin(), result.pts_ns.end());
   if (result.status == Status::kWhole && result.pts_ns.empty()) {
     result.status = Status::kNoSamples;

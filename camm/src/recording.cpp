@@ -116,7 +116,8 @@ class Reader {
     }
     if (error != AVERROR_EOF) {
       problems_.Add(ProblemKind::kReadError, kNoTime);
-      result_.error = lum::FFmpegErrorString(error);
+      result_.error =
+          demuxer_.InputProblem().empty() ? lum::FFmpegErrorString(error) : demuxer_.InputProblem();
     }
     return false;
   }

@@ -132,7 +132,9 @@ ReadResult StreamPackets(const Input& input, const ReadOptions& options,
 /// stream's bytes are read where the container lets them be found; memory does not grow with the
 /// length beyond FFmpeg's own index.
 ///
-/// A path is a file's name, whatever it looks like: never a URL.
+/// A path is a file's name, whatever it looks like. Only where no file has it, "http://…" and
+/// "https://…" are addresses, of which the server must give parts; give "./" and the path to rule
+/// that out.
 ///
 /// Times convert exactly from the track's time base, rounded to the nearest nanosecond where the
 /// time base is no divisor of one. Threads: reads on the calling thread, which `on_sample` runs on.
