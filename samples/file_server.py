@@ -84,10 +84,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
         with open(os.path.join(options.folder, name), "rb") as file:
             size = os.fstat(file.fileno()).st_size
-            asked = re.fullmatch(r"bytes=(\d+)-(\d+)", self.headers["Range"] or "")
+            asked = re.fullmatch(r"bytes=(\d+)-(\d*)", self.headers["Range"] or "")
             if asked and int(asked[1]) >= size:
                 return self.answer(416, Content_Range=f"bytes */{size}")
-            begin, end = (int(asked[1]), min(int(asked[2]) + 1, size)) if asked else (0, size)
+            begin, end = int(asked[1]) if asked else 0, size
+            if asked and asked[2]:
+                end = min(int(asked[2]) + 1, size)
             if way == "whole-only":
                 asked, begin, end = None, 0, size
             self.send_response(206 if asked else 200)
@@ -108,10 +110,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def send(self, file, begin, end):
         start, first = time.monotonic(), begin
-        with lock:
-            stats["bytes"] += end - begin
         while begin < end:
-            size = min(end - begin, 256 * 1024)
+            size = min(end - begin, 64 * 1024)
+            with lock:
+                stats["bytes"] += size
             if begin + size == end:
                 self.count_as_served()
             begin += self.connection.sendfile(file, begin, size)

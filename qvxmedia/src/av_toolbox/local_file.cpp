@@ -22,6 +22,8 @@ class LocalFile : public RandomAccessSource {
  public:
   explicit LocalFile(int descriptor) : descriptor_(descriptor) {}
   ~LocalFile() override { close(descriptor_); }
+  LocalFile(const LocalFile&) = delete;
+  LocalFile& operator=(const LocalFile&) = delete;
 
   bool IsSeekable() override {
     struct stat status {};

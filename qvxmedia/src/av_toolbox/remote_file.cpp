@@ -5,12 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
+#include <charconv>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <random>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "av_toolbox/ffmpeg_compat.h"
@@ -21,17 +22,20 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int64_t kFirstPart = 64 * 1024;        // bytes, also where nobody says what will be read
-constexpr int64_t kLargestPart = 512 * 1024;     // of a request
-constexpr int64_t kLargestReadAhead = 4 << 20;   // of a read that nobody announced
-constexpr int64_t kLargestGap = 32 * 1024;       // between parts that one request asks for
-constexpr int kWantedToUnwanted = 4;             // at least, in such a request
-constexpr int64_t kAhead = 8 << 20;              // of what was announced and not read
-constexpr int64_t kHeld = 32 << 20;              // in all
-constexpr size_t kLargestErrorPage = 64 * 1024;  // read to its end, so that the connection stays
+// Bytes.
+constexpr int64_t kKiB = 1024;
+constexpr int64_t kFirstPart = 64 * kKiB;           // also where nobody says what will be read
+constexpr int64_t kLargestPart = 512 * kKiB;        // of a request
+constexpr int64_t kLargestReadAhead = 4096 * kKiB;  // of a read that nobody announced
+constexpr int64_t kLargestGap = 32 * kKiB;          // between parts that one request asks for
+constexpr int64_t kAhead = 8192 * kKiB;             // of what was announced and not read
+constexpr int64_t kHeld = 32768 * kKiB;             // in all
+constexpr int64_t kLargestErrorPage = 64 * kKiB;    // read, so that the connection stays
+constexpr long kReceiveBuffer = 128 * kKiB;
+constexpr long kSlowest = kKiB;  // a second; below, nothing comes
+
+constexpr int kWantedToUnwanted = 4;  // at least, in a request for several parts
 constexpr long kRedirects = 5;
-constexpr long kSlowest = 1024;  // bytes a second; below, nothing comes
-constexpr long kReceiveBuffer = 128 * 1024;
 constexpr std::chrono::seconds kLongestPause{30};
 
 struct EasyDeleter {
@@ -55,17 +59,39 @@ const char* ValueOf(const std::string& line, const char* name) {
   return line.c_str() + std::min(line.find_first_not_of(" \t", size), line.size());
 }
 
+// Takes `before` and the number behind it off the text's beginning.
+template <typename Number>
+bool Take(std::string_view& text, char before, Number& number) {
+  if (text.empty() || text.front() != before) return false;
+  const auto end = std::from_chars(text.data() + 1, text.data() + text.size(), number);
+  text.remove_prefix(static_cast<size_t>(end.ptr - text.data()));
+  return end.ec == std::errc();
+}
+
+// Takes the part and the size that a Content-Range header gives; all are -1 where it is none.
+void TakeRange(std::string_view text, Answer& answer) {
+  constexpr std::string_view kUnit = "bytes";
+  answer.first = answer.last = answer.size = -1;
+  if (text.substr(0, kUnit.size()) != kUnit) return;
+  text.remove_prefix(kUnit.size());
+  constexpr std::string_view kNone = " *";
+  if (text.substr(0, kNone.size()) == kNone) {
+    text.remove_prefix(kNone.size());
+    Take(text, '/', answer.size);
+  } else if (!Take(text, ' ', answer.first) || !Take(text, '-', answer.last) ||
+             !Take(text, '/', answer.size)) {
+    answer.size = -1;
+  }
+}
+
 void TakeHeader(const std::string& line, Answer& answer) {
   if (strncasecmp(line.c_str(), "HTTP/", 5) == 0) {
     answer = {};  // those before it belong to a redirect, or to an answer of a proxy's
-    const size_t status = line.find(' ');
-    if (status != std::string::npos) std::sscanf(&line[status], "%d", &answer.status);
+    std::string_view rest = line;
+    rest.remove_prefix(std::min(rest.find(' '), rest.size()));
+    Take(rest, ' ', answer.status);
   } else if (const char* range = ValueOf(line, "content-range:")) {
-    if (std::sscanf(range, "bytes %" SCNd64 "-%" SCNd64 "/%" SCNd64, &answer.first, &answer.last,
-                    &answer.size) != 3) {
-      answer.first = -1;
-      std::sscanf(range, "bytes */%" SCNd64, &answer.size);
-    }
+    TakeRange(range, answer);
   } else if (const char* tag = ValueOf(line, "etag:")) {
     answer.entity_tag = tag;
   } else if (const char* date = ValueOf(line, "last-modified:")) {
@@ -171,7 +197,7 @@ struct RemoteFile::Part {
   Clock::time_point due;  // of the next one
   Answer answer;
   bool accepted = false;
-  size_t error_page = 0;
+  int64_t error_page = 0;
 };
 
 RemoteFile::RemoteFile(std::string address, const Options& options)
@@ -350,7 +376,7 @@ void RemoteFile::Send(Part& part) {
   const auto receive = [](char* data, size_t, size_t size, void* user) -> size_t {
     Part& receiving = *static_cast<Part*>(user);
     if (receiving.answer.status >= 300) {
-      receiving.error_page += size;
+      receiving.error_page += static_cast<int64_t>(size);
       return receiving.error_page <= kLargestErrorPage ? size : 0;
     }
     if (!receiving.file->AcceptsAnswer(receiving)) return 0;

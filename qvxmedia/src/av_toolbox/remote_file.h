@@ -43,6 +43,8 @@ class RemoteFile : public RandomAccessSource {
   explicit RemoteFile(std::string address) : RemoteFile(std::move(address), Options()) {}
   RemoteFile(std::string address, const Options& options);
   ~RemoteFile() override;
+  RemoteFile(const RemoteFile&) = delete;
+  RemoteFile& operator=(const RemoteFile&) = delete;
 
   /// Asks for the file's beginning, and so learns its size. Once, before all else.
   /// @return 0 or a negative FFmpeg error.
