@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "av_toolbox/address.h"
 #include "camm/program/formats/text_out.h"
 #include "camm/recording.h"
 
@@ -121,7 +122,8 @@ class FilesProgress {
   FilesProgress(const CommonOptions& common, const std::vector<std::string>& files)
       : line_(common, [this, &files] {
           const std::size_t at = std::max<std::size_t>(at_, 1);
-          return std::to_string(at) + " of " + std::to_string(files.size()) + ": " + files[at - 1];
+          return std::to_string(at) + " of " + std::to_string(files.size()) + ": " +
+                 lum::ShownName(files[at - 1]);
         }) {}
   /// Before each file.
   void Next() { ++at_; }
