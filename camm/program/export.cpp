@@ -233,7 +233,9 @@ Outcome ExportOne(const ExportOptions& options, const std::string& input, const 
       outcome.notes.push_back(fmt::format("{}: not written", format->name));
     }
   }
-  for (const std::string& note : outcome.notes) Note(options.common, shown + ": " + note);
+  for (const std::string& note : outcome.notes) {
+    Note(options.common, fmt::format("{}: {}", shown, note));
+  }
   if (missing == options.formats.size()) {
     outcome.exit_code = kExitNoSamples;
     return outcome;
