@@ -16,10 +16,6 @@ constexpr int kLargestStride = 1 << 16;
 
 constexpr int kScales = 10;
 constexpr int kPropagationStripes = 8;
-/// Iterations of the refinement on the scales above the finest one, whatever their number there.
-/// Where motions are large any change of such a scale's flow sends the search below it elsewhere:
-/// with the same start, more iterations cannot come out worse by chance.
-constexpr int kCoarseIterations = 5;
 /// Pixels of a pyramid level beyond which all threads share its work.
 constexpr int kSharedPixels = 1 << 20;
 constexpr int kMinPixelsPerStripe = 1 << 14;
@@ -163,7 +159,7 @@ void DISOpticalFlowImpl::prepareBuffers(Size full, int finest, int coarsest) {
     refinement.setAlpha(variational_refinement_alpha);
     refinement.setDelta(variational_refinement_delta);
     refinement.setGamma(variational_refinement_gamma);
-    refinement.setIterations(i == finest ? variational_refinement_iter : kCoarseIterations);
+    refinement.setIterations(variational_refinement_iter);
   }
 
   const Size finest_size = sizeAt(full, finest);

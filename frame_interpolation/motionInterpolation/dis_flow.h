@@ -44,8 +44,7 @@ class DISOpticalFlow : public DenseOpticalFlow {
   virtual int getGradientDescentIterations() const = 0;
   virtual void setGradientDescentIterations(int value) = 0;
 
-  /// Iterations of the variational refinement on the finest scale: at least 0; 0 switches it off.
-  /// Coarser scales, which the search only starts from, take 5 each, whatever the number.
+  /// Iterations of the variational refinement per scale: at least 0; 0 switches it off.
   virtual int getVariationalRefinementIterations() const = 0;
   virtual void setVariationalRefinementIterations(int value) = 0;
 
