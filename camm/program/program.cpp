@@ -73,21 +73,26 @@ void Note(const CommonOptions& common, std::string_view text) {
   if (!common.quiet) Message(text);
 }
 
+std::string WhyUnread(const ReadResult& result) {
+  switch (result.status) {
+    case Status::kCannotOpen:
+      return "cannot be read: " + result.error;
+    case Status::kNoTrack:
+      return "no camm track";
+    case Status::kNoSamples:
+      return "the camm track holds no samples";
+    case Status::kPartial:
+      return "damaged or cut: what could be read is there";
+    case Status::kWhole:
+      break;
+  }
+  return {};
+}
+
 void ReportReading(const CommonOptions& common, const std::string& path, const ReadResult& result) {
   const std::string name = lum::ShownName(path);
   for (const Problem& problem : result.problems) Note(common, name + ": " + problem.text);
-  switch (result.status) {
-    case Status::kWhole:
-      return;
-    case Status::kPartial:
-      return Message(name + ": damaged or cut: what could be read is there");
-    case Status::kCannotOpen:
-      return Message(name + ": cannot be read: " + result.error);
-    case Status::kNoTrack:
-      return Message(name + ": no camm track");
-    case Status::kNoSamples:
-      return Message(name + ": the camm track holds no samples");
-  }
+  if (result.status != Status::kWhole) Message(name + ": " + WhyUnread(result));
 }
 
 struct OutputFiles::File {

@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "av_toolbox/address.h"
 #include "camm/imu.h"
+#include "camm/program/program.h"
 #include "camm/program/summary_text.h"
 #include "camm/recording.h"
 #include "camm/summary.h"
@@ -82,7 +84,7 @@ void DefineSeries(py::class_<camm::Recording, std::shared_ptr<camm::Recording>>&
   });
 }
 
-/// What a recording lacks for being read at all: the library's own words and its number for them.
+/// What a recording lacks for being read at all: the program's own words and exit code.
 struct Failure {
   std::string text;
   camm::Status status;
@@ -90,7 +92,7 @@ struct Failure {
 
 void ThrowOnFailure(const std::string& path, const camm::ReadResult& result) {
   if (result.status != camm::Status::kWhole && result.status != camm::Status::kPartial) {
-    throw Failure{path + ": " + result.error, result.status};
+    throw Failure{lum::ShownName(path) + ": " + camm::program::WhyUnread(result), result.status};
   }
 }
 
@@ -147,8 +149,7 @@ void Write(const std::string& path, const py::dict& arrays, const std::string& v
     for (const camm::TimedSample& sample : samples) writer.Add(sample.time_ns, sample.sample);
     result = writer.Finish();
   }
-  if (result.status != camm::Status::kWhole)
-    throw Failure{path + ": " + result.error, result.status};
+  if (result.status != camm::Status::kWhole) throw Failure{result.error, result.status};
 }
 
 /// Samples one at a time. They are read in batches, without the interpreter's lock.
@@ -212,7 +213,10 @@ PYBIND11_MODULE(_camm, module) {
     try {
       if (thrown) std::rethrow_exception(thrown);
     } catch (const Failure& caught) {
-      const py::object error = py::handle(failure.ptr())(caught.text);
+      // File names need not be UTF-8.
+      const auto text = py::reinterpret_steal<py::object>(PyUnicode_DecodeFSDefaultAndSize(
+          caught.text.data(), static_cast<py::ssize_t>(caught.text.size())));
+      const py::object error = py::handle(failure.ptr())(text);
       error.attr("status") = static_cast<int>(caught.status);
       PyErr_SetObject(failure.ptr(), error.ptr());
     }

@@ -24,9 +24,9 @@ from types import SimpleNamespace
 import numpy as np
 
 from . import _camm
-from ._camm import NO_TIME, Error
+from ._camm import NO_TIME, Error, Sample
 
-__all__ = ["Error", "NO_TIME", "Recording", "Series", "imu", "load_motrace", "read", "samples", "write"]
+__all__ = ["Error", "NO_TIME", "Recording", "Sample", "Series", "imu", "load_motrace", "read", "samples", "write"]
 
 Error.__doc__ = """A file that could not be read.
 
@@ -36,7 +36,7 @@ no `camm` track, 5 the track holds no sample.
 >>> camm.read("missing.mp4")
 Traceback (most recent call last):
     ...
-camm.Error: missing.mp4: No such file or directory
+camm.Error: missing.mp4: cannot be read: No such file or directory
 """
 Error.__module__ = "camm"
 
@@ -80,11 +80,18 @@ class Recording:
         >>> ride.info()["types"]["gyro"]["rate_hz"]
         200.0
         """
-        return json.loads(_camm.info(self._native, self.path))
+        return json.loads(_camm.info(self._native, _name(self.path)))
 
     def __repr__(self):
         held = ", ".join(f"{len(getattr(self, name))} {name}" for name in _camm.DTYPES if len(getattr(self, name)))
         return f"<camm.Recording {self.path!r}: {held}>"
+
+
+def _name(path):
+    name = os.fsencode(path)
+    if b"\0" in name:  # it would end there
+        raise ValueError("embedded null byte")
+    return name
 
 
 def read(path, *, stream=-1, origin="container"):
@@ -96,8 +103,7 @@ def read(path, *, stream=-1, origin="container"):
     >>> camm.read(SAMPLE, origin="first packet").gyro["time_ns"][0]  # video decodes before it shows
     66666667
     """
-    name = os.fspath(path)
-    return Recording(_camm.read(name, stream, origin), name)
+    return Recording(_camm.read(_name(path), stream, origin), os.fsdecode(path))
 
 
 def samples(path, *, stream=-1, origin="container"):
@@ -108,7 +114,7 @@ def samples(path, *, stream=-1, origin="container"):
     >>> next(sample for sample in camm.samples(SAMPLE) if sample.type == "exposure").pixel_exposure_ns
     8000000
     """
-    return _camm.samples(os.fspath(path), stream, origin)
+    return _camm.samples(_name(path), stream, origin)
 
 
 def imu(recording):
@@ -139,7 +145,7 @@ def write(path, recording, *, video=None, replace=False, overwrite=False):
         for name, dtype in _camm.DTYPES.items()
         if hasattr(recording, name)
     }
-    _camm.write(os.fspath(path), arrays, os.fspath(video or ""), replace, overwrite)
+    _camm.write(_name(path), arrays, _name(video or ""), replace, overwrite)
 
 
 def load_motrace(directory):
