@@ -279,7 +279,7 @@ class Truth(unittest.TestCase):
             (["export", good, "-f", "csv", "-o", "taken"], 3, "", "gyro.csv: exists; --force"),
             (["export", good, "-f", "csv", "-o", "text.mp4"], 3, "", "text.mp4: cannot be made"),
             (["export", "none.mp4", "-f", "csv"], 3, "", "none.mp4: cannot be read: No such file"),
-            (["info", "http://localhost/a.mp4"], 3, "", "cannot be read: No such file"),
+            (["info", "ftp://localhost/a.mp4"], 3, "", "cannot be read: No such file"),
             (["info", "text.mp4"], 3, "", "text.mp4: cannot be read"),
             (["info", FOLDER / "other.mp4"], 4, "", "no camm track"),
             (["info", FOLDER / "empty.mp4"], 5, "", "holds no samples"),

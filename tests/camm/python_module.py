@@ -57,7 +57,7 @@ class Module(unittest.TestCase):
         empty = pathlib.Path(self.folder.name, "empty.mp4")
         empty.touch()
         for read in (camm.read, lambda path: next(camm.samples(path))):
-            for path in ("http://127.0.0.1:9/ride.mp4", "not UTF-8: \udcff", empty):
+            for path in ("ftp://127.0.0.1:9/ride.mp4", "not UTF-8: \udcff", empty):
                 with self.assertRaises(camm.Error) as raised:
                     read(path)
                 self.assertEqual(raised.exception.status, 3)
