@@ -69,6 +69,7 @@ class Bench:
     def make(self, name, seconds, *flags):
         path = self.scratch / f"{name}.mp4"
         subprocess.run([BIN / "bench_make_input", path, str(seconds), *flags], check=True)
+        os.sync()  # or the disk is busy with it while runs are timed
         return path
 
     def motrace(self, path):
