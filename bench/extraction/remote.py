@@ -27,7 +27,7 @@ def main():
     args = parser.parse_args()
     scratch = pathlib.Path(tempfile.mkdtemp(prefix="motrace-bench-", dir=args.dir))
     video = scratch / "600.mp4"
-    subprocess.run([BIN / "bench_make_input", video, "600"], check=True)
+    subprocess.run([BIN / "bench_make_input", video, "600", "--interleaved"], check=True)
     payload = int(subprocess.run([BIN / "bench_bare_loop", video], check=True,
                                  capture_output=True).stdout.split()[1])
     server = subprocess.Popen([ROOT / "samples/file_server.py", "--delay", "30", "--rate", "50", scratch],
