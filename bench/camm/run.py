@@ -44,7 +44,7 @@ class Bench:
             subprocess.run([BIN / "bench_make_input", self.ride[seconds], str(seconds)], check=True)
 
     def row(self, figure, value, goal):
-        self.rows.append((figure, value, goal))
+        self.rows.append((figure, value))
         print(f"{figure}: {value} (goal: {goal})", file=sys.stderr, flush=True)
 
     def camm(self, verb, seconds=600):
