@@ -209,6 +209,7 @@ PYBIND11_MODULE(_camm, module) {
   module.attr("NO_TIME") = camm::kNoTime;
 
   static const py::exception<Failure> failure(module, "Error");
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): the type that pybind11 wants
   py::register_exception_translator([](std::exception_ptr thrown) {
     try {
       if (thrown) std::rethrow_exception(thrown);
