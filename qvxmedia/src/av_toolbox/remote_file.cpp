@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <random>
 #include <string_view>
 #include <system_error>
@@ -272,7 +273,7 @@ void RemoteFile::Prefetch(int64_t position, size_t size) {
 
 // Reads what one part has of it.
 // @return bytes, AVERROR_EOF or another negative FFmpeg error.
-int RemoteFile::ReadSome(int64_t position, uint8_t* buffer, size_t size) {
+int RemoteFile::ReadSome(int64_t position, uint8_t* buffer, size_t size) try {
   if (error_ != 0) return error_;
   if (position >= size_) return AVERROR_EOF;
   Advance();
@@ -291,6 +292,9 @@ int RemoteFile::ReadSome(int64_t position, uint8_t* buffer, size_t size) {
   if (error_ != 0) return error_;
   std::copy_n(&part.bytes[static_cast<size_t>(position - part.position)], count, buffer);
   return static_cast<int>(count);
+} catch (const std::bad_alloc&) {  // it may have left a part that nothing fetches
+  Fail(AVERROR(ENOMEM), "no memory");
+  return error_;
 }
 
 RemoteFile::Part* RemoteFile::PartAt(int64_t position) {
@@ -361,7 +365,7 @@ bool RemoteFile::StartNext() {
 
 void RemoteFile::Send(Part& part) {
   part.easy.reset(curl_easy_init());
-  LUM_CHECK(part.easy != nullptr) << "no memory for a web request";
+  if (!part.easy) return Fail(AVERROR(ENOMEM), "no memory");
   const auto receive_header = [](char* data, size_t, size_t size, void* user) -> size_t {
     try {
       const size_t visible =
