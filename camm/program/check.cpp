@@ -65,7 +65,7 @@ int RunCheck(const CheckVerbOptions& options) {
     const CheckResult result = Check(path, options.checking);
     const int code = ExitCodeOf(result);
     if (code != kExitWhole) worst = options.files.size() == 1 ? code : kExitPartial;
-    if (code > kExitPartial) ReportReading(options.common, name, result.reading);
+    if (code > kExitPartial) ReportReading(options.common, path, result.reading);
     if (options.common.json) {
       all.push_back(ToJson(name, result));
       continue;

@@ -27,7 +27,7 @@ int RunInfo(const InfoOptions& options) {
     progress->Next();
     const std::string name = lum::ShownName(path);
     const Summary info = Summarize({path, nullptr}, reading);
-    ReportReading(options.common, name, info.result);
+    ReportReading(options.common, path, info.result);
     if (options.common.json) {
       all += (all.empty() ? "" : ",\n") + SummaryJson(name, info);
     } else if (info.result.status != Status::kCannotOpen) {

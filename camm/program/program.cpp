@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "av_toolbox/address.h"
+#include "camm/program/summary_text.h"
 
 namespace camm::program {
 namespace fs = std::filesystem;
@@ -71,22 +72,6 @@ void Message(std::string_view text) {
 
 void Note(const CommonOptions& common, std::string_view text) {
   if (!common.quiet) Message(text);
-}
-
-std::string WhyUnread(const ReadResult& result) {
-  switch (result.status) {
-    case Status::kCannotOpen:
-      return "cannot be read: " + result.error;
-    case Status::kNoTrack:
-      return "no camm track";
-    case Status::kNoSamples:
-      return "the camm track holds no samples";
-    case Status::kPartial:
-      return "damaged or cut: what could be read is there";
-    case Status::kWhole:
-      break;
-  }
-  return {};
 }
 
 void ReportReading(const CommonOptions& common, const std::string& path, const ReadResult& result) {

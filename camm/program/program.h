@@ -70,8 +70,6 @@ void Message(std::string_view text);
 /// The same unless `quiet`.
 void Note(const CommonOptions& common, std::string_view text);
 
-/// In words, why a file could not be read or not whole; empty where it was.
-std::string WhyUnread(const ReadResult& result);
 /// What reading said, for people: problems as notes, failure as a message.
 void ReportReading(const CommonOptions& common, const std::string& path, const ReadResult& result);
 

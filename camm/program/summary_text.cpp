@@ -181,4 +181,20 @@ std::string SummaryJson(const std::string& name, const Summary& info) {
   return json.dump(2, ' ', false, ordered_json::error_handler_t::replace);
 }
 
+std::string WhyUnread(const ReadResult& result) {
+  switch (result.status) {
+    case Status::kCannotOpen:
+      return "cannot be read: " + result.error;
+    case Status::kNoTrack:
+      return "no camm track";
+    case Status::kNoSamples:
+      return "the camm track holds no samples";
+    case Status::kPartial:
+      return "damaged or cut: what could be read is there";
+    case Status::kWhole:
+      break;
+  }
+  return {};
+}
+
 }  // namespace camm::program

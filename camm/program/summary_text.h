@@ -1,4 +1,4 @@
-// A summary in words and as JSON.
+// What reading found, in words and as JSON.
 #ifndef CAMM_PROGRAM_SUMMARY_TEXT_H_
 #define CAMM_PROGRAM_SUMMARY_TEXT_H_
 
@@ -13,6 +13,9 @@ std::string SummaryText(const std::string& name, const Summary& info);
 
 /// All figures as one object; null where a figure is unknown.
 std::string SummaryJson(const std::string& name, const Summary& info);
+
+/// In words, why a file could not be read or not whole; empty where it was.
+std::string WhyUnread(const ReadResult& result);
 
 }  // namespace camm::program
 

@@ -11,7 +11,6 @@
 
 #include "av_toolbox/address.h"
 #include "camm/imu.h"
-#include "camm/program/program.h"
 #include "camm/program/summary_text.h"
 #include "camm/recording.h"
 #include "camm/summary.h"
@@ -285,7 +284,7 @@ PYBIND11_MODULE(_camm, module) {
   });
   module.def("info", [](const Recording& self, const std::string& path) {
     const py::gil_scoped_release unlocked;
-    return camm::program::SummaryJson(path, camm::Summarize(self));
+    return camm::program::SummaryJson(lum::ShownName(path), camm::Summarize(self));
   });
   module.def("write", &Write);
   module.def("imu", [](const Recording& self) {
