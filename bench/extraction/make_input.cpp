@@ -20,11 +20,14 @@
 #include <utility>
 #include <vector>
 
-#include "support/samples.h"
+#include "samples/av_encode.h"
+#include "samples/bytes.h"
+#include "samples/camera.h"
+#include "samples/mp4_layouts.h"
 
 namespace {
 
-using namespace motrace::testing;  // NOLINT(google-build-using-namespace): one short program
+using namespace motrace::samples;  // NOLINT(google-build-using-namespace): one short program
 
 constexpr uint32_t kTicksPerSecond = 60000;  // divides by every rate below
 constexpr uint32_t kFramesPerSecond = 60;

@@ -5,8 +5,8 @@
 #include "samples/av_encode.h"     // IWYU pragma: export
 #include "samples/bytes.h"         // IWYU pragma: export
 #include "samples/camera.h"        // IWYU pragma: export
+#include "samples/mp4_layouts.h"   // IWYU pragma: export
 #include "support/camm_samples.h"  // IWYU pragma: export
-#include "support/mp4_layouts.h"   // IWYU pragma: export
 
 namespace motrace::testing {
 using namespace samples;  // NOLINT(google-build-using-namespace): nearly every test makes some

@@ -1,5 +1,5 @@
-#ifndef MOTRACE_TESTS_SUPPORT_MP4_LAYOUTS_H_
-#define MOTRACE_TESTS_SUPPORT_MP4_LAYOUTS_H_
+#ifndef MOTRACE_SAMPLES_MP4_LAYOUTS_H_
+#define MOTRACE_SAMPLES_MP4_LAYOUTS_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -16,12 +16,7 @@
 /// 14496-15) in the layouts of real cameras, which neither common muxers nor `camm::TrackWriter`
 /// make: motion and video interleaved or in fragments, several data tracks, tables that lie. It
 /// copies what it is told and checks nothing.
-namespace motrace::testing {
-
-using samples::Bytes;
-using samples::CameraOptions;
-using samples::Concat;
-using samples::EncodedStream;
+namespace motrace::samples {
 
 /// One entry of an edit list.
 struct Mp4Edit {
@@ -122,6 +117,6 @@ Mp4Track ToMp4Track(const EncodedStream& stream, std::uint32_t timescale,
 /// What a camera records, as a track.
 Mp4Track CameraTrack(const CameraOptions& options = {});
 
-}  // namespace motrace::testing
+}  // namespace motrace::samples
 
-#endif  // MOTRACE_TESTS_SUPPORT_MP4_LAYOUTS_H_
+#endif  // MOTRACE_SAMPLES_MP4_LAYOUTS_H_

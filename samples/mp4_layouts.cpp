@@ -1,4 +1,4 @@
-#include "support/mp4_layouts.h"
+#include "samples/mp4_layouts.h"
 
 extern "C" {
 #include <libavutil/mathematics.h>
@@ -10,7 +10,7 @@ extern "C" {
 #include <limits>
 #include <utility>
 
-namespace motrace::testing {
+namespace motrace::samples {
 namespace {
 
 constexpr std::uint32_t kMovieTimescale = 1000;
@@ -441,4 +441,4 @@ Mp4Track CameraTrack(const CameraOptions& options) {
   return track;
 }
 
-}  // namespace motrace::testing
+}  // namespace motrace::samples
