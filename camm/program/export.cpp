@@ -163,18 +163,11 @@ struct ReadingProgress {
 /// The name without folder and extension, as output files carry it.
 std::string Stem(const std::string& input) { return FolderNames({input}).front(); }
 
-Outcome ExportOne(const ExportOptions& options, const std::string& input, const fs::path& folder,
-                  ReadingProgress& progress) {
-  Outcome outcome;
-  OutputFiles output(options.force);
-  const std::string shown = lum::ShownName(input);
-  // Nothing can be written beside an address.
-  FolderFiles files(output, options, folder,
-                    lum::IsWebAddress(input) ? folder / "video" : fs::path(input));
-  formats::Options settings = options.settings;
-  settings.name = Stem(input);
-  settings.video = fs::path(shown).filename().string();
-
+/// Reads into `recording` and counts the samples of the types asked for. Formats that take them as
+/// they come write here; series are kept for the others.
+std::int64_t ReadSamples(const ExportOptions& options, const std::string& input,
+                         const formats::Options& settings, formats::Files& files,
+                         ReadingProgress& progress, Recording& recording) {
   ReadOptions reading = options.reading;
   reading.on_open = [&](const ReadResult& result) {
     for (const Track& track : result.tracks) {
@@ -183,14 +176,11 @@ Outcome ExportOne(const ExportOptions& options, const std::string& input, const 
   };
   std::vector<std::unique_ptr<formats::StreamWriter>> streams;
   unsigned kept = 0;
-  bool need_frames = false;
   for (const Format* format : options.formats) {
     if (format->stream != nullptr) streams.push_back(format->stream(settings, files));
     kept |= format->types;
-    need_frames = need_frames || format->frames;
   }
   kept &= options.types;
-  Recording recording;
   std::int64_t taken = 0;
   recording.result = Stream({input, nullptr}, reading, [&](const TimedSample& sample) {
     progress.done.store(progress.done.load(std::memory_order_relaxed) + 1,
@@ -207,24 +197,22 @@ Outcome ExportOne(const ExportOptions& options, const std::string& input, const 
         },
         sample.sample);
   });
-  const Status status = recording.result.status;
-  ReportReading(options.common, input, recording.result);
-  outcome.samples = taken;
-  outcome.exit_code = static_cast<int>(status);
-  outcome.error = recording.result.error;
-  if (status != Status::kWhole && status != Status::kPartial) return outcome;
+  return taken;
+}
 
-  FrameTimes frames;
-  if (need_frames) frames = ReadFrames({input, nullptr});
+/// Writes the formats that need the whole recording, notes what became of each, and returns how
+/// many there was nothing for.
+std::size_t WriteFormats(const std::vector<const Format*>& wanted, const formats::Source& source,
+                         formats::Files& files, Outcome& outcome) {
   std::size_t missing = 0;
-  for (const Format* format : options.formats) {
+  for (const Format* format : wanted) {
     Report report;
-    if (format->write != nullptr && taken > 0) {
-      report = format->write({recording, frames, settings}, files);
+    if (format->write != nullptr && outcome.samples > 0) {
+      report = format->write(source, files);
     } else {
-      report.written = taken > 0;
+      report.written = outcome.samples > 0;
     }
-    if (taken == 0) report.notes = {"no samples of the types asked for"};
+    if (outcome.samples == 0) report.notes = {"no samples of the types asked for"};
     for (const std::string& note : report.notes) {
       outcome.notes.push_back(fmt::format("{}: {}", format->name, note));
     }
@@ -233,6 +221,35 @@ Outcome ExportOne(const ExportOptions& options, const std::string& input, const 
       outcome.notes.push_back(fmt::format("{}: not written", format->name));
     }
   }
+  return missing;
+}
+
+Outcome ExportOne(const ExportOptions& options, const std::string& input, const fs::path& folder,
+                  ReadingProgress& progress) {
+  Outcome outcome;
+  OutputFiles output(options.force);
+  const std::string shown = lum::ShownName(input);
+  // Nothing can be written beside an address.
+  FolderFiles files(output, options, folder,
+                    lum::IsWebAddress(input) ? folder / "video" : fs::path(input));
+  formats::Options settings = options.settings;
+  settings.name = Stem(input);
+  settings.video = fs::path(shown).filename().string();
+
+  Recording recording;
+  outcome.samples = ReadSamples(options, input, settings, files, progress, recording);
+  const Status status = recording.result.status;
+  ReportReading(options.common, input, recording.result);
+  outcome.exit_code = static_cast<int>(status);
+  outcome.error = recording.result.error;
+  if (status != Status::kWhole && status != Status::kPartial) return outcome;
+
+  FrameTimes frames;
+  const bool need_frames = std::any_of(options.formats.begin(), options.formats.end(),
+                                       [](const Format* format) { return format->frames; });
+  if (need_frames) frames = ReadFrames({input, nullptr});
+  const std::size_t missing =
+      WriteFormats(options.formats, {recording, frames, settings}, files, outcome);
   for (const std::string& note : outcome.notes) {
     Note(options.common, fmt::format("{}: {}", shown, note));
   }

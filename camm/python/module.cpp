@@ -20,6 +20,8 @@ namespace py = pybind11;
 
 namespace {
 
+using camm::Recording;
+
 /// Names, formats and offsets of a record's fields, as NumPy takes them.
 struct Layout {
   py::list names, formats, offsets;
@@ -75,11 +77,10 @@ py::array View(const py::dtype& type, Samples& samples, const py::object& owner)
 }
 
 template <typename T>
-void DefineSeries(py::class_<camm::Recording, std::shared_ptr<camm::Recording>>& recording,
-                  py::dict& types) {
+void DefineSeries(py::class_<Recording, std::shared_ptr<Recording>>& recording, py::dict& types) {
   types[py::str(std::string(T::kName))] = SeriesType<T>();
   recording.def_property_readonly(std::string(T::kName).c_str(), [](const py::object& self) {
-    return View(SeriesType<T>(), self.cast<camm::Recording&>().Of<T>(), self);
+    return View(SeriesType<T>(), self.cast<Recording&>().Of<T>(), self);
   });
 }
 
@@ -201,12 +202,7 @@ py::dict FieldsOf(const camm::TimedSample& sample) {
   return fields;
 }
 
-}  // namespace
-
-PYBIND11_MODULE(_camm, module) {
-  camm::SilenceMessages();
-  module.attr("NO_TIME") = camm::kNoTime;
-
+void DefineError(py::module_& module) {
   static const py::exception<Failure> failure(module, "Error");
   // NOLINTNEXTLINE(performance-unnecessary-value-param): the type that pybind11 wants
   py::register_exception_translator([](std::exception_ptr thrown) {
@@ -221,8 +217,9 @@ PYBIND11_MODULE(_camm, module) {
       PyErr_SetObject(failure.ptr(), error.ptr());
     }
   });
+}
 
-  using camm::Recording;
+void DefineRecording(py::module_& module) {
   py::class_<Recording, std::shared_ptr<Recording>> recording(module, "Recording");
   py::dict types;
   DefineSeries<camm::AngleAxis>(recording, types);
@@ -239,7 +236,9 @@ PYBIND11_MODULE(_camm, module) {
     for (const camm::Problem& problem : self.result.problems) texts.push_back(problem.text);
     return texts;
   });
+}
 
+void DefineSamples(py::module_& module) {
   py::class_<camm::TimedSample>(module, "Sample")
       .def_property_readonly("type",
                              [](const camm::TimedSample& self) {
@@ -266,7 +265,9 @@ PYBIND11_MODULE(_camm, module) {
   py::class_<SampleIterator>(module, "SampleIterator")
       .def("__iter__", [](const py::object& self) { return self; })
       .def("__next__", &SampleIterator::Next);
+}
 
+void DefineReading(py::module_& module) {
   module.def("read", [](const std::string& path, int stream, const std::string& origin) {
     const camm::ReadOptions options = Options(stream, origin);
     auto read = std::make_shared<Recording>();
@@ -282,11 +283,9 @@ PYBIND11_MODULE(_camm, module) {
     const py::gil_scoped_release unlocked;
     return std::make_unique<SampleIterator>(path, options);
   });
-  module.def("info", [](const Recording& self, const std::string& path) {
-    const py::gil_scoped_release unlocked;
-    return camm::program::SummaryJson(lum::ShownName(path), camm::Summarize(self));
-  });
-  module.def("write", &Write);
+}
+
+void DefineImu(py::module_& module) {
   module.def("imu", [](const Recording& self) {
     auto merged = std::make_unique<std::vector<camm::ImuSample>>();
     {
@@ -299,4 +298,21 @@ PYBIND11_MODULE(_camm, module) {
     });
     return View(ImuType(), samples, owner);
   });
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_camm, module) {
+  camm::SilenceMessages();
+  module.attr("NO_TIME") = camm::kNoTime;
+  DefineError(module);
+  DefineRecording(module);
+  DefineSamples(module);
+  DefineReading(module);
+  DefineImu(module);
+  module.def("info", [](const Recording& self, const std::string& path) {
+    const py::gil_scoped_release unlocked;
+    return camm::program::SummaryJson(lum::ShownName(path), camm::Summarize(self));
+  });
+  module.def("write", &Write);
 }
