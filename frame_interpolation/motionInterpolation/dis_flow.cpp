@@ -16,6 +16,13 @@ constexpr int kLargestStride = 1 << 16;
 
 constexpr int kScales = 10;
 constexpr int kPropagationStripes = 8;
+/// Refinement of the scales above the finest one. They only start the search below them, but where
+/// motions are large any change of a coarse flow sends it elsewhere. With this many warps, after
+/// which the pull lets nothing move, every number of iterations starts the finest scale alike, and
+/// more of them don't come out worse by chance.
+constexpr int kCoarseWarps = 5;
+constexpr float kCoarsePullGrowth = 16.0F;
+constexpr float kFinestPullGrowth = 2.0F;
 /// Pixels of a pyramid level beyond which all threads share its work.
 constexpr int kSharedPixels = 1 << 20;
 constexpr int kMinPixelsPerStripe = 1 << 14;
@@ -160,6 +167,8 @@ void DISOpticalFlowImpl::prepareBuffers(Size full, int finest, int coarsest) {
     refinement.setDelta(variational_refinement_delta);
     refinement.setGamma(variational_refinement_gamma);
     refinement.setIterations(variational_refinement_iter);
+    refinement.setLeastWarps(i > finest ? kCoarseWarps : 0);
+    refinement.setPullGrowth(i > finest ? kCoarsePullGrowth : kFinestPullGrowth);
   }
 
   const Size finest_size = sizeAt(full, finest);

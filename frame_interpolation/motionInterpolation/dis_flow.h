@@ -45,6 +45,8 @@ class DISOpticalFlow : public DenseOpticalFlow {
   virtual void setGradientDescentIterations(int value) = 0;
 
   /// Iterations of the variational refinement per scale: at least 0; 0 switches it off.
+  /// On scales above the finest one, which only start the search, they share five warps: fewer take
+  /// several each, and the pull of the fifth lets nothing move any more.
   virtual int getVariationalRefinementIterations() const = 0;
   virtual void setVariationalRefinementIterations(int value) = 0;
 

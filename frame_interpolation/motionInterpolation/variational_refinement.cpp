@@ -36,11 +36,11 @@ constexpr int kBlockSteps = 16;
 
 /// The largest of the three weights is scaled to this, that of the defaults.
 constexpr float kLargestWeight = 20.0F;
-/// Pull of each pixel towards the flow that the first iteration starts from; twice as strong in
-/// each next one, so that the flow settles. At the minimum of the energy itself it is smoother than
-/// motions are: the error falls for ten iterations and would rise again.
+/// Pull of each pixel towards the flow that the first warp starts from; stronger for each next one,
+/// so that the flow settles. At the minimum of the energy itself it is smoother than motions are:
+/// the error falls for ten iterations and would rise again.
 constexpr float kPull = 0.1F;
-constexpr int kLastDoubling = 24;  // nothing moves any more
+constexpr float kLargestPull = 1e5F;  // nothing moves any more
 
 int aligned(int count) { return (count + 15) / 16 * 16; }
 
@@ -130,13 +130,25 @@ void VariationalRefinement::checkParameters() const {
   requireFiniteNonNegative(alpha_, "alpha must be finite and at least 0");
   requireFiniteNonNegative(delta_, "delta must be finite and at least 0");
   requireFiniteNonNegative(gamma_, "gamma must be finite and at least 0");
-  if (iterations_ < 0) CV_Error(Error::StsOutOfRange, "iterations must be at least 0");
+  if (std::min(iterations_, least_warps_) < 0) {
+    CV_Error(Error::StsOutOfRange, "iterations and warps must be at least 0");
+  }
+  if (!(pull_growth_ >= 1.0F && std::isfinite(pull_growth_))) {
+    CV_Error(Error::StsOutOfRange, "pull growth must be finite and at least 1");
+  }
   if (sweeps_ < 1 || sweeps_ > kMostSweeps) {
     CV_Error(Error::StsOutOfRange, "solver sweeps must be 1 to 1000");
   }
   if (!(omega_ > 0.0F && omega_ < 2.0F)) {
     CV_Error(Error::StsOutOfRange, "relaxation must be above 0 and below 2");
   }
+}
+
+int VariationalRefinement::warpCount() const {
+  const int wanted = std::max(iterations_, least_warps_);
+  int warps = 0;
+  for (float pull = kPull; warps < wanted && pull < kLargestPull; pull *= pull_growth_) ++warps;
+  return warps;
 }
 
 void VariationalRefinement::allocate(Size size, int bands) {
@@ -267,10 +279,11 @@ void VariationalRefinement::refine(const Mat& i0, const Mat& i1, Mat& u, Mat& v)
   const double sum = std::accumulate(args.edge_sums, args.edge_sums + size.height, 0.0);
   if (sum > 0.0) args.alpha *= static_cast<float>(edges / sum);
 
-  runBands(begun_, done_, iterations_, [&](int band, int iteration) {
+  const int warps = warpCount();
+  runBands(begun_, done_, warps, [&](int band, int warp) {
     RefineArgs now = args;
-    now.pull = kPull * static_cast<float>(1 << std::min(iteration, kLastDoubling));
-    table.solve(now, bandAt(band, bands), iteration, iteration + 1 == iterations_);
+    now.pull = kPull * std::pow(pull_growth_, static_cast<float>(warp));
+    table.solve(now, bandAt(band, bands), warp, warp + 1 == warps);
   });
 }
 

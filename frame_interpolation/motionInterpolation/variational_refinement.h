@@ -22,8 +22,8 @@ struct RefineArgs;
 /// 0.05 across a strong edge, 1 on average. Psi(s^2) = sqrt(s^2 + 0.3^2).
 /// Each iteration warps the second image anew, with cubic interpolation, takes the robust weights
 /// from the flow so far, and solves the linear system by red-black successive over-relaxation. It
-/// also pulls the flow towards what it starts from, twice as strongly as the iteration before: so
-/// many iterations stay near the minimum that belongs to the incoming flow.
+/// also pulls the flow towards what it starts from, by default twice as strongly as the iteration
+/// before: so many iterations stay near the minimum that belongs to the incoming flow.
 ///
 /// Algorithm: Brox, Bruhn, Papenberg, Weickert, "High Accuracy Optical Flow Estimation Based on a
 /// Theory for Warping", ECCV 2004; data terms normalised after Zimmer, Bruhn, Weickert, "Optic Flow
@@ -55,7 +55,17 @@ class VariationalRefinement {
   int getIterations() const { return iterations_; }
   void setIterations(int value) { iterations_ = value; }
 
-  /// Sweeps of the solver over both colours per iteration: 1 to 1000.
+  /// Warps at least, in all iterations together: where these are fewer, some take several. At least
+  /// 0.
+  int getLeastWarps() const { return least_warps_; }
+  void setLeastWarps(int value) { least_warps_ = value; }
+
+  /// By what the pull grows from warp to warp: finite, at least 1. Where it is so strong that
+  /// nothing moves any more, further warps are left out: from the 21st on with 2, the 6th with 16.
+  float getPullGrowth() const { return pull_growth_; }
+  void setPullGrowth(float value) { pull_growth_ = value; }
+
+  /// Sweeps of the solver over both colours per warp: 1 to 1000.
   int getSolverSweeps() const { return sweeps_; }
   void setSolverSweeps(int value) { sweeps_ = value; }
 
@@ -77,6 +87,7 @@ class VariationalRefinement {
 
  private:
   void checkParameters() const;
+  int warpCount() const;
   void allocate(Size size, int bands);
   kernels::RefineArgs refineArgs(const Mat& i0, Mat& u, Mat& v);
   kernels::Band bandAt(int index, int bands);
@@ -86,6 +97,8 @@ class VariationalRefinement {
   float delta_ = 5.0F;
   float gamma_ = 10.0F;
   int iterations_ = 5;
+  int least_warps_ = 0;
+  float pull_growth_ = 2.0F;
   int sweeps_ = 4;
   float omega_ = 1.8F;
 
