@@ -9,7 +9,6 @@
 #include "editor/file_media_src.h"
 #include "run_source.h"
 
-// [source]
 class MemorySource : public lum::IOSource {
  public:
   explicit MemorySource(std::vector<char> bytes) : bytes_(std::move(bytes)) {}
@@ -36,7 +35,6 @@ class MemorySource : public lum::IOSource {
   std::vector<char> bytes_;
   int64_t position_ = 0;
 };
-// [source]
 
 int main(int argc, char** argv) {
   if (argc != 2) return 2;

@@ -50,7 +50,7 @@ void CheckXml(const std::string& content) {
   Require(result == XML_STATUS_OK, "XML parses");
 }
 
-/// Rows behind `header_lines`, each with as many cells as the line above the first.
+/// Rows after `header_lines`, each with as many cells as the line above the first.
 /// @param increasing the first cell is a whole number, above that of the row before.
 void CheckTable(const std::string& content, bool increasing) {
   std::ptrdiff_t cells = -1;

@@ -1,5 +1,5 @@
 // The row kernels' one source, compiled once per instruction set after OpenCV's universal
-// intrinsics. It defines the table LUM_KERNELS. No include guard: it is no header.
+// intrinsics. It defines the table LUM_KERNELS. No include guard: it is not a header.
 
 #include <cstring>
 

@@ -30,7 +30,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_message(self, *_):
         pass
 
-    # Before the last bytes are sent: whoever has them may ask at once, on another connection too.
+    # Before the last bytes are sent: a client that has them may ask at once, on another connection too.
     def count_as_served(self):
         with lock:
             stats["now"] -= self.waiting

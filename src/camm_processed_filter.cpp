@@ -90,7 +90,7 @@ bool CammProcessedFilter::OpenOutput(OutputFile& file, const char* name) {
   return false;
 }
 
-// What was lost for want of memory makes a file incomplete even where all of the rest is written.
+// What was lost to a lack of memory makes a file incomplete even where all of the rest is written.
 void CammProcessedFilter::CloseOutput(OutputFile& file, bool lost) {
   const bool written = file.Close();
   if (written && !lost && !out_of_memory_) return;
@@ -131,7 +131,7 @@ void CammProcessedFilter::Decode(const lum::QVXPacket& packet, AVRational time_b
   const int size = packet.size;
   int pos = 0;
   int payload_end = 0;  // of the last sample of which only the header was skipped
-  // Samples of other types, and those whose payload is cut, are left behind by their header alone:
+  // Samples of other types, and those whose payload is cut, are passed over by their header alone:
   // what follows it is read as headers again until one fits. A header needs all of its bytes.
   while (size - pos >= kHeaderSize) {
     const bool rereading = pos < payload_end;

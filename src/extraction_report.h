@@ -11,7 +11,7 @@
 namespace lum::vela {
 
 /// One line for each thing that a user should know. Problems: an input that could not be opened or
-/// read whole, a data stream that is missing or is no motion metadata, samples that were lost or
+/// read whole, a data stream that is missing or not motion metadata, samples that were lost or
 /// stand with the wrong partner, outputs that are missing or not whole, nothing at all. Lines that
 /// begin with "note: " are about what is as it should be, but may surprise: samples of types that
 /// are not extracted, for one. Empty when there is nothing to say.

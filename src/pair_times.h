@@ -58,7 +58,7 @@ class PairTimes {
   }
 
   int64_t lead_ = 0;     // gyroscope samples beyond the accelerometer's
-  int64_t partner_ = 0;  // of the next sample of the kind that is behind: the first that waits
+  int64_t partner_ = 0;  // of the next sample of the kind that has fewer: the first that waits
   std::deque<int64_t> waiting_;  // those after it
   double largest_gap_ = 0;
   int64_t last_ = AV_NOPTS_VALUE;

@@ -18,7 +18,7 @@ from browser import Browser  # noqa: E402
 
 OPENS = 8  # the first is a warm-up
 
-# Resolves when the frame that is drawn next is done: what is sent in it arrives behind it.
+# Resolves when the frame that is drawn next is done: what is sent in it arrives after it.
 FRAME = """window.frame = () => new Promise((done) => requestAnimationFrame(() => {
   const { port1, port2 } = new MessageChannel();
   port1.onmessage = () => done(performance.now());

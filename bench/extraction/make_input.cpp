@@ -5,7 +5,7 @@
 // 60 Hz exposure, 10 Hz GPS, every sample a packet of its own (with --paired the two motion samples
 // of an instant share one). The track follows the video; with --interleaved the two alternate by
 // the second, as recorders write them, with --fragmented in fragments. The first second holds real
-// frames, so that probing finds what it looks for; behind it the pictures are holes of a sparse
+// frames, so that probing finds what it looks for; after it the pictures are holes of a sparse
 // file, which cost no disk and read back as zeros. With --mpegts it is a transport stream: every
 // byte is stored.
 

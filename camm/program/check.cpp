@@ -85,7 +85,7 @@ int RunCheck(const CheckVerbOptions& options) {
   }
   progress.reset();
   if (options.common.json) {
-    // Names and texts may be anything: what is no UTF-8 is replaced.
+    // Names and texts may be anything: what is not UTF-8 is replaced.
     const auto& shown = options.files.size() == 1 ? all[0] : all;
     out << shown.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
   }

@@ -231,7 +231,7 @@ std::vector<TimedSample> ReadGpx(const std::string& path, const LogOptions& opti
   if (length_ns / interval_ns > kMostPoints) {
     throw LogError(path + ": that rate gives too many points");
   }
-  std::size_t next = 1;  // the first point behind the time
+  std::size_t next = 1;  // the first point after the time
   for (std::int64_t i = 0;; ++i) {
     const double behind_first = static_cast<double>(i) * interval_ns;
     if (behind_first > length_ns) break;

@@ -55,7 +55,7 @@ class VerbHelp : public CLI::Formatter {
 CLI::App* AddVerb(CLI::App& app, const std::string& name, const std::string& description,
                   const std::string& example, CommonOptions& common) {
   CLI::App* verb = app.add_subcommand(name, description);
-  verb->set_help_flag("-h,--help", "")->group("");  // whoever reads it knows it
+  verb->set_help_flag("-h,--help", "")->group("");  // its reader knows it
   verb->add_flag("-q,--quiet", common.quiet, "Only errors on standard error");
   verb->add_flag("--json", common.json, "Standard output as JSON");
   verb->footer("Example: " + example);

@@ -103,7 +103,7 @@ class OutputFiles {
 };
 
 /// Redraws `text()` on standard error twice a second until destruction, which erases it. Draws
-/// nothing where standard error is no terminal, or if `quiet`.
+/// nothing where standard error is not a terminal, or if `quiet`.
 class Progress {
  public:
   Progress(const CommonOptions& common, std::function<std::string()> text);

@@ -65,7 +65,7 @@ bool CollectTimes(const mp4::Track& track, std::uint32_t movie_scale,
   return true;
 }
 
-/// @return false where the file is no MP4 file with a whole index.
+/// @return false where the file is not an MP4 file with a whole index.
 bool ReadIndex(mp4::Reader& file, FrameTimes& result) {
   const mp4::Layout layout = ReadLayout(file);
   const mp4::TopBox* moov = layout.Find(mp4::Type("moov"));

@@ -41,7 +41,7 @@ class Runs {
     cursor_.Version();
     runs_ = cursor_.U32();
   }
-  /// @return false behind the last.
+  /// @return false after the last.
   bool Next(std::uint32_t& value) {
     while (left_ == 0) {
       if (runs_ == 0 || cursor_.left() < 8) return false;

@@ -30,7 +30,7 @@ struct View {
   }
 };
 
-/// Reads big-endian numbers one after another. Behind the end everything is 0 and `ok` false.
+/// Reads big-endian numbers one after another. After the end everything is 0 and `ok` false.
 class Cursor {
  public:
   explicit Cursor(View view) : view_(view) {}
@@ -126,7 +126,7 @@ struct TopBox {
 
 struct Layout {
   std::vector<TopBox> boxes;
-  /// Where the last whole box ends. What follows is no box, or one that the file's end cuts off.
+  /// Where the last whole box ends. What follows is not a box, or one that the file's end cuts off.
   std::uint64_t end = 0;
   std::uint32_t cut_type = 0;  ///< the type in the header of the latter
 

@@ -383,7 +383,7 @@ class Source {
     out.Patch(before.offset, size.bytes.data(), size.bytes.size());
   }
 
-  /// What follows the last box: no box, so that it can stand behind the new ones.
+  /// What follows the last box: not a box, so that it can stand after the new ones.
   void CopyTrailerTo(OutputFile& out) {
     const auto size = static_cast<std::uint64_t>(file_.Size());
     if (size > layout_.end) out.AppendFrom(file_.descriptor(), layout_.end, size - layout_.end);

@@ -22,8 +22,8 @@ int LeapSeconds(double gps_seconds);
 
 /// Unix time in nanoseconds, from seconds since the GPS epoch.
 /// @param leap_seconds in place of the table's; unset: the table's.
-/// @return nothing for what is no time of a recording: not above 0 (a receiver that does not know
-///   the time yet says 0), no number, or behind the year 2261.
+/// @return nothing for what is not a recording's time: not above 0 (a receiver that does not know
+///   the time yet says 0), not a number, or after the year 2261.
 std::optional<std::int64_t> UtcFromGps(double gps_seconds,
                                        std::optional<int> leap_seconds = std::nullopt);
 
@@ -34,8 +34,8 @@ double GpsFromUtc(std::int64_t unix_ns, std::optional<int> leap_seconds = std::n
 std::string FormatUtc(std::int64_t unix_ns);
 
 /// Reads `2026-01-02T10:11:12`, with or without a fraction of up to nine places, and `Z` or an
-/// offset as `+01:00` (none: UTC). Leap seconds (`:60`) count as the second behind them.
-/// @return nothing if it is no such time, or outside 1678 to 2261.
+/// offset as `+01:00` (none: UTC). Leap seconds (`:60`) count as the second after them.
+/// @return nothing if it is not such a time, or outside 1678 to 2261.
 std::optional<std::int64_t> ParseUtc(std::string_view text);
 
 }  // namespace camm

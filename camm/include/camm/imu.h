@@ -21,7 +21,7 @@ struct ImuSeries {
   std::vector<ImuSample> samples;       ///< times strictly increasing
   std::int64_t gyro_without_time = 0;   ///< samples whose packet has no time
   std::int64_t gyro_repeated = 0;       ///< another sample had the same time
-  std::int64_t gyro_outside_accel = 0;  ///< before the first or behind the last acceleration
+  std::int64_t gyro_outside_accel = 0;  ///< before the first or after the last acceleration
   std::int64_t accel_without_time = 0;
   std::int64_t accel_repeated = 0;
 };

@@ -61,7 +61,7 @@ class Interpolator {
   /// @param samples of a `SortedSeries`, which must outlive this.
   explicit Interpolator(const Series<T>& samples) : samples_(samples) {}
 
-  /// The value at a time; nothing before the first sample and behind the last.
+  /// The value at a time; nothing before the first sample and after the last.
   std::optional<T> At(std::int64_t time_ns) {
     if (!Seek(time_ns)) return std::nullopt;
     const Timed<T>& after = samples_[next_];

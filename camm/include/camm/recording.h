@@ -137,8 +137,8 @@ ReadResult StreamPackets(const Input& input, const ReadOptions& options,
 /// that out.
 ///
 /// Times convert exactly from the track's time base, rounded to the nearest nanosecond where the
-/// time base is no divisor of one. Threads: reads on the calling thread, which `on_sample` runs on.
-/// Several files may be read on several threads. Errors: in the result; what `on_sample` throws
+/// time base is not a divisor of one. Threads: reads on the calling thread, which `on_sample` runs
+/// on. Several files may be read on several threads. Errors: in the result; what `on_sample` throws
 /// passes through.
 ReadResult Stream(const Input& input, const ReadOptions& options,
                   const std::function<void(const TimedSample&)>& on_sample);

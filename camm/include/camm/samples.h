@@ -155,7 +155,7 @@ struct Magnetic {
 using Sample = std::variant<AngleAxis, Exposure, Gyro, Accel, Position, GpsMin, Gps, Magnetic>;
 
 inline constexpr std::size_t kTypeCount = std::variant_size_v<Sample>;
-/// Bytes of a sample's header, and of each type's fields behind it.
+/// Bytes of a sample's header, and of each type's fields after it.
 inline constexpr std::size_t kHeaderSize = 4;
 inline constexpr std::array<std::size_t, kTypeCount> kPayloadSize{12, 8, 12, 12, 12, 24, 56, 12};
 

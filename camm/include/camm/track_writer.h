@@ -46,7 +46,7 @@ struct WriteResult {
 ///
 /// The video's bytes are copied as they are, to where they were, so that its tracks' tables stay
 /// valid; the motion samples and a new index are appended and the old index, where it is not the
-/// file's end, becomes free space. Bytes behind the last box (some cameras' trailers) stay the
+/// file's end, becomes free space. Bytes after the last box (some cameras' trailers) stay the
 /// file's end. Not for files in fragments.
 ///
 /// Times are on the container's time line, as `Stream` gives them. The time scale is the first of

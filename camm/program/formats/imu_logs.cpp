@@ -114,7 +114,7 @@ Report WriteGcsv(const Source& source, Files& files) {
       out << ',' << sample.gyro.x_rad_s << ',' << sample.gyro.y_rad_s << ',' << sample.gyro.z_rad_s;
     }
     if (with_field) {
-      // Every row has every column: the field is held before its first and behind its last sample.
+      // Every row has every column: the field is held before its first and after its last sample.
       const std::int64_t time =
           std::clamp(sample.time_ns, fields.samples.front().time_ns, fields.samples.back().time_ns);
       const Magnetic value = field.At(time).value_or(Magnetic{});

@@ -25,7 +25,7 @@ std::shared_ptr<AVCodecParameters> NewAVCodecParameters() {
 }
 
 std::shared_ptr<AVStream> NewAVStream() {
-  // Zeroed, so that a field nobody set has the same value in every run.
+  // Zeroed, so that a field that was not set has the same value in every run.
   auto* st = static_cast<AVStream*>(av_mallocz(sizeof(AVStream)));
   LUM_CHECK(st != nullptr);
   st->codecpar = avcodec_parameters_alloc();

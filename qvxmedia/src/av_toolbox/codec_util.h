@@ -20,7 +20,7 @@ std::shared_ptr<AVStream> NewAVStream();
 /// @param sample_format an `AVSampleFormat`.
 /// @param channel_layout a mask of `AV_CH_*`.
 /// @param sample_rate samples per second.
-/// @param extradata may be null when `extradata_size` is 0; copied, with FFmpeg's padding behind.
+/// @param extradata may be null when `extradata_size` is 0; copied, with FFmpeg's padding after it.
 /// @param extradata_size bytes.
 /// @param time_base unit of the stream's time stamps, in seconds.
 std::shared_ptr<AVStream> NewAACStream(int sample_format, uint64_t channel_layout, int channels,

@@ -39,7 +39,7 @@ void RenewIfShared(std::shared_ptr<QVXPacket>& packet) {
     packet = NewPacket();
     return;
   }
-  // Whoever held it last, maybe on another thread, is done with it.
+  // Its last other owner, maybe on another thread, is done with it.
 #if defined(__SANITIZE_THREAD__)  // knows no fences
   // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   const std::shared_ptr<QVXPacket> ordered = packet;
@@ -48,7 +48,7 @@ void RenewIfShared(std::shared_ptr<QVXPacket>& packet) {
 #endif
 }
 
-// Empties a packet that nobody else holds, or makes a new one.
+// Empties a packet without another owner, or makes a new one.
 void ReuseOrRenew(std::shared_ptr<QVXPacket>& packet) {
   RenewIfShared(packet);
   av_packet_unref(packet.get());
@@ -254,8 +254,8 @@ int Demuxer::NextPacket(std::shared_ptr<QVXPacket>& out) {
     eof_ = true;
     LUM_LOG_AT(kVerbose, site::kDemuxReadEof) << "ReadPacket eof.";
   } else {
-    // A discarded video stream's packets may still come out of the probe's buffer: nobody wants
-    // them, and a broken one must not end the reading.
+    // A discarded video stream's packets may still come out of the probe's buffer: no consumer
+    // wants them, and a broken one must not end the reading.
     if (out->stream_index != video_index_ || VideoStream()->discard == AVDISCARD_ALL) return 0;
     const int sent = bsf_->SendPacket(out);
     if (sent != 0) {

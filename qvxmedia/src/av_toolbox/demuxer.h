@@ -48,7 +48,7 @@ class Demuxer {
 
   /// Reads the next packet as it is stored.
   /// @param[in,out] out the packet, null on failure. The packet object that is passed in is used
-  ///   again when nobody else holds it.
+  ///   again when it has no other owner.
   /// @return 0, `AVERROR_EOF` at the end, or another negative FFmpeg error.
   int ReadPacket(std::shared_ptr<QVXPacket>& out);
 
@@ -62,7 +62,7 @@ class Demuxer {
   /// input was probed may still arrive. Indices without a stream are ignored.
   void DiscardStream(unsigned index);
 
-  /// How many bytes the container's index names that lie behind the file's end: above 0, the file
+  /// How many bytes the container's index names that lie beyond the file's end: above 0, the file
   /// was cut. 0 where the container has no such index (only MP4 and its kin do) or the size is
   /// unknown.
   [[nodiscard]] int64_t MissingBytes() const;

@@ -26,7 +26,7 @@ class InputGuard {
  public:
   /// Why an input of this format is refused, in plain words; empty when it is not, or not known
   /// yet. A playlist, concat script, manifest or session description names files and addresses of
-  /// its own, and whoever names it did not name those.
+  /// its own, which the user did not name.
   static std::string ListRefusal(const AVFormatContext* format);
 
   /// `Admit` can judge only what is at least this long, or the input's end.

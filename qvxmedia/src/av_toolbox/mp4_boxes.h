@@ -20,7 +20,7 @@ namespace lum {
 bool IsPlainTrack(const ByteInput& input, int64_t size, uint32_t track_id);
 
 /// Has the `moov` box of an MP4 fetched, wherever it stands, since that is what will be read first.
-/// Nothing happens where the input's beginning is no row of an MP4's usual boxes.
+/// Nothing happens where the input's beginning is not a row of an MP4's usual boxes.
 void PrefetchMovie(const ByteInput& input, int64_t size);
 
 }  // namespace lum

@@ -111,7 +111,7 @@ ReadingPlan::Range ReadingPlan::RangeFrom(int sample) const {
 bool ReadingPlan::ReadRange() {
   if (!ranges_.empty()) ranges_.pop_front();
   const bool refilling = ranges_.size() < kRangesAhead / 2;
-  // Many at a time: whoever fetches them may then join what lies close together.
+  // Many at a time: their source may then join what lies close together.
   while (refilling && ranges_.size() < kRangesAhead) {
     const int begin = ranges_.empty() ? next_ : ranges_.back().end;
     if (begin == count_) break;

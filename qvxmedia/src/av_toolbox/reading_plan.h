@@ -46,7 +46,7 @@ class ReadingPlan {
   [[nodiscard]] int handed_out() const { return next_ - first_; }
 
  private:
-  // Samples that lie one behind the other.
+  // Samples that lie one after the other.
   struct Range {
     int begin;  // samples
     int end;

@@ -25,9 +25,9 @@ using Clock = std::chrono::steady_clock;
 
 // Bytes.
 constexpr int64_t kKiB = 1024;
-constexpr int64_t kFirstPart = 64 * kKiB;           // also where nobody says what will be read
+constexpr int64_t kFirstPart = 64 * kKiB;           // also where reads are not announced
 constexpr int64_t kLargestPart = 512 * kKiB;        // of a request
-constexpr int64_t kLargestReadAhead = 4096 * kKiB;  // of a read that nobody announced
+constexpr int64_t kLargestReadAhead = 4096 * kKiB;  // of a read that was not announced
 constexpr int64_t kLargestGap = 32 * kKiB;          // between parts that one request asks for
 constexpr int64_t kAhead = 8192 * kKiB;             // of what was announced and not read
 constexpr int64_t kHeld = 32768 * kKiB;             // in all
@@ -60,7 +60,7 @@ const char* ValueOf(const std::string& line, const char* name) {
   return line.c_str() + std::min(line.find_first_not_of(" \t", size), line.size());
 }
 
-// Takes `before` and the number behind it off the text's beginning.
+// Takes `before` and the number after it off the text's beginning.
 template <typename Number>
 bool Take(std::string_view& text, char before, Number& number) {
   if (text.empty() || text.front() != before) return false;

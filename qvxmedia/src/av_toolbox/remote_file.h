@@ -95,7 +95,7 @@ class RemoteFile : public RandomAccessSource {
   std::deque<int64_t> order_;      // of their beginning, the oldest first
   std::vector<Part*> under_way_;   // asked for, or to be asked for again
   std::deque<Range> wanted_;       // and not asked for
-  int64_t unannounced_end_ = -1;   // of the last read that nobody had announced
+  int64_t unannounced_end_ = -1;   // of the last read that was not announced
   int64_t read_ahead_ = 0;
   // Bytes of parts, counted in the order of their beginning.
   int64_t begun_ = 0;

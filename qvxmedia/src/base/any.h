@@ -16,7 +16,7 @@ namespace lum {
 // NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): one assignment copies and moves
 class any {
  public:
-  /// What every held value is behind.
+  /// The base of what holds a value.
   class placeholder {
    public:
     placeholder() = default;

@@ -53,7 +53,7 @@ enum class RunOutcome : uint8_t {
   kOpenRefused,     ///< `Prepare`: a consumer refused to open.
   kReadFailed,      ///< The input could not be read on.
   kConsumerFailed,  ///< A consumer refused a call, or an exception left it.
-  kException,       ///< An exception ended the reading, such as for want of memory.
+  kException,       ///< An exception ended the reading, such as a lack of memory.
 };
 
 /// Whether a run that came to this failed.

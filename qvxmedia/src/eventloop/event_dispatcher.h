@@ -80,8 +80,8 @@ class EventDispatcher {
   // A pass over the queues is under way. Written on the loop thread with mutex_ held, so that the
   // loop thread reads it without.
   bool draining_ = false;
-  // What handlers post during a pass: nobody else touches it, so that it costs no lock. It comes
-  // before `queue_`, and is closed while anything waits there: the order of posting holds.
+  // What handlers post during a pass: no other thread touches it, so that it costs no lock. It
+  // comes before `queue_`, and is closed while anything waits there: the order of posting holds.
   std::deque<std::shared_ptr<Event>> own_queue_;
   std::atomic<bool> queue_waits_{false};                   // `queue_` is not empty
   std::unordered_map<TimerRecord*, event*> timer_events_;  // guarded by mutex_
