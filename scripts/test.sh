@@ -17,5 +17,6 @@ lines() { { git ls-files -z "$@" | xargs -0 cat 2>/dev/null || true; } | grep -c
 kinds=('*.cpp' '*.h' '*.cc' '*.hpp' '*.inc' '*.cl' '*.cu' '*.cuh' '*.py' '*.sh')
 if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
   tests=$(lines "${kinds[@]/#/:(glob)tests/**/}") all=$(lines "${kinds[@]}")
-  echo "tests: $tests of $all lines of code, $((1000 * tests / all / 10)).$((1000 * tests / all % 10)) %"
+  percent() { echo "$((1000 * tests / $1 / 10)).$((1000 * tests / $1 % 10)) %"; }
+  echo "tests: $tests of $all lines of code, $(percent "$all"); $(percent $((all - tests))) of the rest"
 fi

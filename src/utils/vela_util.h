@@ -19,8 +19,8 @@ namespace lum::vela {
 ///   or less means no limit.
 /// @return 0 when the pipe ended, 1 when it was cancelled, else the pipe's error code.
 /// @throws std::system_error when a thread cannot be started.
-int32_t RunPipe(const std::shared_ptr<MediaPipe>& pipe, uint32_t count, float factor,
-                int32_t timeout_seconds);
+[[nodiscard]] int32_t RunPipe(const std::shared_ptr<MediaPipe>& pipe, uint32_t count, float factor,
+                              int32_t timeout_seconds);
 
 }  // namespace lum::vela
 
