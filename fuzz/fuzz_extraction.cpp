@@ -93,7 +93,7 @@ void CompareWithPlainReading(const uint8_t* data, size_t size, bool skipped_stre
       .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   const auto packets = motrace::testing::ReadDataStream(path);
   if (!packets) return;
-  for (auto& [name, content] : motrace::testing::ExtractPlainly(*packets).files) {
+  for (auto& [name, content] : motrace::testing::ExtractPlainly(*packets)) {
     const Bytes written = ReadOutput(name);
     if (!skipped_streams) {
       Require(written == content, name.c_str());

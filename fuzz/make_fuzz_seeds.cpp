@@ -17,14 +17,13 @@ namespace {
 using namespace motrace::testing;  // NOLINT(google-build-using-namespace): one short program
 namespace fs = std::filesystem;
 
-const Vec3 kVector{0.5F, -1.25F, 9.75F};
-
-GpsFix Fix() {
-  GpsFix fix;
-  fix.time_gps_epoch = 1400000000.25;
-  fix.latitude = 48.137;
-  fix.longitude = 11.575;
-  fix.altitude = 519.5F;
+camm::Gps Fix() {
+  camm::Gps fix;
+  fix.fix_type = 3;
+  fix.time_gps_s = 1400000000.25;
+  fix.latitude_deg = 48.137;
+  fix.longitude_deg = 11.575;
+  fix.altitude_m = 519.5F;
   return fix;
 }
 
@@ -36,11 +35,7 @@ CameraOptions Camera(std::uint32_t timescale, int instants) {
 
 // A packet of the decoder's target: length, time, difference, payload.
 Bytes DecoderPacket(const Bytes& payload, uint8_t time, uint8_t difference) {
-  Bytes packet;
-  AppendU16(packet, static_cast<std::uint16_t>(payload.size()));
-  packet.push_back(time);
-  packet.push_back(difference);
-  return Concat({packet, payload});
+  return Concat({Packed(static_cast<std::uint16_t>(payload.size()), time, difference), payload});
 }
 
 void WriteDecoderSeeds(const fs::path& directory) {
@@ -58,14 +53,15 @@ void WriteDecoderSeeds(const fs::path& directory) {
   WriteFile(directory / "one_packet", Concat({{0}, DecoderPacket(together, 255, 0)}));
   WriteFile(directory / "carried_keys",
             Concat({{2},
-                    DecoderPacket(Concat({ExposureSample(-1, 2), GyroSample(kVector),
+                    DecoderPacket(Concat({ExposureSample(-1, 2), GyroSample({0.5F, -1.25F, 9.75F}),
                                           GpsSample(Fix()), AccelSample({}), GpsSample(Fix())}),
                                   254, 3)}));
   Bytes pairs{3};
   for (int i = 0; i < 14; ++i) {
-    pairs = Concat({pairs, DecoderPacket(Concat({GyroSample(kVector), AccelSample(kVector),
-                                                 ExposureSample(i, i)}),
-                                         static_cast<std::uint8_t>(i), 0)});
+    pairs = Concat(
+        {pairs, DecoderPacket(Concat({GyroSample({0.5F, -1.25F, 9.75F}),
+                                      AccelSample({0.5F, -1.25F, 9.75F}), ExposureSample(i, i)}),
+                              static_cast<std::uint8_t>(i), 0)});
   }
   WriteFile(directory / "pairs", pairs);
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "av_toolbox/media_files.h"
+#include "av_toolbox/packet_log.h"
 #include "support/log_capture.h"
 #include "support/memory_source.h"
 
@@ -19,33 +20,6 @@ namespace {
 
 using namespace ::motrace::testing;  // NOLINT(google-build-using-namespace): the fixtures' names
 using namespace ::testing;           // NOLINT(google-build-using-namespace): the matchers' names
-
-struct PacketCopy {
-  int stream;
-  int64_t pts;
-  int64_t dts;
-  Bytes data;
-
-  friend bool operator==(const PacketCopy& a, const PacketCopy& b) {
-    return a.stream == b.stream && a.pts == b.pts && a.dts == b.dts && a.data == b.data;
-  }
-};
-
-PacketCopy Copy(const QVXPacket& packet) {
-  return {packet.stream_index, packet.pts, packet.dts,
-          Bytes(packet.data, packet.data + packet.size)};
-}
-
-// Everything up to the first result that is not 0.
-struct Reading {
-  explicit Reading(Demuxer& demuxer) {
-    std::shared_ptr<QVXPacket> packet;
-    while ((end = demuxer.NextPacket(packet)) == 0) packets.push_back(Copy(*packet));
-  }
-
-  std::vector<PacketCopy> packets;
-  int end = 0;
-};
 
 // Whether the NAL units of an MP4 sample follow each other, each behind a start code.
 bool HoldsUnits(const Bytes& annex_b, const Bytes& length_prefixed) {
@@ -77,7 +51,7 @@ TEST_F(DemuxerTest, AvcInMp4LeavesAsAnnexBAndOtherStreamsAsTheyAre) {
   const EncodedStream audio = EncodeAac();
   const LogCapture log;
   const auto demuxer =
-      Open(Write({ToMp4Track(video, 90000), ToMp4Track(audio, 48000), MotionTrack(30)}));
+      Open(Write({ToMp4Track(video, 90000), ToMp4Track(audio, 48000), GyroTrack(30)}));
   EXPECT_THAT(
       log.Lines(),
       ElementsAre("VERBOSE av_toolbox/demuxer.cpp:148 check is mp4 format, need filter to annexb",
@@ -89,7 +63,7 @@ TEST_F(DemuxerTest, AvcInMp4LeavesAsAnnexBAndOtherStreamsAsTheyAre) {
   size_t pictures = 0;
   size_t sound = 0;
   float motion = 0;
-  for (const PacketCopy& packet : Reading(*demuxer).packets) {
+  for (const PacketCopy& packet : ReadAll(*demuxer).packets) {
     if (packet.stream == 0) {
       const EncodedPacket& written = video.packets.at(pictures++);
       EXPECT_TRUE(HoldsUnits(packet.data, written.data)) << pictures;
@@ -111,26 +85,26 @@ TEST_F(DemuxerTest, AnnexBFromTheStartIsReadUnfiltered) {
   options.annex_b = true;
   const std::string path = Mux("mpegts", EncodeH264(options));
   const LogCapture log;
-  const Reading reading(*Open(path));
+  const PacketLog reading = ReadAll(*Open(path));
   EXPECT_EQ(reading.end, AVERROR_EOF);
   EXPECT_THAT(log.Lines(), IsEmpty());
   const auto unfiltered = Open(path);
   std::shared_ptr<QVXPacket> packet;
   for (const PacketCopy& expected : reading.packets) {
     ASSERT_EQ(unfiltered->ReadPacket(packet), 0);
-    EXPECT_EQ(Copy(*packet), expected);
+    EXPECT_EQ(PacketCopy(*packet), expected);
   }
 }
 
 TEST_F(DemuxerTest, FilteredVideoAnnouncesTheEndOnceAndAgainAfterASeek) {
   for (const bool filtered : {true, false}) {
-    const auto demuxer = Open(Write({filtered ? VideoTrack() : MotionTrack(30)}));
+    const auto demuxer = Open(Write({filtered ? VideoTrack() : GyroTrack(30)}));
     std::vector<std::string> records;
     if (filtered) records = {"VERBOSE av_toolbox/demuxer.cpp:224 ReadPacket eof."};
     for (int round = 0; round < 2; ++round) {
       const LogCapture log;
       for (const size_t expected : {30U, 0U, 0U}) {
-        const Reading reading(*demuxer);
+        const PacketLog reading = ReadAll(*demuxer);
         EXPECT_THAT(reading.packets, SizeIs(expected));
         EXPECT_EQ(reading.end, AVERROR_EOF);
       }
@@ -141,14 +115,14 @@ TEST_F(DemuxerTest, FilteredVideoAnnouncesTheEndOnceAndAgainAfterASeek) {
 }
 
 TEST_F(DemuxerTest, ReadsFromAByteSourceThatCanSeekOrNot) {
-  const std::string path = Write({VideoTrack(), MotionTrack(50)}, Mp4Order::kMoovFirst);
-  const Reading expected(*Open(path));
+  const std::string path = Write({VideoTrack(), GyroTrack(50)}, Mp4Order::kMoovFirst);
+  const PacketLog expected = ReadAll(*Open(path));
   for (const bool seekable : {true, false}) {
     const auto source = std::make_shared<MemorySource>(ReadFile(path), seekable);
     const LogCapture log;
     const auto demuxer = Open("no such file, and none is needed", source);
     EXPECT_EQ(log.Lines()[0], "INFO av_toolbox/demuxer.cpp:118 use custom iosource demux.");
-    EXPECT_EQ(Reading(*demuxer).packets, expected.packets) << "seekable: " << seekable;
+    EXPECT_EQ(ReadAll(*demuxer).packets, expected.packets) << "seekable: " << seekable;
     EXPECT_EQ(source->seeks > 0, seekable);
     EXPECT_EQ(source.use_count(), 2);
     demuxer->Close();
@@ -156,7 +130,7 @@ TEST_F(DemuxerTest, ReadsFromAByteSourceThatCanSeekOrNot) {
   }
   // An index that stands last is out of reach without seeking back.
   const auto source = std::make_shared<MemorySource>(ReadFile(Write({LongTrack()})), false);
-  const Reading nothing(*Open("", source));
+  const PacketLog nothing = ReadAll(*Open("", source));
   EXPECT_THAT(nothing.packets, IsEmpty());
   EXPECT_LT(nothing.end, 0);
   EXPECT_EQ(source->seeks, 0);
@@ -166,7 +140,7 @@ TEST_F(DemuxerTest, ReadsFromAByteSourceThatCanSeekOrNot) {
 Bytes BytesOf(const std::string& text) { return {text.begin(), text.end()}; }
 
 TEST_F(DemuxerTest, OpensAFileByItsNameWhateverThatLooksLike) {
-  const Bytes content = ReadFile(Write({MotionTrack(3)}));
+  const Bytes content = ReadFile(Write({GyroTrack(3)}));
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(PathOf("."));
   std::filesystem::create_directories("http:/127.0.0.1");
@@ -178,7 +152,7 @@ TEST_F(DemuxerTest, OpensAFileByItsNameWhateverThatLooksLike) {
     WriteFile(name, content);
     Demuxer demuxer(name);
     EXPECT_EQ(demuxer.Open(nullptr, nullptr), 0) << name;
-    EXPECT_THAT(Reading(demuxer).packets, SizeIs(3)) << name;
+    EXPECT_THAT(ReadAll(demuxer).packets, SizeIs(3)) << name;
   }
   // Without the file only "scheme://" is an address.
   for (const char* name : {"file:input.mp4", "pipe:0", "rtsp:none", "concat:input.mp4", "none"}) {
@@ -189,7 +163,7 @@ TEST_F(DemuxerTest, OpensAFileByItsNameWhateverThatLooksLike) {
 }
 
 TEST_F(DemuxerTest, RefusesAListOfOtherFiles) {
-  Write({MotionTrack(3)});
+  Write({GyroTrack(3)});
   const struct {
     const char* format;
     std::string text;
@@ -225,7 +199,7 @@ TEST_F(DemuxerTest, RefusesFragmentsOfATrackWithoutNumber) {
     const auto found = std::search(content.begin(), content.end(), box.begin(), box.end());
     found[static_cast<std::ptrdiff_t>(at)] = byte;
   };
-  const std::vector<Mp4Track> tracks{MotionTrack(300), MotionTrack(300)};
+  const std::vector<Mp4Track> tracks{GyroTrack(300), GyroTrack(300)};
   const Bytes whole = ReadFile(Write(tracks, Mp4Order::kFragmented));
   Bytes no_header = whole;
   hide(no_header, "tkhd", 0, 'x');
@@ -248,7 +222,7 @@ TEST_F(DemuxerTest, RefusesFragmentsOfATrackWithoutNumber) {
                   AnyOf(HasSubstr("a track without a number"), HasSubstr("compressed")));
     }
   }
-  EXPECT_THAT(Reading(*Open("", std::make_shared<MemorySource>(whole))).packets, SizeIs(600));
+  EXPECT_THAT(ReadAll(*Open("", std::make_shared<MemorySource>(whole))).packets, SizeIs(600));
 }
 
 // A byte source that throws from one of its functions, and gives a byte at a time before that.
@@ -269,12 +243,12 @@ class ThrowingSource : public MemorySource {
 };
 
 TEST_F(DemuxerTest, AByteSourceMayThrow) {
-  const Bytes content = ReadFile(Write({MotionTrack(9)}, Mp4Order::kMoovFirst));
+  const Bytes content = ReadFile(Write({GyroTrack(9)}, Mp4Order::kMoovFirst));
   for (const int calls : {0, 40, static_cast<int>(content.size()) - 30}) {
     const LogCapture log;
     Demuxer demuxer("");
     int end = demuxer.Open(nullptr, std::make_shared<ThrowingSource>(content, calls));
-    if (end == 0) end = Reading(demuxer).end;
+    if (end == 0) end = ReadAll(demuxer).end;
     EXPECT_LT(end, 0) << calls;
     EXPECT_THAT(log.Lines("av_toolbox/byte_input.cpp"), Contains(HasSubstr("no more"))) << calls;
   }
@@ -285,7 +259,7 @@ TEST_F(DemuxerTest, AFailingReadIsReportedAsItIs) {
   const auto source = std::make_shared<MemorySource>(content);
   source->FailFrom(static_cast<int64_t>(content.size() / 2), AVERROR(EIO));
   const auto demuxer = Open("", source);
-  const Reading reading(*demuxer);
+  const PacketLog reading = ReadAll(*demuxer);
   EXPECT_THAT(reading.packets, SizeIs(AllOf(Ge(30U), Le(60U))));
   EXPECT_EQ(reading.end, AVERROR(EIO));
   std::shared_ptr<QVXPacket> packet = NewPacket();
@@ -335,7 +309,7 @@ TEST_F(DemuxerTest, OperationsWithoutAnOpenInputFail) {
   EXPECT_EQ(source.use_count(), 1);
   ExpectNoInput(failed);
 
-  const auto closed = Open(Write({VideoTrack(), MotionTrack(3)}));
+  const auto closed = Open(Write({VideoTrack(), GyroTrack(3)}));
   EXPECT_EQ(closed->Open(nullptr, nullptr), AVERROR(EINVAL)) << "one input per object";
   closed->Close();
   closed->Close();
@@ -351,7 +325,7 @@ TEST_F(DemuxerTest, AvcWithoutAWholeConfigurationIsReadUnconverted) {
     Demuxer demuxer(Write({video}));
     EXPECT_EQ(demuxer.Open(nullptr, nullptr), configuration.empty() ? 0 : AVERROR_INVALIDDATA);
     EXPECT_EQ(demuxer.VideoStream()->codecpar->codec_id, AV_CODEC_ID_H264);
-    const Reading reading(demuxer);  // must not crash
+    const PacketLog reading = ReadAll(demuxer);  // must not crash
     if (!configuration.empty()) continue;
     EXPECT_THAT(reading.packets, SizeIs(1));
     EXPECT_THAT(log.Lines("av_toolbox/bsf_filter.cpp"), IsEmpty());
@@ -360,7 +334,7 @@ TEST_F(DemuxerTest, AvcWithoutAWholeConfigurationIsReadUnconverted) {
 
 TEST_F(DemuxerTest, PassesOptionsToTheContainer) {
   const Demuxer::Options options{{"ignore_editlist", "1"}, {"unknown", "is no error"}};
-  const Reading reading(*Open(Write({VideoTrack()}), nullptr, &options));
+  const PacketLog reading = ReadAll(*Open(Write({VideoTrack()}), nullptr, &options));
   EXPECT_EQ(reading.packets.front().dts, 0) << "with the edit list it lies below zero";
 }
 
@@ -376,15 +350,15 @@ TEST_F(DemuxerTest, DurationsAreMilliseconds) {
 }
 
 TEST_F(DemuxerTest, APacketThatSomebodyKeepsIsLeftAlone) {
-  const auto demuxer = Open(Write({MotionTrack(3)}));
+  const auto demuxer = Open(Write({GyroTrack(3)}));
   std::shared_ptr<QVXPacket> packet;
   ASSERT_EQ(demuxer->NextPacket(packet), 0);
   const std::shared_ptr<QVXPacket> kept = packet;
-  const PacketCopy before = Copy(*kept);
+  const PacketCopy before(*kept);
   ASSERT_EQ(demuxer->NextPacket(packet), 0);
   EXPECT_EQ(packet->dts, 20);
   demuxer->Close();
-  EXPECT_EQ(Copy(*kept), before) << "a packet outlives its input";
+  EXPECT_EQ(PacketCopy(*kept), before) << "a packet outlives its input";
 }
 
 TEST_F(DemuxerTest, ADiscardedStreamIsSkipped) {
@@ -393,10 +367,10 @@ TEST_F(DemuxerTest, ADiscardedStreamIsSkipped) {
   Mp4Track broken = Mp4Track::Video(EncodeH264().extradata(), 64, 48, 1000);
   for (int i = 0; i < 5; ++i) broken.Add(Bytes{0xFF, 0xFF, 0xFF, 0xFF, 1}, 20);
   for (const Mp4Track& discarded : {AudioTrack(30'000), broken}) {
-    const auto demuxer = Open(Write({discarded, MotionTrack(50)}));
+    const auto demuxer = Open(Write({discarded, GyroTrack(50)}));
     demuxer->DiscardStream(0);
     demuxer->DiscardStream(99);
-    const Reading reading(*demuxer);
+    const PacketLog reading = ReadAll(*demuxer);
     const auto motion = std::count_if(reading.packets.begin(), reading.packets.end(),
                                       [](const PacketCopy& packet) { return packet.stream == 1; });
     EXPECT_EQ(motion, 50);

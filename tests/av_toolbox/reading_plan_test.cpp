@@ -36,7 +36,7 @@ PacketLog Read(const std::string& path, PacketLogOptions options) {
 }
 
 Mp4Track Motion(const std::function<void(Mp4Track&)>& change = {}) {
-  Mp4Track track = MotionTrack(300, 10);
+  Mp4Track track = GyroTrack(300, 10);
   if (change) change(track);
   return track;
 }
@@ -152,7 +152,7 @@ TEST_F(ReadingPlanTest, LeavesTheRestToFFmpegWhenTheFileShrinks) {
   PacketLog log = ReadAll(demuxer, {true, 0, false, 40});
   EXPECT_TRUE(log.by_plan);
   std::filesystem::resize_file(path, std::filesystem::file_size(path) - 30 * 2000 + 700);
-  const PacketLog rest = ReadAll(demuxer, {});
+  const PacketLog rest = ReadAll(demuxer);
   EXPECT_FALSE(rest.by_plan);
   log.packets.insert(log.packets.end(), rest.packets.begin(), rest.packets.end());
   const PacketLog plain = Read(path, {false});
@@ -169,16 +169,16 @@ TEST_F(ReadingPlanTest, EndsWithASeekAndWithItsStream) {
   EXPECT_LT(demuxer.Seek(-1, 0, AVSEEK_FLAG_BYTE), 0);
   EXPECT_TRUE(demuxer.ReadsByPlan()) << "nothing has moved";
   ASSERT_GE(demuxer.Seek(-1, 0, AVSEEK_FLAG_BACKWARD), 0);
-  const PacketLog again = ReadAll(demuxer, {});
+  const PacketLog again = ReadAll(demuxer);
   EXPECT_FALSE(again.by_plan);
-  const std::vector<std::string> motion(plain.packets.end() - 300, plain.packets.end());
+  const std::vector<PacketCopy> motion(plain.packets.end() - 300, plain.packets.end());
   EXPECT_TRUE(again.packets == motion);
 
   Demuxer abandoned(path);
   ASSERT_EQ(abandoned.Open(nullptr, nullptr), 0);
   EXPECT_TRUE(ReadAll(abandoned, {true, 0, false, 250}).by_plan);
   abandoned.DiscardStream(1);
-  EXPECT_EQ(ReadAll(abandoned, {}).end, AVERROR_EOF);
+  EXPECT_EQ(ReadAll(abandoned).end, AVERROR_EOF);
 }
 
 }  // namespace

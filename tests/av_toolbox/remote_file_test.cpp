@@ -45,12 +45,12 @@ class RemoteFileTest : public MediaFileTest {
 };
 
 TEST_F(RemoteFileTest, GivesThePacketsOfTheFileHoweverItIsServed) {
-  const std::vector<Mp4Track> tracks{VideoTrack(60), AudioTrack(3000), MotionTrack(300, 10)};
+  const std::vector<Mp4Track> tracks{VideoTrack(60), AudioTrack(3000), GyroTrack(300, 10)};
   for (const Mp4Order order : {Mp4Order::kMoovFirst, Mp4Order::kMoovLast, Mp4Order::kFragmented}) {
     const std::string path = Write(tracks, order);
     Demuxer local(path);
     ASSERT_EQ(local.Open(nullptr, nullptr), 0);
-    const PacketLog expected = ReadAll(local, {});
+    const PacketLog expected = ReadAll(local, {true, 1});
     for (const char* way : {"plain", "busy", "cut", "stalled", "moved", "to-ticket", "guarded"}) {
       SCOPED_TRACE(way);
       if (way == std::string("stalled") && order != Mp4Order::kMoovFirst) continue;  // seconds
@@ -58,7 +58,7 @@ TEST_F(RemoteFileTest, GivesThePacketsOfTheFileHoweverItIsServed) {
       const auto file = At(way + std::string("/input.mp4?x=1"), "user:secret@");
       ASSERT_EQ(file->Open(), 0) << file->Problem();
       ASSERT_EQ(remote.Open(nullptr, file), 0) << remote.InputProblem();
-      const PacketLog log = ReadAll(remote, {});
+      const PacketLog log = ReadAll(remote, {true, 1});
       EXPECT_TRUE(log.packets == expected.packets);
       EXPECT_EQ(log.end, expected.end);
       EXPECT_EQ(log.by_plan, expected.by_plan);

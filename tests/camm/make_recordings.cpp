@@ -18,13 +18,13 @@ constexpr double kLeast = std::numeric_limits<double>::denorm_min();
 constexpr double kMost = std::numeric_limits<double>::max();
 
 Bytes Fix(double time_gps, std::int32_t fix_type, double latitude, double longitude) {
-  GpsFix fix;
-  fix.time_gps_epoch = time_gps;
-  fix.gps_fix_type = fix_type;
-  fix.latitude = latitude;
-  fix.longitude = longitude;
-  fix.velocity_east = -3.0F;
-  fix.velocity_north = 4.0F;
+  camm::Gps fix;
+  fix.time_gps_s = time_gps;
+  fix.fix_type = fix_type;
+  fix.latitude_deg = latitude;
+  fix.longitude_deg = longitude;
+  fix.velocity_east_m_s = -3.0F;
+  fix.velocity_north_m_s = 4.0F;
   return GpsSample(fix);
 }
 
@@ -38,14 +38,14 @@ Mp4Track Everything(std::uint32_t timescale) {
               step);
     track.Add(GyroSample({value + 0.1F, kNan, -0.0F}), step);
   }
-  track.Add(AngleAxisSample({kInfinity, -kInfinity, kNan}), step);
+  track.Add(Stored(camm::AngleAxis{kInfinity, -kInfinity, kNan}), step);
   track.Add(ExposureSample(std::numeric_limits<std::int32_t>::min(), 16000000), step);
   track.Add(ExposureSample(8000000, std::numeric_limits<std::int32_t>::max()), step);
-  track.Add(PositionSample({1.5F, std::numeric_limits<float>::denorm_min(), 3.4e38F}), step);
-  track.Add(MagneticFieldSample({21.5F, 1.25F, -43.0F}), step);
-  track.Add(MinimalGpsSample(48, 11, static_cast<double>(kNan)), step);
-  track.Add(MinimalGpsSample(kLeast, 180, kMost), step);
-  track.Add(MinimalGpsSample(91, 0, 0), step);
+  track.Add(Stored(camm::Position{1.5F, std::numeric_limits<float>::denorm_min(), 3.4e38F}), step);
+  track.Add(Stored(camm::Magnetic{21.5F, 1.25F, -43.0F}), step);
+  track.Add(Stored(camm::GpsMin{48, 11, static_cast<double>(kNan)}), step);
+  track.Add(Stored(camm::GpsMin{kLeast, 180, kMost}), step);
+  track.Add(Stored(camm::GpsMin{91, 0, 0}), step);
   track.Add(Fix(1.4e9, 3, 48.1, 11.5), step);
   track.Add(Fix(-kMost, 2, -90, -180), step);
   track.Add(Fix(kMost, 0, 1, 1), step);

@@ -20,6 +20,7 @@ using motrace::testing::Bytes;
 using motrace::testing::CammHeader;
 using motrace::testing::Concat;
 using motrace::testing::GyroSample;
+using motrace::testing::GyroTrack;
 using motrace::testing::MemorySource;
 using motrace::testing::Mp4Layout;
 using motrace::testing::Mp4Order;
@@ -28,14 +29,6 @@ using motrace::testing::ReadFile;
 using motrace::testing::TempDir;
 using motrace::testing::WriteFile;
 using ::testing::ElementsAre;
-
-Mp4Track GyroTrack(std::uint32_t timescale, std::uint32_t step, int count, float first = 0) {
-  Mp4Track track = Mp4Track::Camm(timescale);
-  for (int i = 0; i < count; ++i) {
-    track.Add(GyroSample({first + static_cast<float>(i), 0, 0}), step);
-  }
-  return track;
-}
 
 class RecordingTest : public ::testing::Test {
  protected:
@@ -64,7 +57,7 @@ class RecordingTest : public ::testing::Test {
 TEST_F(RecordingTest, TimesAreExactInEveryTimeBase) {
   for (const Mp4Order order : {Mp4Order::kMoovLast, Mp4Order::kMoovFirst, Mp4Order::kFragmented}) {
     const Mp4Layout layout{order};
-    EXPECT_THAT(GyroTimes(Reading({GyroTrack(1'000'000'000, 7, 3)}, {}, layout)),
+    EXPECT_THAT(GyroTimes(Reading({GyroTrack(3, 7, 1'000'000'000)}, {}, layout)),
                 ElementsAre(0, 7, 14));
     EXPECT_THAT(GyroTimes(Reading({GyroTrack(3, 1, 3)}, {}, layout)),
                 ElementsAre(0, 333333333, 666666667));
@@ -74,7 +67,7 @@ TEST_F(RecordingTest, TimesAreExactInEveryTimeBase) {
   early.Add(GyroSample({1, 0, 0}), 5, 0, /*sync=*/false);
   early.edits = {{10, 5}};  // decoding begins before the edit does: a negative time
   EXPECT_THAT(GyroTimes(Reading({early})), ElementsAre(-55556, 0));
-  Mp4Track late = GyroTrack(90000, 1, 2);
+  Mp4Track late = GyroTrack(2, 1, 90000);
   late.edits = {{2500, -1}, {10, 0}};
   EXPECT_THAT(GyroTimes(Reading({late})), ElementsAre(2500000000, 2500011111));
 }
@@ -130,16 +123,16 @@ TEST_F(RecordingTest, FirstPacketOfAnyStreamIsAnOrigin) {
   ReadOptions options;
   options.origin = Origin::kFirstPacket;
   options.stream_index = 1;
-  Mp4Track other = GyroTrack(1000, 5, 4);
+  Mp4Track other = GyroTrack(4, 5);
   other.edits = {{20, -1}, {20, 0}};
-  Mp4Track late = GyroTrack(1000, 10, 2);
+  Mp4Track late = GyroTrack(2, 10);
   late.edits = {{100, -1}, {20, 0}};
   EXPECT_THAT(GyroTimes(Reading({other, late}, options)), ElementsAre(80'000'000, 90'000'000));
 }
 
 TEST_F(RecordingTest, PicksTheFirstTrackThatHoldsPackets) {
   const std::vector<Mp4Track> tracks{Mp4Track::Data("tmcd", "tmcd", 30), Mp4Track::Camm(1000),
-                                     GyroTrack(1000, 1, 2), GyroTrack(1000, 1, 1, 100)};
+                                     GyroTrack(2, 1), GyroTrack(1, 1, 1000, 100)};
   const Recording first = Reading(tracks);
   EXPECT_EQ(first.result.status, Status::kWhole);
   EXPECT_THAT(GyroTimes(first), ElementsAre(0, 1'000'000));
@@ -185,7 +178,7 @@ TEST_F(RecordingTest, WhatIsWrongIsCountedAndNamed) {
 TEST_F(RecordingTest, CutFilesAndFailingReadsAreDamage) {
   Mp4Layout layout;
   layout.order = Mp4Order::kMoovFirst;
-  Reading({GyroTrack(1000, 1, 4)}, {}, layout);
+  Reading({GyroTrack(4, 1)}, {}, layout);
   Bytes content = ReadFile(path_);
   const auto source = std::make_shared<MemorySource>(content);
   source->FailFrom(static_cast<std::int64_t>(content.size()) - 16, AVERROR(EIO));

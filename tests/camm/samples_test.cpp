@@ -29,15 +29,16 @@ std::vector<std::string> Decoded(const Bytes& packet) {
 
 TEST(Samples, EveryTypeIsStoredFieldByField) {
   using namespace motrace::testing;  // NOLINT(google-build-using-namespace): builders of bytes
+  // Two reserved bytes and the type, then the fields.
   const std::vector<Bytes> stored{
-      AngleAxisSample({1, 2, 3}),
-      ExposureSample(4, -5),
-      GyroSample({6, 7, 8}),
-      AccelSample({9, 10, 11}),
-      PositionSample({12, 13, 14}),
-      MinimalGpsSample(15, 16, 17),
-      GpsSample({18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28}),
-      MagneticFieldSample({29, 30, 31}),
+      Packed(0x0000'0000, 1.F, 2.F, 3.F),
+      Packed(0x0001'0000, 4, -5),
+      Packed(0x0002'0000, 6.F, 7.F, 8.F),
+      Packed(0x0003'0000, 9.F, 10.F, 11.F),
+      Packed(0x0004'0000, 12.F, 13.F, 14.F),
+      Packed(0x0005'0000, 15., 16., 17.),
+      Packed(0x0006'0000, 18., 19, 20., 21., 22.F, 23.F, 24.F, 25.F, 26.F, 27.F, 28.F),
+      Packed(0x0007'0000, 29.F, 30.F, 31.F),
   };
   const std::vector<Sample> samples{AngleAxis{1, 2, 3},
                                     Exposure{4, -5},

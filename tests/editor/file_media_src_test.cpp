@@ -153,7 +153,7 @@ class FileMediaSrcTest : public MediaFileTest {
  protected:
   /// A second of video (B-frames, a key frame every half), 1.024 s of sound, a second of motion.
   std::string WriteCamera() {
-    static const std::vector<Mp4Track> tracks{VideoTrack(), AudioTrack(), MotionTrack(50)};
+    static const std::vector<Mp4Track> tracks{VideoTrack(), AudioTrack(), GyroTrack(50)};
     return Write(tracks);
   }
 };
@@ -212,9 +212,9 @@ TEST_F(FileMediaSrcTest, ProgressIsThePositionInTheWholeOrInTheRanges) {
     Ranges ranges;
     double length;  // 0: the longer of video and audio
     size_t packets;
-  } cases[] = {{{VideoTrack(), AudioTrack(), MotionTrack(50)}, {}, 0, 50},
-               {{MotionTrack(50)}, {}, 1000, 50},
-               {{MotionTrack(50)}, {{0, 200}, {400, 600}}, 400, 20}};
+  } cases[] = {{{VideoTrack(), AudioTrack(), GyroTrack(50)}, {}, 0, 50},
+               {{GyroTrack(50)}, {}, 1000, 50},
+               {{GyroTrack(50)}, {{0, 200}, {400, 600}}, 400, 20}};
   for (const auto& c : cases) {
     SourceRun run(Write(c.tracks), "d");
     run.source->SetRanges(c.ranges);
@@ -326,7 +326,7 @@ TEST_F(FileMediaSrcTest, EmptyAndBackwardRangesEnd) {
        {Ranges{{100, 100}}, Ranges{{500, 100}}, Ranges{{0, 0}, {0, 0}},
         Ranges{{INT64_MIN, INT64_MAX}, {INT64_MAX, INT64_MIN}}, Ranges{{5000, 6000}},
         Ranges{{0, 600}, {500, 100}}}) {  // the last: 200 ms in all
-    SourceRun run(Write({MotionTrack(50)}));
+    SourceRun run(Write({GyroTrack(50)}));
     run.source->SetRanges(ranges);
     EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
     if (ranges[0].end_ms == 600) {
@@ -338,7 +338,7 @@ TEST_F(FileMediaSrcTest, EmptyAndBackwardRangesEnd) {
 // ---- pacing
 
 TEST_F(FileMediaSrcTest, PacedReadingTakesTheLengthOfWhatItReads) {
-  SourceRun run(Write({MotionTrack(4)}));
+  SourceRun run(Write({GyroTrack(4)}));
   run.source->SetPaced(true);
   const auto begin = std::chrono::steady_clock::now();
   run.data->on_call = [&](const std::string& call) {
@@ -354,7 +354,7 @@ TEST_F(FileMediaSrcTest, PacedReadingTakesTheLengthOfWhatItReads) {
 
 TEST_F(FileMediaSrcTest, WhateverEndsTheRunEndsThePause) {
   for (const auto& end : {&FileMediaSrc::Interrupt, &FileMediaSrc::Close, &FileMediaSrc::Stop}) {
-    SourceRun run(Write({MotionTrack(3, 3600 * 1000)}));  // the second packet is due in an hour
+    SourceRun run(Write({GyroTrack(3, 3600 * 1000)}));  // the second packet is due in an hour
     run.source->SetPaced(true);
     run.During(*run.data, "packet", 1, [] {});
     PassTime(std::chrono::milliseconds(5));  // most likely the source waits by now
@@ -399,7 +399,7 @@ TEST_F(FileMediaSrcTest, SilentAudioKeepsUpWithTheVideoWithoutADrift) {
 
 TEST_F(FileMediaSrcTest, SilentAudioIsNotAddedToAFileWithSoundOrWithoutVideo) {
   for (const bool with_sound : {true, false}) {
-    SourceRun run(with_sound ? WriteCamera() : Write({MotionTrack(5)}));
+    SourceRun run(with_sound ? WriteCamera() : Write({GyroTrack(5)}));
     run.source->SetAddSilentAudio(true);
     EXPECT_THAT(run.ToTheEnd(), StartsWith("end"));
     EXPECT_EQ(run.audio->packets.empty(), !with_sound);

@@ -158,7 +158,7 @@ TEST_F(ExtractionStressTest, RunsAtOnceWriteTheSameAndLeaveNoDescriptorAndNoThre
     });
   }
   for (std::thread& worker : workers) worker.join();
-  const auto expected = ExtractPlainly(ReadDataStream(input_).value()).files;
+  const auto expected = ExtractPlainly(ReadDataStream(input_).value());
   for (const char* name : {"a", "b", "c"}) EXPECT_EQ(ReadDirectory(dir_ / name), expected);
   EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
   // An ended thread may be listed for a moment after it was joined.

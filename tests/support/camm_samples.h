@@ -4,14 +4,11 @@
 #include <cstdint>
 #include <cstring>
 
+#include "camm/samples.h"
 #include "samples/bytes.h"
 
-/// Builders of Camera Motion Metadata samples, one per type of the public format page
-/// (https://developers.google.com/streetview/publish/camm-spec): two reserved bytes, the type as a
-/// little-endian 16-bit number, then the type's fields, little-endian and without padding.
-///
-/// Every builder returns one whole sample, header included. `reserved` is what the two reserved
-/// bytes hold: the format says 0, real cameras write other values too.
+/// Whole Camera Motion Metadata samples, header included. `reserved` is what the two reserved bytes
+/// hold: the format says 0, real cameras write other values too.
 namespace motrace::testing {
 
 using samples::Bytes;
@@ -29,64 +26,26 @@ Bytes Packed(Fields... fields) {
   (append(fields), ...);
   return bytes;
 }
-inline void AppendU16(Bytes& out, std::uint16_t value) { out = Concat({out, Packed(value)}); }
-
-/// Three components along the device's axes; the unit is the sample type's.
-struct Vec3 {
-  float x = 0;
-  float y = 0;
-  float z = 0;
-};
-
-/// Type 6, fields in stored order.
-struct GpsFix {
-  double time_gps_epoch = 0;      ///< seconds since the GPS epoch
-  std::int32_t gps_fix_type = 3;  ///< 0 none, 2 2D, 3 3D
-  double latitude = 0;            ///< degrees
-  double longitude = 0;           ///< degrees
-  float altitude = 0;             ///< metres
-  float horizontal_accuracy = 0;  ///< metres
-  float vertical_accuracy = 0;    ///< metres
-  float velocity_east = 0;        ///< metres per second
-  float velocity_north = 0;       ///< metres per second
-  float velocity_up = 0;          ///< metres per second
-  float speed_accuracy = 0;       ///< metres per second
-};
 
 /// The 4-byte header alone, for any type number (also ones that the format does not know).
 inline Bytes CammHeader(std::uint16_t type, std::uint16_t reserved = 0) {
   return Packed(reserved, type);
 }
-/// A sample of three floats: types 0 (angle-axis, radians), 2, 3, 4 (position, metres), 7.
-inline Bytes Vec3Sample(std::uint16_t type, const Vec3& v, std::uint16_t reserved = 0) {
-  return Packed(reserved, type, v.x, v.y, v.z);
+inline Bytes Stored(const camm::Sample& sample, std::uint16_t reserved = 0) {
+  Bytes bytes;
+  camm::Encode(sample, bytes);
+  std::memcpy(bytes.data(), &reserved, sizeof reserved);
+  return bytes;
 }
-inline Bytes AngleAxisSample(const Vec3& angle_axis) { return Vec3Sample(0, angle_axis); }
-/// Both times in nanoseconds.
-inline Bytes ExposureSample(std::int32_t pixel_exposure_time,
-                            std::int32_t rolling_shutter_skew_time, std::uint16_t reserved = 0) {
-  return Packed(reserved, std::uint16_t{1}, pixel_exposure_time, rolling_shutter_skew_time);
+inline Bytes ExposureSample(std::int32_t exposure_ns, std::int32_t skew_ns,
+                            std::uint16_t reserved = 0) {
+  return Stored(camm::Exposure{exposure_ns, skew_ns}, reserved);
 }
-/// Radians per second.
-inline Bytes GyroSample(const Vec3& rate, std::uint16_t reserved = 0) {
-  return Vec3Sample(2, rate, reserved);
+inline Bytes GyroSample(const camm::Gyro& rate, std::uint16_t reserved = 0) {
+  return Stored(rate, reserved);
 }
-/// Metres per second squared.
-inline Bytes AccelSample(const Vec3& acceleration, std::uint16_t reserved = 0) {
-  return Vec3Sample(3, acceleration, reserved);
-}
-inline Bytes PositionSample(const Vec3& position) { return Vec3Sample(4, position); }
-/// Degrees, degrees, metres.
-inline Bytes MinimalGpsSample(double latitude, double longitude, double altitude) {
-  return Packed(std::uint16_t{0}, std::uint16_t{5}, latitude, longitude, altitude);
-}
-inline Bytes GpsSample(const GpsFix& fix, std::uint16_t reserved = 0) {
-  return Packed(reserved, std::uint16_t{6}, fix.time_gps_epoch, fix.gps_fix_type, fix.latitude,
-                fix.longitude, fix.altitude, fix.horizontal_accuracy, fix.vertical_accuracy,
-                fix.velocity_east, fix.velocity_north, fix.velocity_up, fix.speed_accuracy);
-}
-/// Microtesla.
-inline Bytes MagneticFieldSample(const Vec3& field) { return Vec3Sample(7, field); }
+inline Bytes AccelSample(const camm::Accel& acceleration) { return Stored(acceleration); }
+inline Bytes GpsSample(const camm::Gps& fix) { return Stored(fix); }
 
 }  // namespace motrace::testing
 

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -24,13 +23,23 @@ struct LogRecord {
   std::string text;
 };
 
-inline std::optional<LogRecord> ParseLogRecord(const std::string& line) {
+/// A line that does not begin as a record belongs to the one before it.
+inline std::vector<LogRecord> ParseLog(const std::string& log) {
   static const std::regex kRecord(R"(\[(VERBOSE|INFO|WARNING|ERROR)\]\[(0x[1-9a-f][0-9a-f]*)\])"
                                   R"(\[(\d\d-\d\d \d\d:\d\d:\d\d\.(?:0|[1-9]\d{0,2}))\])"
                                   R"(\[([^\]]*:\d+[^\]]*)\](.*))");
-  std::smatch match;
-  if (!std::regex_match(line, match, kRecord)) return std::nullopt;
-  return LogRecord{match[1], match[2], match[3], match[4], match[5]};
+  std::vector<LogRecord> records;
+  std::istringstream lines(log);
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch match;
+    if (std::regex_match(line, match, kRecord)) {
+      records.push_back({match[1], match[2], match[3], match[4], match[5]});
+    } else {
+      if (records.empty()) records.emplace_back();
+      records.back().text += '\n' + line;
+    }
+  }
+  return records;
 }
 
 /// From construction to destruction, a copy of every record of the process. Any thread.
@@ -51,17 +60,7 @@ class LogCapture {
     return {buffer_, size_};
   }
 
-  /// A line that does not begin as a record belongs to the one before it.
-  [[nodiscard]] std::vector<LogRecord> Records() const {
-    std::vector<LogRecord> records;
-    std::istringstream text(Text());
-    for (std::string line; std::getline(text, line);) {
-      const std::optional<LogRecord> record = ParseLogRecord(line);
-      if (record) records.push_back(*record);
-      if (!record && !records.empty()) records.back().text += '\n' + line;
-    }
-    return records;
-  }
+  [[nodiscard]] std::vector<LogRecord> Records() const { return ParseLog(Text()); }
 
   /// Every record as "LEVEL file:line text"; of one source file, if one is named.
   [[nodiscard]] std::vector<std::string> Lines(const std::string& file = "") const {

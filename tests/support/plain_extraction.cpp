@@ -58,7 +58,7 @@ std::string JsonNumber(double value) {
   return text;
 }
 
-PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets) {
+std::map<std::string, Bytes> ExtractPlainly(const std::vector<TimedPayload>& packets) {
   std::vector<Sample> gyro;
   std::vector<Sample> acceleration;
   std::vector<Sample> exposure;
@@ -128,7 +128,7 @@ PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets) {
   }
   gps += gps.empty() ? "null" : "]}";
   append("gps.json", Bytes(gps.begin(), gps.end()));
-  return {files, acceleration.size() - pairs};
+  return files;
 }
 
 std::optional<std::vector<TimedPayload>> ReadDataStream(const std::filesystem::path& path) {

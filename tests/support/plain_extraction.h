@@ -1,7 +1,6 @@
 #ifndef MOTRACE_TESTS_SUPPORT_PLAIN_EXTRACTION_H_
 #define MOTRACE_TESTS_SUPPORT_PLAIN_EXTRACTION_H_
 
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -22,14 +21,8 @@ struct TimedPayload {
   Bytes payload;
 };
 
-struct PlainExtraction {
-  std::map<std::string, Bytes> files;  ///< the eight files by name
-  /// Accelerometer samples that no gyroscope sample stands beside.
-  std::size_t unpaired_accelerations = 0;
-};
-
-/// What the packets of one data stream become.
-PlainExtraction ExtractPlainly(const std::vector<TimedPayload>& packets);
+/// What the packets of one data stream become: the eight files by name.
+std::map<std::string, Bytes> ExtractPlainly(const std::vector<TimedPayload>& packets);
 
 /// A double as gps.json shows it: 15 significant digits, ".0" after what would look like an
 /// integer, null for what JSON has no number for.

@@ -1,5 +1,6 @@
-// What goes wrong around the tool: inputs that are cut, resources that run out. Whatever happens, a
-// run exits by itself, and either every output is whole or standard error says what is not.
+// Which arguments and streams the tool stands, and what goes wrong around it: inputs that are cut,
+// resources that run out. Whatever happens, a run exits by itself, and either every output is whole
+// or standard error says what is not.
 
 #include <unistd.h>
 
@@ -12,7 +13,66 @@ namespace motrace::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+TEST(ConsoleTest, TooFewArgumentsPrintTheUsageRecordAlone) {
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{}, {"video.mp4"}}) {
+    const TempDir dir;
+    const ProcessResult run = RunTool(arguments, "cd " + dir.path().string() + " &&");
+    EXPECT_EQ(run.exit_code, 255);
+    EXPECT_THAT(run.out, ::testing::MatchesRegex(R"(\[ERROR\]\[0x[0-9a-f]+\]\[[^]]+\])"
+                                                 R"(\[main\.cpp:21\]usage: motrace source_path )"
+                                                 "save_dir\n"));
+    EXPECT_EQ(run.err, "");
+    EXPECT_TRUE(fs::is_empty(dir.path()));
+  }
+}
+
+TEST(ConsoleTest, RecordsOfFFmpegErrorsKeepTheirLineFeed) {
+  const TempDir dir;
+  // An mp4 file type box and nothing else: FFmpeg misses the movie box and says so.
+  WriteFile(dir / "empty.mp4", {0, 0, 0, 16, 'f', 't', 'y', 'p', 'i', 's', 'o', 'm', 0, 0, 2, 0});
+  const ProcessResult run = RunTool({dir / "empty.mp4", dir.path()});
+  EXPECT_THAT(run.out, ContainsRegex("\\[av_toolbox/ffmpeg_util\\.cpp:14\\]FFmpeg:[^\n]*\n\n"));
+}
+
+TEST(ConsoleTest, TheStandardStreamsDoNotReachTheFiles) {
+  const TempDir dir;
+  const std::string path = dir / "video.mp4";
+  WriteMp4(path, {MotionTrack()});
+  const auto expected = ExtractPlainly(*ReadDataStream(path));
+  for (const std::string streams :
+       {">&-", "<&- >&-", ">&- 2>&-", "<&- >&- 2>&-", ">/dev/full 2>&1", "| true"}) {
+    const TempDir out;
+    EXPECT_EQ(RunTool({path, out.path()}, "", streams).exit_code, 0);
+    EXPECT_THAT(DifferingFiles(expected, ReadDirectory(out.path())), IsEmpty()) << streams;
+  }
+}
+
+TEST(ConsoleTest, PathsAreTakenAsTheyAre) {
+  const TempDir dir;
+  for (const std::string name : {"with space.mp4", "100%d.mp4", "ümläut ✓.mp4", "#?&.mp4",
+                                 "no extension", "'quoted\".mp4", "-v"}) {
+    WriteMp4(dir / name, {MotionTrack()});
+    ExpectPlainExtraction(dir / name);
+  }
+  // What looks like an option is a path; an empty one is the current directory; what an earlier run
+  // has left there is replaced; further arguments are ignored.
+  const auto expected = ExtractPlainly(*ReadDataStream(dir / "-v"));
+  const auto out = dir / "--help";
+  fs::create_directory(out);
+  for (const auto& [folder, save_dir] : {std::pair{dir.path(), "--help"}, {out, ""}}) {
+    for (const auto& [name, content] : expected) {
+      WriteFile(out / name, Bytes(content.size() + 1000, 0x55));
+    }
+    const ProcessResult run = RunTool({*save_dir == 0 ? "../-v" : "-v", save_dir, "--third"},
+                                      "cd " + folder.string() + " &&");
+    EXPECT_EQ(run.err, "");
+    EXPECT_THAT(DifferingFiles(expected, ReadDirectory(out)), IsEmpty());
+  }
+}
 
 class FaultTest : public ::testing::Test {
  protected:
@@ -42,7 +102,7 @@ class FaultTest : public ::testing::Test {
       complete_in_a_row = run.err.empty() ? complete_in_a_row + 1 : 0;
       incomplete += run.err.empty() ? 0 : 1;
       if (run.err.empty()) {
-        EXPECT_TRUE(SameFiles(whole, ReadDirectory(out())));
+        EXPECT_THAT(DifferingFiles(whole, ReadDirectory(out())), IsEmpty());
       } else {
         EXPECT_THAT(run.err, ::testing::AnyOf(HasSubstr(input()), HasSubstr(out())));
       }
@@ -70,7 +130,7 @@ TEST_F(FaultTest, AFileCutAnywhereIsReadAsFarAsItGoesOrRefused) {
 }
 
 TEST_F(FaultTest, AnOutputThatMayNotBeWrittenIsNamedAndKept) {
-  WriteMotion(input());
+  WriteMp4(input(), {MotionTrack()});
   std::ofstream(out() / "gyro.dat") << "kept";
   fs::permissions(out() / "gyro.dat", fs::perms::owner_read | fs::perms::others_read);
   std::string before;

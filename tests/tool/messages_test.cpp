@@ -108,11 +108,11 @@ std::vector<MessageCase> Cases() {
            "note: of the motion tracks of 'IN', stream 0 (440 packets) was read; stream 1 ('camm', "
            "1 packets) was not\n"),
       Case("LeftOut",
-           {PacketTrack({pair, AngleAxisSample({}), MinimalGpsSample(1, 2, 3), AngleAxisSample({}),
-                         CammHeader(9)})},
+           {PacketTrack({pair, Stored(camm::AngleAxis{}), Stored(camm::GpsMin{1, 2, 3}),
+                         Stored(camm::AngleAxis{}), CammHeader(9)})},
            "note: samples of 'IN' that are not extracted: 2 angle-axis (type 0), 1 minimal GPS "
            "(type 5), 1 of unknown types\n"),
-      Case("NothingDecoded", {PacketTrack({MagneticFieldSample({}), PositionSample({})})},
+      Case("NothingDecoded", {PacketTrack({Stored(camm::Magnetic{}), Stored(camm::Position{})})},
            "note: samples of 'IN' that are not extracted: 1 position (type 4), 1 magnetic field "
            "(type 7)\n" +
                nothing),
@@ -208,11 +208,11 @@ TEST_P(MessageTest, SaysWhatAUserShouldKnow) {
   EXPECT_EQ(err, c.err);
 
   if (!c.whole) return;
-  auto expected = ExtractPlainly(*ReadDataStream(input)).files;
+  auto expected = ExtractPlainly(*ReadDataStream(input));
   auto files = ReadDirectory(out);
   expected.erase(c.output);
   files.erase(c.output);
-  EXPECT_TRUE(SameFiles(expected, files));
+  EXPECT_THAT(DifferingFiles(expected, files), ::testing::IsEmpty());
   if (HasFailure()) dir.Keep();
 }
 
@@ -222,12 +222,12 @@ INSTANTIATE_TEST_SUITE_P(Runs, MessageTest, ::testing::ValuesIn(Cases()),
 TEST(Messages, FilesCutShortByALimitAreNamed) {
   const TempDir dir;
   const fs::path input = dir / "input.mp4";
-  WriteMotion(input, 2000);
+  WriteMp4(input, {MotionTrack(90000, 2000)});
   const ProcessResult run = RunTool({input, dir.path()}, "ulimit -f 16;");  // 512 bytes each
   EXPECT_THAT(run.err, ::testing::AllOf(HasSubstr("gyro.dat"), HasSubstr("gps.json"),
                                         HasSubstr("File too large"), Not(HasSubstr("exposure"))));
   // What fits is there: a prefix of the whole.
-  const Bytes whole = ExtractPlainly(*ReadDataStream(input)).files.at("gyro.dat");
+  const Bytes whole = ExtractPlainly(*ReadDataStream(input)).at("gyro.dat");
   EXPECT_EQ(ReadFile(dir / "gyro.dat"), Bytes(whole.begin(), whole.begin() + 8192));
 }
 
@@ -247,7 +247,7 @@ TEST(Messages, AListOfOtherFilesIsRefusedInWords) {
 
 TEST(Messages, AnIndexAtTheEndComesTooLateThroughAPipe) {
   const TempDir dir;
-  WriteMotion(dir / "file", 5000);
+  WriteMp4(dir / "file", {MotionTrack(90000, 5000)});
   const ProcessResult run =
       RunTool({"/dev/stdin", dir.path()}, "cat " + (dir / "file").string() + " |");
   EXPECT_THAT(run.err,

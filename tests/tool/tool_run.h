@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,37 +15,21 @@
 #include "support/subprocess.h"
 #include "support/temp_dir.h"
 
-/// Files to extract, running the built tool, and judging what it left behind.
+/// Running the built tool, and judging what it left behind.
 namespace motrace::testing {
 
-/// One second of H.264 with B-frames (first decode time below zero), encoded once per process.
-const EncodedStream& SharedVideo();
-/// One second of AAC with priming, encoded once per process.
-const EncodedStream& SharedAudio();
-/// The shared streams as tracks with the usual time scales.
-Mp4Track VideoTrack();
-Mp4Track AudioTrack();
 /// A camm track of `instants` at 200 Hz, every sample a packet of its own and of a type that is
 /// read.
 Mp4Track MotionTrack(std::uint32_t timescale = 90000, int instants = 200, int hertz = 200);
-/// A file of such a track alone.
-void WriteMotion(const std::filesystem::path& path, int instants = 200);
-/// A camm track of one packet each, 10 ms apart.
-Mp4Track PacketTrack(const std::vector<Bytes>& packets);
 
 /// Runs `before` ("ulimit -f 16;"), `motrace arguments...` and `after` ("2>&-") as one line of a
 /// shell. A run that hangs or dies of a signal fails the current test.
 ProcessResult RunTool(const std::vector<std::string>& arguments, const std::string& before = "",
                       const std::string& after = "");
 
-/// The log on standard output, a line "LEVEL place text" for each record, by thread; the threads in
-/// the order in which they came. The start line and the line feed that ends an FFmpeg message count
-/// for the thread before them. Anything else fails the current test.
-std::vector<std::vector<std::string>> LogOf(const std::string& standard_output);
-
-/// Every file as expected, none missing, none besides; says which file differs, and where.
-::testing::AssertionResult SameFiles(const std::map<std::string, Bytes>& expected,
-                                     const std::map<std::string, Bytes>& actual);
+/// The names of the files that are in one of them only, or are not the same in both.
+std::set<std::string> DifferingFiles(const std::map<std::string, Bytes>& some,
+                                     const std::map<std::string, Bytes>& others);
 
 /// Extracts `input` into a new directory and compares the eight files with the plain extraction of
 /// what libavformat reads from the file. The exit code must be 0, and standard error must match.
