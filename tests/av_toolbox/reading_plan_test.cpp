@@ -133,8 +133,8 @@ TEST_F(ReadingPlanTest, GivesTheSamePacketsWhereItIsUsedAndIsUsedWhereThatIsCert
     WriteMp4(path, c.tracks, c.layout);
     if (c.change) c.change(path);
     for (const int before : {0, 1, 40}) {
+      const PacketLog plain = Read(path, {false, before});
       for (const bool keep : {false, true}) {
-        const PacketLog plain = Read(path, {false, before, keep});
         const PacketLog by_plan = Read(path, {true, before, keep});
         EXPECT_EQ(by_plan.end, plain.end);
         EXPECT_TRUE(by_plan.packets == plain.packets) << before << ' ' << keep;
@@ -151,7 +151,7 @@ TEST_F(ReadingPlanTest, LeavesTheRestToFFmpegWhenTheFileShrinks) {
   ASSERT_EQ(demuxer.Open(nullptr, nullptr), 0);
   PacketLog log = ReadAll(demuxer, {true, 0, false, 40});
   EXPECT_TRUE(log.by_plan);
-  std::filesystem::resize_file(path, std::filesystem::file_size(path) - 30 * 2000 + 700);
+  std::filesystem::resize_file(path, std::filesystem::file_size(path) - size_t{30} * 2000 + 700);
   const PacketLog rest = ReadAll(demuxer);
   EXPECT_FALSE(rest.by_plan);
   log.packets.insert(log.packets.end(), rest.packets.begin(), rest.packets.end());

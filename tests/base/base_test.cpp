@@ -138,6 +138,7 @@ TEST(LogSink, LinesOfSeveralThreadsNeverInterleave) {
   const LogCapture log;
   ::testing::internal::CaptureStdout();
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&body] {
       for (int i = 0; i < 500; ++i) LUM_LOG_AT(kInfo, kSomewhere) << body;

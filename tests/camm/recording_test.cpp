@@ -181,7 +181,7 @@ TEST_F(RecordingTest, CutFilesAndFailingReadsAreDamage) {
   Reading({GyroTrack(4, 1)}, {}, layout);
   Bytes content = ReadFile(path_);
   const auto source = std::make_shared<MemorySource>(content);
-  source->FailFrom(static_cast<std::int64_t>(content.size()) - 16, AVERROR(EIO));
+  source->fails_from = static_cast<std::int64_t>(content.size()) - 16;
   const Recording failing = Read({"memory", source});
   EXPECT_EQ(failing.result.status, Status::kPartial);
   EXPECT_EQ(failing.Of<Gyro>().size(), 3U);

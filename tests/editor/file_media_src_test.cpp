@@ -478,7 +478,7 @@ TEST_F(FileMediaSrcTest, UsedAgainItFails) {
 TEST_F(FileMediaSrcTest, AReadErrorIsReportedWithCodeOne) {
   const auto bytes =
       std::make_shared<MemorySource>(ReadFile(Write({LongTrack()}, Mp4Order::kMoovFirst)));
-  bytes->FailFrom(100000, AVERROR(EIO));
+  bytes->fails_from = 100000;
   SourceRun run("memory");
   run.source->SetIOSource(bytes);
   EXPECT_EQ(run.ToTheEnd(), "error");

@@ -44,28 +44,21 @@ int Rounds(int rounds) {
   return rounds * static_cast<int>(FromEnvironment("MOTRACE_STRESS_FACTOR", 1));
 }
 
-/// Random numbers and moments of one thread.
-class Chance {
- public:
-  explicit Chance(uint32_t seed) : engine_(seed) {}
+/// 0 to `limit` - 1.
+uint32_t Below(std::mt19937& chance, uint32_t limit) {
+  return static_cast<uint32_t>(chance()) % limit;
+}
 
-  /// 0 to `limit` - 1.
-  uint32_t Below(uint32_t limit) { return Next() % limit; }
-  uint32_t Next() { return static_cast<uint32_t>(engine_()); }
-  /// Lets a little time pass: mostly well below 100 microseconds, at times nothing at all.
-  void Dawdle() {
-    std::atomic<uint32_t> turns{Below(4) == 0 ? 0 : Below(30'000)};
-    while (turns > 0) --turns;
-  }
-
- private:
-  std::mt19937 engine_;
-};
+/// Lets a little time pass: mostly well below 100 microseconds, at times nothing at all.
+void Dawdle(std::mt19937& chance) {
+  std::atomic<uint32_t> turns{Below(chance, 4) == 0 ? 0 : Below(chance, 30'000)};
+  while (turns > 0) --turns;
+}
 
 class StressTest : public ::testing::Test {
  protected:
   uint32_t seed_ = FromEnvironment("MOTRACE_STRESS_SEED", 20240229);
-  Chance chance_{seed_};
+  std::mt19937 chance_{seed_};
   ::testing::ScopedTrace trace_{__FILE__, __LINE__, seed_};
 };
 
@@ -84,24 +77,25 @@ TEST_F(StressTest, PostingWhileALoopStopsLosesNoMemoryAndDoesNotHang) {
     std::atomic<int> posted{0};
     dispatcher->Run();
     std::vector<std::thread> threads;
+    threads.reserve(5);
     for (int p = 0; p < 3; ++p) {
-      threads.emplace_back([&, mine = Chance(chance_.Next())]() mutable {
+      threads.emplace_back([&, mine = std::mt19937(chance_())]() mutable {
         for (int i = 0; i < 60; ++i) {
           lum::MakeEvent(0, handler, dispatcher)
               ->SetData("value", value)
-              ->PostWithDelay(static_cast<int32_t>(mine.Below(4)));
+              ->PostWithDelay(static_cast<int32_t>(Below(mine, 4)));
           ++posted;
         }
       });
     }
     for (int s = 0; s < 2; ++s) {
-      threads.emplace_back([&, mine = Chance(chance_.Next())]() mutable {
-        mine.Dawdle();
-        if (mine.Below(2) == 0) lum::MakeEvent(kStop, handler, dispatcher)->Post();
+      threads.emplace_back([&, mine = std::mt19937(chance_())]() mutable {
+        Dawdle(mine);
+        if (Below(mine, 2) == 0) lum::MakeEvent(kStop, handler, dispatcher)->Post();
         dispatcher->Stop();
       });
     }
-    chance_.Dawdle();
+    Dawdle(chance_);
     dispatcher->Stop();
     dispatcher->Release();  // while the others still post and stop
     for (std::thread& thread : threads) thread.join();
@@ -112,18 +106,13 @@ TEST_F(StressTest, PostingWhileALoopStopsLosesNoMemoryAndDoesNotHang) {
 
 // ---- the real file source and motion filter, over a small file, many times in one process
 
-constexpr int kSamples = 24;
+constexpr int kSamples = 2 * 10 + 2 + 2;
 
 class ExtractionStressTest : public StressTest {
  protected:
   ExtractionStressTest() {
-    Mp4Track camm = Mp4Track::Camm(1000);
-    for (int i = 0; i < kSamples / 2; ++i) {
-      const auto value = static_cast<float>(i);
-      camm.Add(GyroSample({value, 1, 2}), 0);
-      camm.Add(AccelSample({value, 3, 4}), 10);
-    }
-    WriteMp4(input_, {camm});
+    constexpr CameraOptions kTenthOfASecond{1000, 10, 100, 20, 20, 0};
+    WriteMp4(input_, {CameraTrack(kTenthOfASecond)});
     lum::InitFFmpeg();
   }
 
@@ -206,12 +195,12 @@ TEST_F(ExtractionStressTest, CanceledAtRandomMomentsAPipeReportsOnceAndReadsNoMo
   std::array<int, 4> met{};  // end, cancel, error, none
   for (int round = 0; round < Rounds(1000); ++round) {
     const auto pipe = std::make_shared<lum::MediaPipe>();
-    std::vector<std::shared_ptr<StrictConsumer>> consumers(1 + chance_.Below(3));
+    std::vector<std::shared_ptr<StrictConsumer>> consumers(1 + Below(chance_, 3));
     for (auto& consumer : consumers) {
       consumer = std::make_shared<StrictConsumer>();
       // At most one of: a cancel from the source's own thread, a refused packet.
-      consumer->on_packet = [&pipe, at_packet = static_cast<int>(chance_.Below(4 * kSamples)),
-                             refuse = chance_.Below(3) == 0](int packets) {
+      consumer->on_packet = [&pipe, at_packet = static_cast<int>(Below(chance_, 4 * kSamples)),
+                             refuse = Below(chance_, 3) == 0](int packets) {
         if (packets != at_packet) return true;
         if (!refuse) pipe->Cancel();
         return !refuse;
@@ -233,17 +222,18 @@ TEST_F(ExtractionStressTest, CanceledAtRandomMomentsAPipeReportsOnceAndReadsNoMo
     ASSERT_TRUE(pipe->Prepare());
     pipe->Start();
     std::vector<std::thread> cancellers;
+    cancellers.reserve(2);
     for (int c = 0; c < 2; ++c) {
-      cancellers.emplace_back([&pipe, mine = Chance(chance_.Next())]() mutable {
-        for (uint32_t i = mine.Below(4); i > 0; --i) mine.Dawdle();
-        if (mine.Below(2) > 0) pipe->Cancel();
+      cancellers.emplace_back([&pipe, mine = std::mt19937(chance_())]() mutable {
+        for (uint32_t i = Below(mine, 4); i > 0; --i) Dawdle(mine);
+        if (Below(mine, 2) > 0) pipe->Cancel();
       });
     }
-    const bool wait_for_report = chance_.Below(4) > 0;
+    const bool wait_for_report = Below(chance_, 4) > 0;
     if (wait_for_report) {
       reported.get_future().wait();
     } else {
-      chance_.Dawdle();
+      Dawdle(chance_);
     }
     pipe->Release();
     for (std::thread& canceller : cancellers) canceller.join();

@@ -18,19 +18,13 @@ class MemorySource : public lum::IOSource {
   explicit MemorySource(Bytes content, bool seekable = true)
       : content_(std::move(content)), seekable_(seekable) {}
 
-  /// Reads that begin at or after `offset` fail with FFmpeg's error `code`.
-  void FailFrom(int64_t offset, int code) {
-    fail_from_ = offset;
-    fail_code_ = code;
-  }
-
   bool IsSeekable() override { return seekable_; }
   int64_t Size() override { return static_cast<int64_t>(content_.size()); }
   int64_t Position() override { return position_; }
 
   int Read(uint8_t* buffer, int size) override {
-    if (position_ >= fail_from_) return fail_code_;
-    const int64_t count = std::min<int64_t>({size, Size() - position_, fail_from_ - position_});
+    if (position_ >= fails_from) return AVERROR(EIO);
+    const int64_t count = std::min<int64_t>({size, Size() - position_, fails_from - position_});
     if (count <= 0) return AVERROR_EOF;
     std::copy_n(content_.begin() + position_, count, buffer);
     position_ += count;
@@ -49,13 +43,13 @@ class MemorySource : public lum::IOSource {
   }
 
   int seeks = 0;
+  /// Reads that begin there or after it fail.
+  int64_t fails_from = std::numeric_limits<int64_t>::max();
 
  private:
   Bytes content_;
   bool seekable_;
   int64_t position_ = 0;
-  int64_t fail_from_ = std::numeric_limits<int64_t>::max();
-  int fail_code_ = 0;
 };
 
 }  // namespace motrace::testing

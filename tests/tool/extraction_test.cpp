@@ -109,10 +109,10 @@ TEST(Extraction, OtherMuxers) {
   constexpr std::uint32_t kCamm = MKTAG('c', 'a', 'm', 'm');
   constexpr std::uint32_t kOnlyTagOfMovMuxer = MKTAG('g', 'p', 'm', 'd');
   const struct {
-    const char* format;
-    AVCodecID data_codec;
-    std::uint32_t data_tag;
-    const char* movflags;
+    const char* format = "";
+    AVCodecID data_codec = AV_CODEC_ID_NONE;
+    std::uint32_t data_tag = 0;
+    const char* movflags = "";
     ::testing::Matcher<const std::string&> said;
   } muxers[] = {{"mov", AV_CODEC_ID_BIN_DATA, kOnlyTagOfMovMuxer, "", HasSubstr("tagged 'gpmd'")},
                 {"mp4", AV_CODEC_ID_BIN_DATA, 0, "frag_keyframe+empty_moov+default_base_moof",

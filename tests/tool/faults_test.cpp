@@ -2,10 +2,7 @@
 // resources that run out. Whatever happens, a run exits by itself, and either every output is whole
 // or standard error says what is not.
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <fstream>
 
 #include "tool/tool_run.h"
 
@@ -127,24 +124,6 @@ TEST_F(FaultTest, AFileCutAnywhereIsReadAsFarAsItGoesOrRefused) {
     EXPECT_THAT(run.err, HasSubstr(input()));
     EXPECT_EQ(ReadDirectory(out())["gyro.dat"].size() % 56, 0U);
   }
-}
-
-TEST_F(FaultTest, AnOutputThatMayNotBeWrittenIsNamedAndKept) {
-  WriteMp4(input(), {MotionTrack()});
-  std::ofstream(out() / "gyro.dat") << "kept";
-  fs::permissions(out() / "gyro.dat", fs::perms::owner_read | fs::perms::others_read);
-  std::string before;
-  if (geteuid() == 0) {  // root may write everything
-    fs::permissions(dir_.path(), fs::perms::all);
-    fs::permissions(out(), fs::perms::all);
-    before = "setpriv --reuid=65534 --regid=65534 --clear-groups";
-  }
-  const ProcessResult run = RunTool({input(), out()}, before);
-  EXPECT_EQ(run.exit_code, 0);
-  EXPECT_EQ(run.err, "motrace: cannot create '" + (out() / "gyro.dat").string() +
-                         "': Permission denied\nmotrace: nothing was extracted from '" +
-                         input().string() + "'\n");
-  EXPECT_EQ(ReadFile(out() / "gyro.dat"), (Bytes{'k', 'e', 'p', 't'}));
 }
 
 // Sanitizers need descriptors of their own, and map more addresses than any such limit leaves.
