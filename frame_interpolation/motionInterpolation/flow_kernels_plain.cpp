@@ -20,11 +20,11 @@ void structureTensor(const SearchArgs& args, int begin, int end, std::int32_t* /
       std::int64_t xx = 0, yy = 0, xy = 0, x = 0, y = 0;
       for (int row = is * args.patch_stride; row < is * args.patch_stride + args.patch_size;
            ++row) {
-        const std::ptrdiff_t at = row * args.grad_stride + js * args.patch_stride;
+        const std::ptrdiff_t at = row * args.grad_stride + std::ptrdiff_t{js} * args.patch_stride;
         for (std::ptrdiff_t i = at; i < at + args.patch_size; ++i) {
-          xx += args.ix[i] * args.ix[i];
-          yy += args.iy[i] * args.iy[i];
-          xy += args.ix[i] * args.iy[i];
+          xx += std::int64_t{args.ix[i]} * args.ix[i];
+          yy += std::int64_t{args.iy[i]} * args.iy[i];
+          xy += std::int64_t{args.ix[i]} * args.iy[i];
           x += args.ix[i];
           y += args.iy[i];
         }
@@ -222,7 +222,8 @@ void resize(const ResizeArgs& args, int begin, int end, float* /*scratch*/) {
 }
 
 float& flowAt(const RefineArgs& args, int buffer, FlowPlane plane, int x, int y) {
-  const std::ptrdiff_t half = std::ptrdiff_t{y} * kFlowHalves + 2 * plane + ((x + y) & 1);
+  const std::ptrdiff_t half =
+      std::ptrdiff_t{y} * kFlowHalves + std::ptrdiff_t{2} * plane + ((x + y) & 1);
   return args.flow[buffer][half * args.half_stride + x / 2];
 }
 

@@ -16,7 +16,6 @@ namespace camm {
 namespace {
 
 using motrace::testing::Bytes;
-using motrace::testing::Concat;
 using motrace::testing::EncodeAac;
 using motrace::testing::EncodeH264;
 using motrace::testing::Mp4Order;
@@ -76,7 +75,7 @@ class WriterTest : public ::testing::Test {
                         const std::vector<Mp4Track>& more = {}) {
     std::vector<Mp4Track> tracks{ToMp4Track(EncodeH264(), 90000), ToMp4Track(EncodeAac(), 48000)};
     tracks.insert(tracks.end(), more.begin(), more.end());
-    const std::string path = dir_ / "video.mp4";
+    std::string path = dir_ / "video.mp4";
     motrace::testing::WriteMp4(path, tracks, {order, 500, gap});
     return path;
   }
@@ -144,20 +143,20 @@ TEST_F(WriterTest, TimesThatNoExactScaleHoldsAreRounded) {
 
 TEST_F(WriterTest, OtherTracksStayAsTheyAre) {
   struct {
-    Mp4Order order;
     std::uint64_t gap;
-    bool open_end;  // the last box states no size
     const char* trailer;
+    Mp4Order order;
+    bool open_end;  // the last box states no size
   } const cases[] = {
-      {Mp4Order::kMoovLast, 0, false, ""},
-      {Mp4Order::kMoovFirst, 0, false, ""},
-      {Mp4Order::kMoovLast, std::uint64_t{5} << 30, false, ""},  // 64-bit offsets; a hole
-      {Mp4Order::kMoovLast, 0, false, "a camera's trailer, no box"},
-      {Mp4Order::kMoovFirst, 0, true, ""},
+      {0, "", Mp4Order::kMoovLast, false},
+      {0, "", Mp4Order::kMoovFirst, false},
+      {std::uint64_t{5} << 30, "", Mp4Order::kMoovLast, false},  // 64-bit offsets; a hole
+      {0, "a camera's trailer, no box", Mp4Order::kMoovLast, false},
+      {0, "", Mp4Order::kMoovFirst, true},
   };
   std::vector<std::int64_t> times;
   for (std::int64_t i = 0; i < 3000; ++i) times.push_back(10000000 + i * 1250000);
-  for (const auto& [order, gap, open_end, trailer] : cases) {
+  for (const auto& [gap, trailer, order, open_end] : cases) {
     const std::string video = MakeVideo(order, gap);
     if (gap == 0) {
       Bytes content = ReadFile(video);
