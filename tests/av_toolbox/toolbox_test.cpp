@@ -187,11 +187,5 @@ TEST(FFmpegLogTest, PassesErrorsAndWorseUpToALengthAndDropsTheRest) {
                                        error + std::string(1023, 'a')));
 }
 
-TEST(FFmpegErrorStringTest, IsFFmpegsDescription) {
-  EXPECT_EQ(FFmpegErrorString(AVERROR(ENOENT)), "No such file or directory");
-  EXPECT_EQ(FFmpegErrorString(AVERROR_INVALIDDATA), "Invalid data found when processing input");
-  EXPECT_EQ(FFmpegErrorString(-123456789), "Error number -123456789 occurred");
-}
-
 }  // namespace
 }  // namespace lum

@@ -10,7 +10,6 @@ namespace motrace::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
@@ -25,14 +24,6 @@ TEST(ConsoleTest, TooFewArgumentsPrintTheUsageRecordAlone) {
     EXPECT_EQ(run.err, "");
     EXPECT_TRUE(fs::is_empty(dir.path()));
   }
-}
-
-TEST(ConsoleTest, RecordsOfFFmpegErrorsKeepTheirLineFeed) {
-  const TempDir dir;
-  // An mp4 file type box and nothing else: FFmpeg misses the movie box and says so.
-  WriteFile(dir / "empty.mp4", {0, 0, 0, 16, 'f', 't', 'y', 'p', 'i', 's', 'o', 'm', 0, 0, 2, 0});
-  const ProcessResult run = RunTool({dir / "empty.mp4", dir.path()});
-  EXPECT_THAT(run.out, ContainsRegex("\\[av_toolbox/ffmpeg_util\\.cpp:14\\]FFmpeg:[^\n]*\n\n"));
 }
 
 TEST(ConsoleTest, TheStandardStreamsDoNotReachTheFiles) {
