@@ -275,8 +275,8 @@ void DISOpticalFlowImpl::calc(InputArray I0, InputArray I1, InputOutputArray flo
 
   const Mat i0 = I0.getMat();
   const Mat i1 = I1.getMat();
-  const bool use_initial_flow =
-      getUseInitialFlow() && !flow.empty() && flow.type() == CV_32FC2 && flow.size() == i0.size();
+  const bool use_initial_flow = getUseInitialFlow() && !flow.empty() && flow.dims() <= 2 &&
+                                flow.type() == CV_32FC2 && flow.size() == i0.size();
   const Mat initial_flow = use_initial_flow ? flow.getMat() : Mat();
   const int finest = chooseScales(full);
 

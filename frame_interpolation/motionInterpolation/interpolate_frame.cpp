@@ -129,7 +129,7 @@ void InterpolateFrame(cv::InputArray first, cv::InputArray second, double time,
     FlowsBetween(first, second, flows.first, flows.second);
   }
   for (const cv::Mat* flow : {&flows.first, &flows.second}) {
-    if (flow->type() != CV_32FC2 || flow->size() != given.first.size()) {
+    if (flow->type() != CV_32FC2 || flow->dims > 2 || flow->size() != given.first.size()) {
       CV_Error(cv::Error::StsBadArg, "flows must be CV_32FC2, of the frames' size");
     }
   }
