@@ -192,6 +192,7 @@ TEST(EventDispatcher, ManyProducersLoseNothingAndKeepTheirOrders) {
     in_order = in_order && number == next.at(static_cast<size_t>(producer))++;
   });
   std::vector<std::thread> producers;
+  producers.reserve(4);
   for (int p = 0; p < 4; ++p) {
     producers.emplace_back([&loop, p] {
       for (int i = 0; i < 2000; ++i) loop.Post(i * 4 + p);
