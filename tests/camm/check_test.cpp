@@ -26,7 +26,7 @@ constexpr std::int64_t kMillisecond = 1'000'000;
 std::vector<TimedSample> SoundSamples() {
   std::vector<TimedSample> samples;
   for (int i = 0; i < 200; ++i) {
-    const std::int64_t time = i * 5 * kMillisecond;
+    const std::int64_t time = std::int64_t{i} * 5 * kMillisecond;
     samples.push_back({time, Gyro{0.01F, 0, 0}});
     samples.push_back({time, Accel{0, 0, 9.8F}});
     if (i % 20 == 0) samples.push_back({time, Gps{1.4e9 + i * 0.005, 3, 48 + i * 5e-7, 11, 500}});

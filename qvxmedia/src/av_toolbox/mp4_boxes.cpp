@@ -9,8 +9,8 @@ namespace lum {
 namespace {
 
 constexpr int64_t kHeaderSize = 8;
-constexpr int64_t kLargestScanned = 64 * 1024;  // bytes
-constexpr uint32_t kPlainDescription = 16;      // bytes
+constexpr int64_t kLargestScanned = int64_t{64} * 1024;  // bytes
+constexpr uint32_t kPlainDescription = 16;               // bytes
 
 // Beside the one `moov`.
 constexpr std::string_view kTopLevel[] = {"ftyp", "free", "skip", "wide", "mdat", "uuid"};
