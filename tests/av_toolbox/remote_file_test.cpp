@@ -51,6 +51,9 @@ TEST_F(RemoteFileTest, GivesThePacketsOfTheFileHoweverItIsServed) {
     Demuxer local(path);
     ASSERT_EQ(local.Open(nullptr, nullptr), 0);
     const PacketLog expected = ReadAll(local, {true, 1});
+    Demuxer named(server_.Address("cut/input.mp4"));  // which FFmpeg itself would end early
+    ASSERT_EQ(named.Open(nullptr, nullptr), 0) << named.InputProblem();
+    EXPECT_TRUE(ReadAll(named, {true, 1}).packets == expected.packets);
     for (const char* way : {"plain", "busy", "cut", "stalled", "moved", "to-ticket", "guarded"}) {
       SCOPED_TRACE(way);
       if (way == std::string("stalled") && order != Mp4Order::kMoovFirst) continue;  // seconds
@@ -99,6 +102,9 @@ TEST_F(RemoteFileTest, SaysWhatIsWrongWithoutTheAddress) {
     EXPECT_THAT(file->Problem(), Not(HasSubstr("secret")));
     EXPECT_FALSE(file->ReadAt(0, byte.data(), 1)) << "it stays so";
   }
+  Demuxer missing(server_.Address("missing/input.mp4"));
+  EXPECT_EQ(missing.Open(nullptr, nullptr), AVERROR_HTTP_NOT_FOUND);
+  EXPECT_THAT(missing.InputProblem(), HasSubstr("answered 404"));
   EXPECT_EQ(RemoteFile("http://127.0.0.1:1/", {1, 2, std::chrono::milliseconds(1), 1}).Open(),
             AVERROR(EIO));
 }

@@ -16,6 +16,7 @@
 #include "av_toolbox/ffmpeg_util.h"
 #include "av_toolbox/filter_util.h"
 #include "av_toolbox/packet_util.h"
+#include "av_toolbox/time_util.h"
 #include "support/log_capture.h"
 #include "support/samples.h"
 
@@ -69,8 +70,15 @@ TEST(AacPacketTest, CarriesACopyOfTheFrameOrNoPayload) {
   }
 }
 
+TEST(RescaleTest, IsNothingInATimeBaseThatIsNotPositive) {
+  for (const AVRational bad : {AVRational{0, 1000}, {1, 0}, {-1, 1000}, {1, -1000}}) {
+    EXPECT_EQ(Rescale(1000, bad, kMicroseconds), 0) << bad.num << '/' << bad.den;
+    EXPECT_EQ(Rescale(1000, kMicroseconds, bad), 0) << bad.num << '/' << bad.den;
+  }
+}
+
 TEST(AacStreamTest, DescribesTheTrackWithPaddedExtradata) {
-  for (const Bytes& extradata : {Bytes{0x11, 0x90}, Bytes{}}) {
+  for (const Bytes& extradata : {Bytes{0x11, 0x90}, Bytes{0x11}, Bytes{}}) {
     const auto stream =
         NewAACStream(AV_SAMPLE_FMT_FLTP, AV_CH_LAYOUT_STEREO, 2, 48000, extradata.data(),
                      static_cast<int>(extradata.size()), {1, 44100});
