@@ -199,9 +199,9 @@ TEST(ProcessGuardDeathTest, AProcessThatEndsEarlySaysSo) {
         LUM_CHECK(kWords == nullptr);
       },
       failed, kWords);
-  // A fault of the program keeps its signal.
+  // A fault of the program keeps its signal and its name.
   EXPECT_EXIT(LeaveAThreadWith(std::logic_error("fault")), testing::KilledBySignal(SIGABRT),
-              kWords);
+              std::string(kWords) + ".*what.*fault");
   EXPECT_EXIT(
       {
         { const ProcessGuard guard(kWords); }

@@ -166,6 +166,7 @@ std::vector<Setting> settings() {
           {"gaps between patches", 0.2376, true, patches(5, 7)},
           {"largest patches", 0.4896, true, patches(16, 16)},
           {"one step per pass", 0.4648, true, [](E& e) { e.setGradientDescentIterations(3); }},
+          {"no steps", 2.5645, false, [](E& e) { e.setGradientDescentIterations(0); }},
           {"no mean", 0.3767, true, [](E& e) { e.setUseMeanNormalization(false); }},
           {"no propagation", 0.3973, true, [](E& e) { e.setUseSpatialPropagation(false); }},
           {"no refinement", 0.5580, false, [](E& e) { e.setVariationalRefinementIterations(0); }},
