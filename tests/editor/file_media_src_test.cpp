@@ -198,7 +198,15 @@ TEST_F(FileMediaSrcTest, StreamsWithoutAConsumerAreDroppedButSetTheStart) {
   for (const bool read_all : {false, true}) {
     SourceRun run(WriteCamera(), "d");
     run.source->SetReadAllStreams(read_all);
+    bool dropped = false;
+    run.data->on_call = [&](const std::string& call) {
+      if (call == "packet") {
+        dropped = run.source->demuxer()->GetStream(0)->discard == AVDISCARD_ALL;
+      }
+      return true;
+    };
     EXPECT_EQ(run.ToTheEnd(), "end -1") << "an end is estimated from video and audio alone";
+    EXPECT_EQ(dropped, !read_all);
     ASSERT_THAT(run.data->stamps, SizeIs(50));
     for (int64_t i = 0; i < 50; ++i) {
       EXPECT_EQ(run.data->stamps[static_cast<size_t>(i)], Stamps(i * 20 + 67, i * 20 + 67));
