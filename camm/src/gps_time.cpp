@@ -165,7 +165,8 @@ std::optional<std::int64_t> ParseUtc(std::string_view text) {
       date.month != month || date.day != day || hour > 23 || minute > 59 || second > 60) {
     return std::nullopt;
   }
-  return (days * kDay + hour * 3600 + (minute - offset) * 60 + second) * kSecond + fraction;
+  const std::int64_t minutes = std::int64_t{hour} * 60 + minute - offset;
+  return (days * kDay + minutes * 60 + second) * kSecond + fraction;
 }
 
 }  // namespace camm
