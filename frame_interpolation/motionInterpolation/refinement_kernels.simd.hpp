@@ -114,7 +114,7 @@ void beginRefinement(const RefineArgs& args, const Band& band) {
   }
 }
 
-/// Weights of the four samples around a position, `t` behind the second: the cubic through them of
+/// Weights of the four samples around a position, `t` past the second: the cubic through them of
 /// Keys, "Cubic Convolution Interpolation for Digital Image Processing", 1981.
 struct CubicWeights {
   explicit CubicWeights(const v_float32& t) {
@@ -382,7 +382,7 @@ struct Pixels {
   v_float32 u, v;
 };
 
-/// A half row of them. v lies equally far behind u in all.
+/// A half row of them. v lies equally far after u in all.
 struct PixelRow {
   Pixels at(std::ptrdiff_t k) const { return {vx_load(u + k), vx_load(u + v_distance + k)}; }
   void put(std::ptrdiff_t k, const Pixels& pixels) const {

@@ -397,7 +397,7 @@ class PatchMatcher {
   std::int16_t mask_[kFull ? 1 : kMaxPatch * kMaxPatch] = {};
 };
 
-/// Where a pass goes, and what of it lies behind.
+/// Where a pass goes, and what of it is done.
 struct Visit {
   int is, js;       // row and column of the patch
   int step;         // 1 or -1

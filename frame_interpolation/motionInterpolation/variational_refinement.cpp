@@ -159,7 +159,7 @@ void VariationalRefinement::allocate(Size size, int bands) {
     collectGarbage();
     size_ = size;
   }
-  // Two vectors behind each row: the last of a row is read and written whole.
+  // Two vectors after each row: the last of a row is read and written whole.
   const int natural_cols = rowStride(kPad + aligned(w) + 3 * kPad);
   const int half_cols = rowStride(kPad + aligned((w + 1) / 2) + 2 * kPad);
   second_.create(h + 3, aligned(w + 3), CV_8UC1);
